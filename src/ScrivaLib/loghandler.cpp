@@ -1,0 +1,108 @@
+#include "loghandler.h"
+
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QStandardPaths>
+#include <QTextStream>
+#include <QThread>
+
+#include <cstdlib>
+
+namespace {
+
+// Written once during start-up, before any other thread exists; read by every thread after.
+struct LogState
+{
+    bool enabled = false;
+    QString fileName;
+    QString dataDirectory;
+    QString logDirectory;
+    QString hostLogPath;
+    QString certStoreLogPath;
+    QString keyChainLogPath;
+};
+
+LogState& state()
+{
+    static LogState s;
+    return s;
+}
+
+QMutex& logMutex()
+{
+    static QMutex m;
+    return m;
+}
+
+} // namespace
+
+void LogHandler::init(const QString& fileName)
+{
+    LogState& s = state();
+    s.fileName = fileName;
+    s.dataDirectory = QDir::cleanPath(QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation)
+                                      + QStringLiteral("/Corvant/Scriva"))
+                      + QLatin1Char('/');
+    s.logDirectory = s.dataDirectory + QStringLiteral("Logs") + QLatin1Char('/');
+    s.hostLogPath = QDir::cleanPath(s.logDirectory + QLatin1Char('/') + fileName);
+    s.certStoreLogPath = QDir::cleanPath(s.logDirectory + QStringLiteral("/CertStoreLog.txt"));
+    s.keyChainLogPath = QDir::cleanPath(s.logDirectory + QStringLiteral("/KeyChainLog.txt"));
+    s.enabled = true;
+    qInstallMessageHandler(&LogHandler::messageHandler);
+}
+
+void LogHandler::shutdown()
+{
+    state().enabled = false;
+    qInstallMessageHandler(nullptr);
+}
+
+bool LogHandler::isEnabled() { return state().enabled; }
+QString LogHandler::dataDirectory() { return state().dataDirectory; }
+QString LogHandler::logDirectory() { return state().logDirectory; }
+QString LogHandler::hostLogPath() { return state().hostLogPath; }
+QString LogHandler::certStoreLogPath() { return state().certStoreLogPath; }
+QString LogHandler::keyChainLogPath() { return state().keyChainLogPath; }
+
+bool LogHandler::hostLogExists()
+{
+    const LogState& s = state();
+    if (!s.enabled)
+        return false;
+    const QFileInfo info(s.hostLogPath);
+    return info.exists() && info.isFile();
+}
+
+QString LogHandler::formatLine(QtMsgType type, const QMessageLogContext& context, const QString& message)
+{
+    static const QString levels = QStringLiteral("DWCFI");
+    const int index = static_cast<int>(type);
+    const QString level = index >= 0 && index < levels.size() ? QString(levels.at(index)) : QStringLiteral("?");
+    // One pass over the template, so a '%' in the message text is never taken for a placeholder.
+    return QStringLiteral("%1 - %8 - %7 - %2 - %3 - at %4 in %5 line %6")
+        .arg(QDateTime::currentDateTimeUtc().toString(Qt::ISODate), level, message,
+             QString::fromUtf8(context.function ? context.function : ""),
+             QString::fromUtf8(context.file ? context.file : ""), QString::number(context.line),
+             QString::number(reinterpret_cast<quintptr>(QThread::currentThreadId())),
+             QString::number(QCoreApplication::applicationPid()));
+}
+
+void LogHandler::messageHandler(QtMsgType type, const QMessageLogContext& context, const QString& message)
+{
+    // Logging is opt-in: the file is never created here, only appended to while it exists.
+    if (!hostLogExists())
+        return;
+
+    QMutexLocker locker(&logMutex());
+    QFile file(state().hostLogPath);
+    if (file.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Text)) {
+        QTextStream stream(&file);
+        stream << formatLine(type, context, message) << Qt::endl;
+        file.close();
+    }
+    if (type == QtFatalMsg)
+        std::abort();
+}

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <QMutex>
+#include <QString>
+#include <QtGlobal>
+
+// The opt-in file log: every Qt log message of the process goes through messageHandler, which
+// appends one line to the host log only while that file exists as a regular file.
+class LogHandler
+{
+public:
+    static void init(const QString& fileName);
+    static void shutdown();
+    static void messageHandler(QtMsgType type, const QMessageLogContext& context, const QString& message);
+
+    // The line as it is written, without the end of line.
+    static QString formatLine(QtMsgType type, const QMessageLogContext& context, const QString& message);
+
+    static bool isEnabled();
+    static QString dataDirectory();
+    static QString logDirectory();
+    static QString hostLogPath();
+    static QString certStoreLogPath();
+    static QString keyChainLogPath();
+    // True when the host log file exists, which also switches the PKCS#11 call trace on.
+    static bool hostLogExists();
+
+    static constexpr const char* hostLogFileName = "ScrivaPkcs11Log.txt";
+};
