@@ -1,0 +1,50 @@
+#include "circleanimation.h"
+
+#include <QPainter>
+#include <QPen>
+
+CircleAnimation::CircleAnimation(qreal diameter, QGraphicsItem* parent)
+    : QGraphicsObject(parent), diameter(diameter)
+{
+    animation.setStartValue(0);
+    animation.setEndValue(360);
+    animation.setDuration(1200);
+    animation.setLoopCount(-1);
+    connect(&animation, &QVariantAnimation::valueChanged, this, [this](const QVariant& value) {
+        angle = value.toInt();
+        update();
+    });
+}
+
+QRectF CircleAnimation::boundingRect() const
+{
+    return QRectF(0, 0, diameter, diameter);
+}
+
+void CircleAnimation::paint(QPainter* painter, const QStyleOptionGraphicsItem*, QWidget*)
+{
+    const qreal width = diameter / 10;
+    const QRectF arc = boundingRect().adjusted(width, width, -width, -width);
+    painter->setRenderHint(QPainter::Antialiasing);
+    painter->setPen(QPen(QColor(220, 220, 220), width));
+    painter->drawEllipse(arc);
+    painter->setPen(QPen(QColor(0, 94, 170), width, Qt::SolidLine, Qt::RoundCap));
+    // Qt angles are in sixteenths of a degree, counter-clockwise.
+    painter->drawArc(arc, -angle * 16, 100 * 16);
+}
+
+void CircleAnimation::start()
+{
+    if (animation.state() != QAbstractAnimation::Running)
+        animation.start();
+}
+
+void CircleAnimation::stop()
+{
+    animation.stop();
+}
+
+bool CircleAnimation::isRunning() const
+{
+    return animation.state() == QAbstractAnimation::Running;
+}

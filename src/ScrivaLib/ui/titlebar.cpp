@@ -1,0 +1,56 @@
+#include "titlebar.h"
+
+#include <QHBoxLayout>
+#include <QMouseEvent>
+
+TitleBar::TitleBar(QWidget* parent)
+    : QWidget(parent), titleLabel(new QLabel(this)), closeButton(new QToolButton(this))
+{
+    setObjectName(QStringLiteral("titleBar"));
+    setMouseTracking(true);
+    titleLabel->setObjectName(QStringLiteral("lblTitle"));
+    closeButton->setObjectName(QStringLiteral("btnClose"));
+    closeButton->setText(QStringLiteral("\u2715"));
+    closeButton->setAutoRaise(true);
+    auto* layout = new QHBoxLayout(this);
+    layout->setContentsMargins(8, 4, 4, 4);
+    layout->addWidget(titleLabel, 1);
+    layout->addWidget(closeButton);
+    connect(closeButton, &QToolButton::clicked, this, &TitleBar::closeBtnClicked);
+}
+
+void TitleBar::setTitle(const QString& title)
+{
+    titleLabel->setText(title);
+}
+
+QString TitleBar::title() const
+{
+    return titleLabel->text();
+}
+
+void TitleBar::mousePressEvent(QMouseEvent* event)
+{
+    if (event->button() == Qt::LeftButton) {
+        dragging = true;
+        dragOrigin = event->globalPosition().toPoint();
+    }
+    QWidget::mousePressEvent(event);
+}
+
+void TitleBar::mouseMoveEvent(QMouseEvent* event)
+{
+    if (dragging) {
+        const QPoint now = event->globalPosition().toPoint();
+        const QPoint delta = now - dragOrigin;
+        dragOrigin = now;
+        emit moveVectorEvent(QVector2D(float(delta.x()), float(delta.y())));
+    }
+    QWidget::mouseMoveEvent(event);
+}
+
+void TitleBar::mouseReleaseEvent(QMouseEvent* event)
+{
+    dragging = false;
+    QWidget::mouseReleaseEvent(event);
+}

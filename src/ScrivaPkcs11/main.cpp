@@ -1,0 +1,61 @@
+#include "appexception.h"
+#include "loghandler.h"
+#include "nativemessaginghost.h"
+#include "scrivabuildid.h"
+
+#include <QCommandLineParser>
+#include <QDir>
+#include <QPalette>
+#include <QSysInfo>
+
+int main(int argc, char** argv)
+{
+    // First, so that every later message can reach the log.
+    LogHandler::init(QString::fromLatin1(LogHandler::hostLogFileName));
+    Q_INIT_RESOURCE(scriva);
+
+    auto* app = new NativeMessagingHost(argc, argv);
+
+    QPalette palette = QApplication::palette();
+    palette.setBrush(QPalette::All, QPalette::Base, QBrush(Qt::white, Qt::SolidPattern));
+    QApplication::setPalette(palette);
+
+    // The window may be closed; only the protocol ends the host.
+    QApplication::setQuitOnLastWindowClosed(false);
+
+    const QString applicationDir = QCoreApplication::applicationDirPath();
+    if (QDir(applicationDir) != QDir(QDir::currentPath()))
+        qWarning().noquote() << "Working directory was not set before the application has started";
+    if (!QDir::setCurrent(applicationDir))
+        qWarning().noquote() << "Unable to set working directory";
+
+    if (!app->initDefaultLanguage()) {
+        delete app;
+        return 1;
+    }
+
+    QCoreApplication::setApplicationVersion(
+        QStringLiteral("%1 (%2)").arg(QLatin1String(NativeMessagingHost::programVersion), QLatin1String(SCRIVA_BUILD_ID)));
+    qInfo().noquote() << "Starting app: " + QCoreApplication::applicationName() + QLatin1Char(' ')
+                             + QCoreApplication::applicationVersion();
+    qInfo().noquote() << "Qt build version: " QT_VERSION_STR;
+    qInfo().noquote() << QStringLiteral("Qt runtime version: ") + QLatin1String(qVersion());
+    qInfo().noquote() << "OS type: " + QSysInfo::prettyProductName();
+    qInfo().noquote() << "with arguments: " + QCoreApplication::arguments().join(QLatin1Char(' '));
+
+    QCommandLineParser parser;
+    parser.addVersionOption();
+    parser.addHelpOption();
+    if (parser.parse(QCoreApplication::arguments()))
+        parser.process(*app);
+    else
+        qWarning().noquote() << "CommandLineParser error: " + parser.errorText();
+
+    app->startThreads();
+    const int exitCode = app->exec();
+
+    Q_CLEANUP_RESOURCE(scriva);
+    qInfo().noquote() << "Application quits with exit code: " + QString::number(exitCode);
+    delete app;
+    return exitCode;
+}

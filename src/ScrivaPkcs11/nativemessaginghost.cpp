@@ -1,0 +1,108 @@
+#include "nativemessaginghost.h"
+
+#include "Protocol1/nativemessaging1.h"
+#include "appexception.h"
+#include "readthread.h"
+#include "writethread.h"
+
+#include <QDeadlineTimer>
+#include <QRegularExpression>
+
+NativeMessagingHost::NativeMessagingHost(int& argc, char** argv)
+    : QApplication(argc, argv), translator(new QTranslator)
+{
+    qInfo().noquote() << "Initializing NativeMessagingHost";
+}
+
+NativeMessagingHost::~NativeMessagingHost()
+{
+    qInfo().noquote() << "Destroying NativeMessagingHost";
+    qInfo().noquote() << "Requesting the interruption of the threads";
+    if (readThread)
+        readThread->requestInterruption();
+    if (writeThread)
+        writeThread->requestInterruption();
+
+    qInfo().noquote() << "Waiting for threads to finish execution";
+    if (writeThread)
+        writeThread->wait(QDeadlineTimer(1000, Qt::CoarseTimer));
+    if (readThread)
+        readThread->wait(QDeadlineTimer(1000, Qt::CoarseTimer));
+    if (writeThread && writeThread->isRunning())
+        qWarning().noquote() << "Write thread is still running";
+    if (readThread && readThread->isRunning())
+        qWarning().noquote() << "Read thread is still running";
+
+    delete nativeMessagingAdapter;
+    // A thread that did not stop in time is left alone: deleting it would abort the process.
+    if (writeThread && !writeThread->isRunning())
+        delete writeThread;
+    if (readThread && !readThread->isRunning())
+        delete readThread;
+    delete translator;
+}
+
+bool NativeMessagingHost::initDefaultLanguage()
+{
+    const QString path = QString::fromLatin1(translationsDirectory) + QStringLiteral("Scriva_en");
+    if (!translator->load(path)) {
+        qWarning().noquote() << "Unable to load translation file" << path;
+        return false;
+    }
+    if (!installTranslator(translator)) {
+        qWarning().noquote() << "Unable to install translator";
+        return false;
+    }
+    return true;
+}
+
+void NativeMessagingHost::startThreads()
+{
+    try {
+        readThread = new ReadThread;
+        connect(readThread, &ReadThread::processMessage, this, &NativeMessagingHost::processMessage,
+                Qt::AutoConnection);
+        readThread->start(QThread::InheritPriority);
+        writeThread = new WriteThread;
+        writeThread->start(QThread::InheritPriority);
+    } catch (const AppException& e) {
+        qWarning().noquote() << "Unable to start Threads: " + e.toString(true);
+    }
+}
+
+void NativeMessagingHost::processMessage(QJsonObject obj)
+{
+    if (nativeMessagingAdapter) {
+        nativeMessagingAdapter->processMessage(obj);
+        return;
+    }
+
+    try {
+        if (obj.isEmpty())
+            throw APP_EXCEPTION(tr("Received empty JSON message"));
+        const QString method = obj.value(QStringLiteral("method")).toString();
+        if (method.isEmpty())
+            throw APP_EXCEPTION(tr("Received JSON message does not specify NM method"));
+
+        static const QRegularExpression pattern(
+            QStringLiteral("^ScrivaPkcs11\\.(\\d+\\.\\d+\\.\\d+)\\.(\\w+)\\.QES\\.CreateInstance$"));
+        const QRegularExpressionMatch match = pattern.match(method);
+        if (!match.hasMatch())
+            throw APP_EXCEPTION(tr("Invalid NM method: %1").arg(method));
+        const QString version = match.captured(1);
+        const QString hostType = match.captured(2);
+        if (version != QLatin1String("1.0.0"))
+            throw APP_EXCEPTION(tr("Unsupported NM version: %1").arg(version));
+        if (hostType != QLatin1String("qt"))
+            throw APP_EXCEPTION(tr("Invalid NM host type: %1").arg(hostType));
+
+        auto* adapter = new NativeMessaging1(version, hostType);
+        connect(adapter, &NativeMessagingAdapter::sendMessage, writeThread, &WriteThread::addJsonDocument);
+        nativeMessagingAdapter = adapter;
+        nativeMessagingAdapter->processMessage(obj);
+    } catch (const AppException& e) {
+        // An invalid first message ends the host without an answer.
+        qWarning().noquote() << "Unable to initialize NativeMessagingAdapter: " + e.toString(true);
+        QCoreApplication::quit();
+    }
+}

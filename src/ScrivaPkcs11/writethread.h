@@ -1,0 +1,36 @@
+#pragma once
+
+#include <QDataStream>
+#include <QFile>
+#include <QJsonDocument>
+#include <QList>
+#include <QMutex>
+#include <QThread>
+#include <QWaitCondition>
+
+// Writes the queued answers to stdout as native-messaging frames, first in first out. The
+// queue is always drained before an interruption request is honoured.
+class WriteThread : public QThread
+{
+    Q_OBJECT
+
+public:
+    static constexpr int maximumOutgoingSize = 1048576;
+
+    explicit WriteThread(QObject* parent = nullptr);
+
+    void writeToStdout(const QJsonDocument& document);
+
+public slots:
+    void addJsonDocument(QJsonDocument document);
+
+protected:
+    void run() override;
+
+private:
+    QList<QJsonDocument> queue;
+    QMutex queueMutex;
+    QWaitCondition queued;
+    QFile stdoutFile;
+    QDataStream stdoutStream;
+};
