@@ -1,0 +1,64 @@
+#include "generatecsroperationdata.h"
+
+#include "appexception.h"
+#include "pkcs11/XmlParser/ckattributeparser.h"
+
+GenerateCsrOperationData::GenerateCsrOperationData(
+    const QString& tokenSerialNumber, const QString& tokenLabel, CK_MECHANISM_TYPE generateKeyPairMechanism,
+    CK_MECHANISM_TYPE csrSigningMechanism, CK_MECHANISM_TYPE csrDigestMechanism, CsrType csrType,
+    const QString& csrSubject, const QString& enrollmentCspProvider, const QList<CK_ATTRIBUTE>& publicKeyAttributes,
+    const QList<CK_ATTRIBUTE>& privateKeyAttributes, bool kovData)
+    : tokenSerialNumber(tokenSerialNumber),
+      tokenLabel(tokenLabel),
+      generateKeyPairMechanism(generateKeyPairMechanism),
+      csrSigningMechanism(csrSigningMechanism),
+      csrDigestMechanism(csrDigestMechanism),
+      csrType(csrType),
+      csrSubject(csrSubject),
+      enrollmentCspProvider(enrollmentCspProvider),
+      kovData(kovData)
+{
+    // One text for five different faults is what the system has always reported.
+    const QString refusal = QStringLiteral("No CK_ATTRIBUTE provided!");
+    if (publicKeyAttributes.isEmpty())
+        throw APP_EXCEPTION(refusal);
+    if (privateKeyAttributes.isEmpty())
+        throw APP_EXCEPTION(refusal);
+    if (tokenSerialNumber.isEmpty())
+        throw APP_EXCEPTION(refusal);
+    if (csrSubject.isEmpty())
+        throw APP_EXCEPTION(refusal);
+    if (enrollmentCspProvider.isEmpty())
+        throw APP_EXCEPTION(refusal);
+    // Adopted only now: nothing above may leave the caller's buffers with two owners.
+    this->publicKeyAttributes = publicKeyAttributes;
+    this->privateKeyAttributes = privateKeyAttributes;
+}
+
+GenerateCsrOperationData::GenerateCsrOperationData(const GenerateCsrOperationData* other)
+{
+    if (!other)
+        throw APP_EXCEPTION(QStringLiteral("Other is null!"));
+    tokenSerialNumber = other->tokenSerialNumber;
+    tokenLabel = other->tokenLabel;
+    generateKeyPairMechanism = other->generateKeyPairMechanism;
+    csrSigningMechanism = other->csrSigningMechanism;
+    csrDigestMechanism = other->csrDigestMechanism;
+    csrType = other->csrType;
+    csrSubject = other->csrSubject;
+    enrollmentCspProvider = other->enrollmentCspProvider;
+    publicKeyAttributes = CkAttributeParser::copyAttributes(other->publicKeyAttributes);
+    try {
+        privateKeyAttributes = CkAttributeParser::copyAttributes(other->privateKeyAttributes);
+    } catch (...) {
+        CkAttributeParser::freeAttributeValues(publicKeyAttributes);
+        throw;
+    }
+    kovData = other->kovData;
+}
+
+GenerateCsrOperationData::~GenerateCsrOperationData()
+{
+    CkAttributeParser::freeAttributeValues(publicKeyAttributes);
+    CkAttributeParser::freeAttributeValues(privateKeyAttributes);
+}

@@ -1,0 +1,9 @@
+#include "getslotsoperationdata.h"
+
+#include "appexception.h"
+
+GetSlotsOperationData::GetSlotsOperationData(const GetSlotsOperationData* other)
+{
+    if (!other)
+        throw APP_EXCEPTION(QStringLiteral("Other is NULL!"));
+}

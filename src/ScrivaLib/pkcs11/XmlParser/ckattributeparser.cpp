@@ -1,0 +1,164 @@
+#include "ckattributeparser.h"
+
+#include <QDateTime>
+#include <QtDebug>
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+bool CkAttributeParser::getAttributeByteArray(CK_ATTRIBUTE_TYPE type, const QByteArray& value,
+                                              CK_ATTRIBUTE* attribute) const
+{
+    if (!attribute) {
+        qWarning("Output parameter is NULL!");
+        return false;
+    }
+    // At least one byte, so an empty value still gets a buffer its holder can free.
+    void* buffer = std::malloc(size_t(qMax<qsizetype>(value.size(), 1)));
+    if (!buffer) {
+        qWarning("Unable to allocate pValue");
+        return false;
+    }
+    if (!value.isEmpty())
+        std::memcpy(buffer, value.constData(), size_t(value.size()));
+    attribute->type = type;
+    attribute->pValue = buffer;
+    attribute->ulValueLen = CK_ULONG(value.size());
+    return true;
+}
+
+bool CkAttributeParser::getAttributeString(CK_ATTRIBUTE_TYPE type, const QString& value,
+                                           CK_ATTRIBUTE* attribute) const
+{
+    return getAttributeByteArray(type, value.toUtf8(), attribute);
+}
+
+bool CkAttributeParser::getAttributeHexByteArray(CK_ATTRIBUTE_TYPE type, const QString& value,
+                                                 CK_ATTRIBUTE* attribute) const
+{
+    return getAttributeByteArray(type, QByteArray::fromHex(value.toUtf8()), attribute);
+}
+
+CK_RV CkAttributeParser::translateBool(const QString& value, CK_BBOOL* result) const
+{
+    if (!result) {
+        qWarning("Output parameter is NULL!");
+        return CKR_ARGUMENTS_BAD;
+    }
+    if (value.compare(QLatin1String("true"), Qt::CaseInsensitive) == 0) {
+        *result = CK_TRUE;
+        return CKR_OK;
+    }
+    if (value.compare(QLatin1String("false"), Qt::CaseInsensitive) == 0) {
+        *result = CK_FALSE;
+        return CKR_OK;
+    }
+    return CKR_ATTRIBUTE_VALUE_INVALID;
+}
+
+bool CkAttributeParser::getAttributeBoolean(CK_ATTRIBUTE_TYPE type, const QString& value,
+                                            CK_ATTRIBUTE* attribute) const
+{
+    if (!attribute) {
+        qWarning("Output parameter is NULL!");
+        return false;
+    }
+    auto* buffer = static_cast<CK_BBOOL*>(std::malloc(sizeof(CK_BBOOL)));
+    if (!buffer) {
+        qWarning("Unable to allocate pValue");
+        return false;
+    }
+    if (translateBool(value, buffer) != CKR_OK) {
+        qWarning("Attribute value is invalid");
+        std::free(buffer);
+        return false;
+    }
+    attribute->type = type;
+    attribute->pValue = buffer;
+    attribute->ulValueLen = sizeof(CK_BBOOL);
+    return true;
+}
+
+bool CkAttributeParser::getAttributeUnsignedLong(CK_ATTRIBUTE_TYPE type, const QString& value,
+                                                 CK_ATTRIBUTE* attribute) const
+{
+    if (!attribute) {
+        qWarning("Output parameter is NULL!");
+        return false;
+    }
+    auto* buffer = static_cast<CK_ULONG*>(std::malloc(sizeof(CK_ULONG)));
+    if (!buffer) {
+        qWarning("Unable to allocate pValue!");
+        return false;
+    }
+    bool converted = false;
+    const qulonglong number = value.toULongLong(&converted, 10);
+    static_assert(sizeof(CK_ULONG) == sizeof(qulonglong), "CK_ULONG is 64 bits wide on this target");
+    if (!converted) {
+        qWarning("Unable to convert parsed value to ULong!");
+        std::free(buffer);
+        return false;
+    }
+    *buffer = CK_ULONG(number);
+    attribute->type = type;
+    attribute->pValue = buffer;
+    attribute->ulValueLen = sizeof(CK_ULONG);
+    return true;
+}
+
+bool CkAttributeParser::getAttributeDate(CK_ATTRIBUTE_TYPE type, const QString& value,
+                                         CK_ATTRIBUTE* attribute) const
+{
+    if (!attribute) {
+        qWarning("Output parameter is NULL!");
+        return false;
+    }
+    // The date is taken in the zone the text states, so a UTC text gives its UTC date.
+    const QDateTime dateTime = QDateTime::fromString(value, Qt::ISODate);
+    if (!dateTime.isValid()) {
+        qWarning("Unable to parse the dateTime!");
+        return false;
+    }
+    const QByteArray day = dateTime.toString(QStringLiteral("dd")).toLatin1();
+    const QByteArray month = dateTime.toString(QStringLiteral("MM")).toLatin1();
+    const QByteArray year = dateTime.toString(QStringLiteral("yyyy")).toLatin1();
+
+    CK_DATE date;
+    std::memset(&date, '0', sizeof(date));
+    std::memcpy(date.year, year.constData(), qMin(sizeof(date.year), size_t(year.size())));
+    std::memcpy(date.month, month.constData(), qMin(sizeof(date.month), size_t(month.size())));
+    std::memcpy(date.day, day.constData(), qMin(sizeof(date.day), size_t(day.size())));
+    return getAttributeByteArray(type, QByteArray(reinterpret_cast<const char*>(&date), sizeof(date)), attribute);
+}
+
+void CkAttributeParser::freeAttributeValues(QList<CK_ATTRIBUTE>& attributes)
+{
+    for (CK_ATTRIBUTE& attribute : attributes) {
+        std::free(attribute.pValue);
+        attribute.pValue = nullptr;
+    }
+    attributes.clear();
+}
+
+QList<CK_ATTRIBUTE> CkAttributeParser::copyAttributes(const QList<CK_ATTRIBUTE>& attributes)
+{
+    QList<CK_ATTRIBUTE> copies;
+    copies.reserve(attributes.size());
+    try {
+        for (const CK_ATTRIBUTE& attribute : attributes) {
+            CK_ATTRIBUTE copy = attribute;
+            if (attribute.pValue) {
+                copy.pValue = std::malloc(qMax<size_t>(attribute.ulValueLen, 1));
+                if (!copy.pValue)
+                    throw std::bad_alloc();
+                std::memcpy(copy.pValue, attribute.pValue, attribute.ulValueLen);
+            }
+            copies.append(copy);
+        }
+    } catch (...) {
+        freeAttributeValues(copies);
+        throw;
+    }
+    return copies;
+}

@@ -1,0 +1,636 @@
+#include "pkcs11operationdataparser.h"
+
+#include "appexception.h"
+#include "ownedresource.h"
+#include "scrivanamespaces.h"
+#include "xmlschemacache.h"
+#include "OperationData/location.h"
+#include "OperationData/pkcs11librarydata.h"
+#include "OperationData/OperationSpecific/createobjectoperationdata.h"
+#include "OperationData/OperationSpecific/generatecsroperationdata.h"
+#include "OperationData/OperationSpecific/getcertificatesoperationdata.h"
+#include "OperationData/OperationSpecific/getslotsoperationdata.h"
+
+#include <libxml/parser.h>
+#include <libxml/xmlschemas.h>
+
+#include <QXmlStreamReader>
+#include <QtDebug>
+
+#include <climits>
+#include <cstdlib>
+
+namespace {
+
+using OwnedDocument = Owned<xmlDoc, xmlFreeDoc>;
+using OwnedValidationContext = Owned<xmlSchemaValidCtxt, xmlSchemaFreeValidCtxt>;
+
+bool isNamed(const QXmlStreamReader* reader, const char* name)
+{
+    return reader->name() == QLatin1String(name);
+}
+
+bool isEndOf(const QXmlStreamReader* reader, const char* name)
+{
+    return reader->isEndElement() && isNamed(reader, name);
+}
+
+bool isAttributeElement(const QXmlStreamReader* reader)
+{
+    return isNamed(reader, "BoolAttribute") || isNamed(reader, "StringAttribute")
+           || isNamed(reader, "UnsignedLongAttribute") || isNamed(reader, "ByteArrayAttribute")
+           || isNamed(reader, "DateTimeAttribute");
+}
+
+// Mechanisms and attribute types are read without an error check: text that is no number gives 0.
+CK_ULONG readUnsignedLong(QXmlStreamReader* reader)
+{
+    return CK_ULONG(reader->readElementText().toULong(nullptr, 10));
+}
+
+// The token an operation addresses: "TokenSerialNumber" of 2022-12-29 requests, or the
+// "TokenIdentification" group with "SerialNumber" and "Label" of 2026-02-04 requests.
+struct TokenIdentification
+{
+    QString serialNumber;
+    QString label;
+    bool inGroup = false;
+
+    // True when the reader's current token belongs to the token identification and was taken.
+    bool take(QXmlStreamReader* reader)
+    {
+        if (isEndOf(reader, "TokenIdentification")) {
+            inGroup = false;
+            return true;
+        }
+        if (!reader->isStartElement())
+            return false;
+        if (isNamed(reader, "TokenSerialNumber")) {
+            serialNumber = reader->readElementText();
+            return true;
+        }
+        if (isNamed(reader, "TokenIdentification")) {
+            inGroup = true;
+            return true;
+        }
+        if (inGroup && isNamed(reader, "SerialNumber")) {
+            serialNumber = reader->readElementText();
+            return true;
+        }
+        if (inGroup && isNamed(reader, "Label")) {
+            label = reader->readElementText();
+            return true;
+        }
+        return false;
+    }
+};
+
+// Frees the value buffers of attribute lists that never reached a record.
+class AttributeListsGuard
+{
+public:
+    explicit AttributeListsGuard(std::initializer_list<QList<CK_ATTRIBUTE>*> lists) : lists(lists) {}
+    ~AttributeListsGuard()
+    {
+        if (!released) {
+            for (QList<CK_ATTRIBUTE>* list : lists)
+                CkAttributeParser::freeAttributeValues(*list);
+        }
+    }
+    void release() { released = true; }
+
+private:
+    std::initializer_list<QList<CK_ATTRIBUTE>*> lists;
+    bool released = false;
+};
+
+void logCreationFailure(const char* text, const AppException& exception)
+{
+    qWarning("%s", text);
+    qDebug().noquote() << exception.toString(false);
+}
+
+} // namespace
+
+QString Pkcs11OperationDataParser::schemaResourcePath(const QString& xmlNamespace)
+{
+    if (xmlNamespace == ScrivaNamespaces::version20221229())
+        return QStringLiteral(":/Schemas/ScrivaOperation-2022-12-29.xsd");
+    if (xmlNamespace == ScrivaNamespaces::version20260204())
+        return QStringLiteral(":/Schemas/ScrivaOperation-2026-02-04.xsd");
+    return QString();
+}
+
+bool Pkcs11OperationDataParser::validate(const QString& xml, const QString& xmlNamespace) const
+{
+    qInfo("Validation of input XML started");
+    if (xml.isEmpty()) {
+        qWarning("XML is null or empty!");
+        return false;
+    }
+    if (xmlNamespace.isEmpty()) {
+        qWarning("XML namespace is null or empty!");
+        return false;
+    }
+    const QString resourcePath = schemaResourcePath(xmlNamespace);
+    if (resourcePath.isEmpty()) {
+        qWarning("Unable to find XSD schema for provided XML namespace!");
+        return false;
+    }
+
+    XmlSchemaCache::initParser();
+    const QByteArray utf8 = xml.toUtf8();
+    // No error output, no network; entities are not expanded.
+    const int options = XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NONET;
+    OwnedDocument document(utf8.size() > INT_MAX
+                               ? nullptr
+                               : xmlReadMemory(utf8.constData(), int(utf8.size()), nullptr, nullptr, options));
+    if (!document) {
+        qWarning("Unable to load XML.");
+        return false;
+    }
+
+    xmlSchema* schema = XmlSchemaCache::schema(resourcePath);
+    if (!schema)
+        return false;
+    OwnedValidationContext context(xmlSchemaNewValidCtxt(schema));
+    if (!context) {
+        qWarning("Unable to create XML validation context.");
+        return false;
+    }
+    xmlSchemaSetValidStructuredErrors(context.get(), &Pkcs11OperationDataParser::xmlValidationErrorHandler, nullptr);
+    if (xmlSchemaValidateDoc(context.get(), document.get()) != 0) {
+        qWarning("Input XML is not valid!");
+        return false;
+    }
+    qInfo("Validation of input XML was successful");
+    return true;
+}
+
+void Pkcs11OperationDataParser::xmlValidationErrorHandler(void* userData, XmlErrorPointer error)
+{
+    Q_UNUSED(userData);
+    if (!error || !error->message)
+        return;
+    qWarning().noquote() << QString::fromUtf8(error->message).trimmed();
+}
+
+bool Pkcs11OperationDataParser::parseLibraryData(QXmlStreamReader* reader, Pkcs11LibraryData** libraryData) const
+{
+    if (!reader) {
+        qWarning("QXmlStreamReader is nullptr!");
+        return false;
+    }
+    if (!libraryData) {
+        qWarning("Output pointer to pointer is nullptr!");
+        return false;
+    }
+    if (*libraryData) {
+        qWarning("Dereferenced output pointer to pointer is not nullptr!");
+        return false;
+    }
+
+    QList<Location> locations;
+    QString pin1Name;
+    QString pin2Name;
+    QString vendorExtensions;
+    bool showPinForm = false;
+    bool showPinFormParsed = false;
+    bool allowManualSelection = false;
+    bool allowManualSelectionParsed = false;
+
+    while (!reader->atEnd()) {
+        reader->readNext();
+        if (isEndOf(reader, "Pkcs11Library"))
+            break;
+        if (!reader->isStartElement())
+            continue;
+        if (isNamed(reader, "Locations"))
+            continue;
+        if (isNamed(reader, "Location")) {
+            Location location;
+            if (!parseLocation(reader, &location)) {
+                qWarning("Unable to parse library Location!");
+                return false;
+            }
+            locations.append(location);
+        } else if (isNamed(reader, "Pin1Name")) {
+            pin1Name = reader->readElementText();
+        } else if (isNamed(reader, "Pin2Name")) {
+            pin2Name = reader->readElementText();
+        } else if (isNamed(reader, "ShowPinForm")) {
+            // Only the exact text "true" counts; "1" and "TRUE" read as false.
+            showPinForm = reader->readElementText() == QLatin1String("true");
+            showPinFormParsed = true;
+        } else if (isNamed(reader, "AllowManualSelection")) {
+            allowManualSelection = reader->readElementText() == QLatin1String("true");
+            allowManualSelectionParsed = true;
+        } else if (isNamed(reader, "VendorExtensions")) {
+            vendorExtensions = reader->readElementText();
+        } else {
+            qWarning("Unexpected element!");
+            return false;
+        }
+    }
+
+    if (pin1Name.isEmpty()) {
+        qWarning("Pin1Name is null or empty!");
+        return false;
+    }
+    if (pin2Name.isEmpty()) {
+        qWarning("Pin2Name is null or empty!");
+        return false;
+    }
+    if (locations.isEmpty()) {
+        qWarning("No library location parsed!");
+        return false;
+    }
+    if (!allowManualSelectionParsed) {
+        qWarning("AllowManualSelection was not parsed!");
+        return false;
+    }
+    if (!showPinFormParsed) {
+        qWarning("ShowPinFormParsed was not parsed!");
+        return false;
+    }
+    try {
+        *libraryData = new Pkcs11LibraryData(locations, pin1Name, pin2Name, showPinForm, allowManualSelection,
+                                             vendorExtensions);
+    } catch (const AppException& exception) {
+        logCreationFailure("Unable to create the library data instance!", exception);
+        return false;
+    }
+    return true;
+}
+
+bool Pkcs11OperationDataParser::parseLocation(QXmlStreamReader* reader, Location* location) const
+{
+    if (!reader) {
+        qWarning("QXmlStreamReader is NULL!");
+        return false;
+    }
+    if (!location) {
+        qWarning("Location output parameter is NULL!");
+        return false;
+    }
+
+    QString path;
+    Location::Architecture architecture = Location::Architecture::both;
+    bool architectureParsed = false;
+    while (!reader->atEnd()) {
+        reader->readNext();
+        if (isEndOf(reader, "Location"))
+            break;
+        if (!reader->isStartElement())
+            continue;
+        if (isNamed(reader, "Path")) {
+            path = reader->readElementText();
+        } else if (isNamed(reader, "Architecture")) {
+            const QString text = reader->readElementText();
+            if (text == QLatin1String("x86")) {
+                architecture = Location::Architecture::x86;
+                architectureParsed = true;
+            } else if (text == QLatin1String("x64")) {
+                architecture = Location::Architecture::x64;
+                architectureParsed = true;
+            } else if (text == QLatin1String("both")) {
+                architecture = Location::Architecture::both;
+                architectureParsed = true;
+            }
+        } else {
+            qWarning("Unexpected element!");
+            return false;
+        }
+    }
+
+    if (!architectureParsed) {
+        qWarning("Library Architecture was not parsed!");
+        return false;
+    }
+    if (path.isEmpty()) {
+        qWarning("Location path is null or empty!");
+        return false;
+    }
+    *location = Location(path, architecture);
+    return true;
+}
+
+bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
+                                                   GetSlotsOperationData** operationData) const
+{
+    if (!reader) {
+        qWarning("QXmlStreamReader is NULL!");
+        return false;
+    }
+    if (!operationData) {
+        qWarning("Output pointer to pointer is NULL!");
+        return false;
+    }
+    if (*operationData) {
+        qWarning("Dereferenced output pointer to pointer is not NULL!");
+        return false;
+    }
+    while (!reader->atEnd()) {
+        reader->readNext();
+        if (isEndOf(reader, "GetSlots"))
+            break;
+        if (reader->isStartElement()) {
+            qWarning("Unexpected element!");
+            return false;
+        }
+    }
+    *operationData = new GetSlotsOperationData();
+    return true;
+}
+
+bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
+                                                   GetCertificatesOperationData** operationData) const
+{
+    if (!reader) {
+        qWarning("QXmlStreamReader is NULL!");
+        return false;
+    }
+    if (!operationData) {
+        qWarning("Output pointer to pointer is NULL!");
+        return false;
+    }
+    if (*operationData) {
+        qWarning("Dereferenced output pointer to pointer is not NULL!");
+        return false;
+    }
+
+    TokenIdentification token;
+    while (!reader->atEnd()) {
+        reader->readNext();
+        if (isEndOf(reader, "GetCertificates"))
+            break;
+        if (token.take(reader) || !reader->isStartElement())
+            continue;
+        qWarning("Unexpected element!");
+        return false;
+    }
+
+    // The schema lets a 2026-02-04 request leave the serial number empty; the token is still
+    // found by its serial number, so one is required.
+    if (token.serialNumber.isEmpty()) {
+        qWarning("Token serial number is null or empty!");
+        return false;
+    }
+    try {
+        *operationData = new GetCertificatesOperationData(token.serialNumber, token.label);
+    } catch (const AppException& exception) {
+        logCreationFailure("Unable to create the operation data instance!", exception);
+        return false;
+    }
+    return true;
+}
+
+bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
+                                                   CreateObjectOperationData** operationData) const
+{
+    if (!reader) {
+        qWarning("QXmlStreamReader is nullptr!");
+        return false;
+    }
+    if (!operationData) {
+        qWarning("Output pointer to pointer is nullptr!");
+        return false;
+    }
+    if (*operationData) {
+        qWarning("Dereferenced output pointer to pointer is not nullptr!");
+        return false;
+    }
+
+    TokenIdentification token;
+    QList<CK_ATTRIBUTE> attributes;
+    AttributeListsGuard guard{&attributes};
+    while (!reader->atEnd()) {
+        reader->readNext();
+        if (isEndOf(reader, "CreateObject"))
+            break;
+        if (token.take(reader) || !reader->isStartElement() || isNamed(reader, "ObjectAttributes"))
+            continue;
+        if (!isAttributeElement(reader)) {
+            qWarning("Unexpected element!");
+            return false;
+        }
+        CK_ATTRIBUTE attribute{};
+        if (!parseAttribute(reader, &attribute, reader->name().toString())) {
+            qWarning("Unable to parse a CK_ATTRIBUTE!");
+            return false;
+        }
+        attributes.append(attribute);
+    }
+
+    if (token.serialNumber.isEmpty()) {
+        qWarning("Token serial number is null or empty!");
+        return false;
+    }
+    if (attributes.isEmpty()) {
+        qWarning("No object attribute was parsed!");
+        return false;
+    }
+    try {
+        *operationData = new CreateObjectOperationData(token.serialNumber, token.label, attributes);
+    } catch (const AppException& exception) {
+        logCreationFailure("Unable to create the operation data instance!", exception);
+        return false;
+    }
+    guard.release();
+    return true;
+}
+
+bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
+                                                   GenerateCsrOperationData** operationData) const
+{
+    if (!reader) {
+        qWarning("QXmlStreamReader is nullptr!");
+        return false;
+    }
+    if (!operationData) {
+        qWarning("Output pointer to pointer is nullptr!");
+        return false;
+    }
+    if (*operationData) {
+        qWarning("Dereferenced output pointer to pointer is not nullptr!");
+        return false;
+    }
+
+    TokenIdentification token;
+    QList<CK_ATTRIBUTE> publicKeyAttributes;
+    QList<CK_ATTRIBUTE> privateKeyAttributes;
+    AttributeListsGuard guard{&publicKeyAttributes, &privateKeyAttributes};
+    QList<CK_ATTRIBUTE>* currentTemplate = nullptr;
+    QString csrSubject;
+    QString enrollmentCspProvider;
+    CK_MECHANISM_TYPE generateKeyPairMechanism = 0;
+    CK_MECHANISM_TYPE csrDigestMechanism = 0;
+    CK_MECHANISM_TYPE csrSigningMechanism = 0;
+    bool generateKeyPairMechanismParsed = false;
+    bool csrDigestMechanismParsed = false;
+    bool csrSigningMechanismParsed = false;
+    bool csrTypeParsed = false;
+    bool kovData = false;
+
+    while (!reader->atEnd()) {
+        reader->readNext();
+        if (isEndOf(reader, "GenerateCsr"))
+            break;
+        if (token.take(reader) || !reader->isStartElement())
+            continue;
+        if (isNamed(reader, "GenerateKeyPairMechanism")) {
+            generateKeyPairMechanism = readUnsignedLong(reader);
+            generateKeyPairMechanismParsed = true;
+        } else if (isNamed(reader, "PublicKeyAttributes")) {
+            currentTemplate = &publicKeyAttributes;
+        } else if (isNamed(reader, "PrivateKeyAttributes")) {
+            currentTemplate = &privateKeyAttributes;
+        } else if (isAttributeElement(reader)) {
+            CK_ATTRIBUTE attribute{};
+            if (!parseAttribute(reader, &attribute, reader->name().toString())) {
+                qWarning("Unable to parse a CK_ATTRIBUTE!");
+                return false;
+            }
+            if (!currentTemplate) {
+                std::free(attribute.pValue);
+                qWarning("Key type was not specified for this CK_ATTRIBUTE!");
+                return false;
+            }
+            currentTemplate->append(attribute);
+        } else if (isNamed(reader, "CsrType")) {
+            // PKCS#10 is the only kind there is; the text itself is not needed.
+            reader->readElementText();
+            csrTypeParsed = true;
+        } else if (isNamed(reader, "CsrSubject")) {
+            csrSubject = reader->readElementText();
+        } else if (isNamed(reader, "CsrAttributes")) {
+            continue;
+        } else if (isNamed(reader, "KovData")) {
+            // Only its presence matters; whatever it holds is skipped.
+            kovData = true;
+            reader->skipCurrentElement();
+        } else if (isNamed(reader, "EnrollmentCspProvider")) {
+            enrollmentCspProvider = reader->readElementText();
+        } else if (isNamed(reader, "CsrDigestMechanism")) {
+            csrDigestMechanism = readUnsignedLong(reader);
+            csrDigestMechanismParsed = true;
+        } else if (isNamed(reader, "CsrSigningMechanism")) {
+            csrSigningMechanism = readUnsignedLong(reader);
+            csrSigningMechanismParsed = true;
+        } else {
+            qWarning("Unexpected element!");
+            return false;
+        }
+    }
+
+    // One text for either empty template, as the system has always reported it.
+    if (publicKeyAttributes.isEmpty() || privateKeyAttributes.isEmpty()) {
+        qWarning("No private key attribute was parsed!");
+        return false;
+    }
+    if (token.serialNumber.isEmpty()) {
+        qWarning("Token serial number is null or empty!");
+        return false;
+    }
+    if (csrSubject.isEmpty()) {
+        qWarning("CsrSubject is null or empty!");
+        return false;
+    }
+    if (enrollmentCspProvider.isEmpty()) {
+        qWarning("EnrollmentCspProvider is null or empty!");
+        return false;
+    }
+    if (!csrTypeParsed) {
+        qWarning("CsrType was not parsed!");
+        return false;
+    }
+    if (!generateKeyPairMechanismParsed) {
+        qWarning("GenerateKeyPairMechanism was not parsed!");
+        return false;
+    }
+    if (!csrDigestMechanismParsed) {
+        qWarning("CsrDigestMechanism was not parsed!");
+        return false;
+    }
+    if (!csrSigningMechanismParsed) {
+        qWarning("CsrSigningMechanism was not parsed!");
+        return false;
+    }
+    try {
+        *operationData = new GenerateCsrOperationData(
+            token.serialNumber, token.label, generateKeyPairMechanism, csrSigningMechanism, csrDigestMechanism,
+            CsrType::PKCS10, csrSubject, enrollmentCspProvider, publicKeyAttributes, privateKeyAttributes, kovData);
+    } catch (const AppException& exception) {
+        logCreationFailure("Unable to create the operation data instance!", exception);
+        return false;
+    }
+    guard.release();
+    return true;
+}
+
+bool Pkcs11OperationDataParser::parseAttribute(QXmlStreamReader* reader, CK_ATTRIBUTE* attribute,
+                                               const QString& parentElementName) const
+{
+    if (!reader) {
+        qWarning("QXmlStreamReader is nullptr!");
+        return false;
+    }
+    if (!attribute) {
+        qWarning("CK_ATTRIBUTE output parameter is nullptr!");
+        return false;
+    }
+    if (parentElementName.isEmpty()) {
+        qWarning("Parent element name is null or empty. Unable to determine the CK_ATTRIBUTE type!");
+        return false;
+    }
+
+    CK_ATTRIBUTE_TYPE type = 0;
+    bool typeParsed = false;
+    QString value;
+    while (!reader->atEnd()) {
+        reader->readNext();
+        if (reader->isEndElement() && reader->name() == parentElementName)
+            break;
+        if (!reader->isStartElement())
+            continue;
+        if (isNamed(reader, "Attribute")) {
+            type = readUnsignedLong(reader);
+            typeParsed = true;
+        } else if (isNamed(reader, "Value")) {
+            value = reader->readElementText();
+        } else {
+            qWarning("Unexpected element!");
+            return false;
+        }
+    }
+
+    if (!typeParsed) {
+        qWarning("Attribute type was not parsed!");
+        return false;
+    }
+    if (value.isEmpty()) {
+        qWarning("AttributeValue is null or empty!");
+        return false;
+    }
+
+    bool converted = false;
+    if (parentElementName == QLatin1String("BoolAttribute")) {
+        converted = attributeParser.getAttributeBoolean(type, value, attribute);
+    } else if (parentElementName == QLatin1String("StringAttribute")) {
+        converted = attributeParser.getAttributeString(type, value, attribute);
+    } else if (parentElementName == QLatin1String("UnsignedLongAttribute")) {
+        converted = attributeParser.getAttributeUnsignedLong(type, value, attribute);
+    } else if (parentElementName == QLatin1String("ByteArrayAttribute")) {
+        converted = attributeParser.getAttributeHexByteArray(type, value, attribute);
+    } else if (parentElementName == QLatin1String("DateTimeAttribute")) {
+        converted = attributeParser.getAttributeDate(type, value, attribute);
+    } else {
+        qWarning("Parent element name has an invalid value. Unable to determine the CK_ATTRIBUTE type!");
+        return false;
+    }
+    if (!converted) {
+        qWarning().noquote() << QStringLiteral("Unable to create CK_ATTRIBUTE from ") + parentElementName;
+        return false;
+    }
+    return true;
+}

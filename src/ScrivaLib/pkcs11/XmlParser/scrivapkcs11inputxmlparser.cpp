@@ -1,0 +1,141 @@
+#include "scrivapkcs11inputxmlparser.h"
+
+#include "appexception.h"
+#include "pkcs11operationdataparser.h"
+#include "responsecryptoprocessor.h"
+#include "scrivanamespaces.h"
+#include "x509certificate2ultra.h"
+#include "OperationData/OperationSpecific/createobjectoperationdata.h"
+#include "OperationData/OperationSpecific/generatecsroperationdata.h"
+#include "OperationData/OperationSpecific/getcertificatesoperationdata.h"
+#include "OperationData/OperationSpecific/getslotsoperationdata.h"
+
+#include <QCoreApplication>
+#include <QStringList>
+#include <QXmlStreamReader>
+#include <QtDebug>
+
+#include <memory>
+#include <type_traits>
+
+namespace {
+
+const QStringList& operationElementNames()
+{
+    static const QStringList names{QStringLiteral("GetSlots"), QStringLiteral("GetCertificates"),
+                                   QStringLiteral("GenerateCsr"), QStringLiteral("CreateObject")};
+    return names;
+}
+
+// The raw text decides, not the root element; the older version wins when both URIs occur.
+QString chooseNamespace(const QString& xml)
+{
+    if (xml.contains(ScrivaNamespaces::version20221229()))
+        return ScrivaNamespaces::version20221229();
+    if (xml.contains(ScrivaNamespaces::version20260204()))
+        return ScrivaNamespaces::version20260204();
+    return QString();
+}
+
+} // namespace
+
+template<typename T>
+ScrivaPkcs11OperationData<T>* ScrivaPkcs11InputXmlParser<T>::parse(const QString& base64Cms,
+                                                                   X509Certificate2Ultra* serverCertificate)
+{
+    qDebug("Starting function parse");
+    ResponseCryptoProcessor processor;
+    processor.processBase64CmsSignedData(base64Cms);
+    std::unique_ptr<ScrivaPkcs11OperationData<T>> record(parseXml(processor.getCmsContent()));
+    if (serverCertificate)
+        *serverCertificate = processor.getServerCertificate();
+    return record.release();
+}
+
+template<typename T>
+ScrivaPkcs11OperationData<T>* ScrivaPkcs11InputXmlParser<T>::parseXml(const QString& xml)
+{
+    const QString xmlNamespace = chooseNamespace(xml);
+    if (xmlNamespace.isEmpty())
+        throw APP_EXCEPTION(QStringLiteral("Invalid XML namespace!"));
+
+    Pkcs11OperationDataParser parser;
+    if (!parser.validate(xml, xmlNamespace))
+        throw APP_EXCEPTION(QStringLiteral("Unsuccessful XML validation!"));
+
+    qInfo("Parsing input XML");
+    const QString ownElement = operationElementName();
+    std::unique_ptr<Pkcs11LibraryData> libraryData;
+    std::unique_ptr<T> operationData;
+    QString nonce;
+
+    QXmlStreamReader reader(xml);
+    while (!reader.atEnd()) {
+        reader.readNext();
+        if (!reader.isStartElement())
+            continue;
+        const QStringView name = reader.name();
+        if (name == QLatin1String("ScrivaOperation") || name == QLatin1String("Pkcs11Operation")) {
+            continue;
+        } else if (name == QLatin1String("Nonce")) {
+            nonce = reader.readElementText();
+        } else if (name == QLatin1String("Pkcs11Library")) {
+            qInfo("Parsing PKCS#11 library data");
+            // A second library group finds the output taken and is refused.
+            Pkcs11LibraryData* parsed = libraryData.get();
+            if (!parser.parseLibraryData(&reader, &parsed))
+                throw APP_EXCEPTION(QStringLiteral("Unable to parse Pkcs11Library data!"));
+            libraryData.reset(parsed);
+        } else if (name == ownElement) {
+            qInfo("Parsing operation specific data");
+            T* parsed = operationData.get();
+            if (!parser.parseOperationData(&reader, &parsed))
+                throw APP_EXCEPTION(QStringLiteral("Unable to parse operation specific data!"));
+            operationData.reset(parsed);
+        } else if (operationElementNames().contains(name)) {
+            throw APP_EXCEPTION(QStringLiteral("Unexpected element!"));
+        }
+    }
+    if (reader.hasError())
+        qWarning().noquote() << "XML reader stopped:" << reader.errorString();
+
+    if (nonce.isEmpty())
+        throw APP_EXCEPTION(QStringLiteral("Nonce is null or empty!"));
+    qInfo("Parsing of input XML was successful");
+    auto* record = new ScrivaPkcs11OperationData<T>(libraryData.get(), operationData.get(), xmlNamespace, nonce);
+    // The record owns both now.
+    libraryData.release();
+    operationData.release();
+    return record;
+}
+
+template<typename T>
+QString ScrivaPkcs11InputXmlParser<T>::operationDescription()
+{
+    if constexpr (std::is_same_v<T, GetSlotsOperationData>)
+        return QCoreApplication::translate("ScrivaPkcs11InputXmlParser", "GetSlotsDescription");
+    else if constexpr (std::is_same_v<T, GetCertificatesOperationData>)
+        return QCoreApplication::translate("ScrivaPkcs11InputXmlParser", "GetCertificatesDescription");
+    else if constexpr (std::is_same_v<T, GenerateCsrOperationData>)
+        return QCoreApplication::translate("ScrivaPkcs11InputXmlParser", "GenerateCsrDescription");
+    else
+        return QCoreApplication::translate("ScrivaPkcs11InputXmlParser", "CreateObjectDescription");
+}
+
+template<typename T>
+QString ScrivaPkcs11InputXmlParser<T>::operationElementName()
+{
+    if constexpr (std::is_same_v<T, GetSlotsOperationData>)
+        return QStringLiteral("GetSlots");
+    else if constexpr (std::is_same_v<T, GetCertificatesOperationData>)
+        return QStringLiteral("GetCertificates");
+    else if constexpr (std::is_same_v<T, GenerateCsrOperationData>)
+        return QStringLiteral("GenerateCsr");
+    else
+        return QStringLiteral("CreateObject");
+}
+
+template class ScrivaPkcs11InputXmlParser<GetSlotsOperationData>;
+template class ScrivaPkcs11InputXmlParser<GetCertificatesOperationData>;
+template class ScrivaPkcs11InputXmlParser<GenerateCsrOperationData>;
+template class ScrivaPkcs11InputXmlParser<CreateObjectOperationData>;
