@@ -1,0 +1,8 @@
+#!/usr/bin/env bash
+# The demo: installs what is missing, builds the host and talks to it through its real
+# stdin/stdout, printing every message and answer.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+bash "$root/scripts/install-deps.sh"
+bash "$root/scripts/build.sh" "$root/build"
+exec python3 "$root/demo/demo.py" --build "$root/build"
