@@ -1,0 +1,179 @@
+// Measures the host through real pipes, side by side with a minimal framed echo program:
+// round trip of GetNonce (p50, p99 of 1,000 calls), the intake of one 32 MiB frame, and the
+// time from start-up to the CreateInstance answer.
+#include <QByteArray>
+#include <QElapsedTimer>
+#include <QString>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <signal.h>
+#include <spawn.h>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+class Peer
+{
+public:
+    explicit Peer(const std::string& program)
+    {
+        int in[2], out[2];
+        if (pipe(in) != 0 || pipe(out) != 0)
+            std::abort();
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+        posix_spawn_file_actions_addclose(&actions, in[1]);
+        posix_spawn_file_actions_addclose(&actions, out[0]);
+        char* argv[] = {const_cast<char*>(program.c_str()), nullptr};
+        if (posix_spawn(&pid, program.c_str(), &actions, nullptr, argv, environ) != 0)
+            std::abort();
+        posix_spawn_file_actions_destroy(&actions);
+        close(in[0]);
+        close(out[1]);
+        toPeer = in[1];
+        fromPeer = out[0];
+    }
+
+    ~Peer()
+    {
+        close(toPeer);
+        close(fromPeer);
+        kill(pid, SIGTERM);
+        waitpid(pid, nullptr, 0);
+    }
+
+    void send(const QByteArray& payload)
+    {
+        const uint32_t length = uint32_t(payload.size());
+        writeAll(&length, 4);
+        writeAll(payload.constData(), size_t(payload.size()));
+    }
+
+    QByteArray receive()
+    {
+        uint32_t length = 0;
+        readAll(&length, 4);
+        QByteArray payload(int(length), '\0');
+        readAll(payload.data(), length);
+        return payload;
+    }
+
+private:
+    void writeAll(const void* data, size_t size)
+    {
+        auto* p = static_cast<const char*>(data);
+        while (size > 0) {
+            const ssize_t n = write(toPeer, p, size);
+            if (n <= 0)
+                std::abort();
+            p += n;
+            size -= size_t(n);
+        }
+    }
+
+    void readAll(void* data, size_t size)
+    {
+        auto* p = static_cast<char*>(data);
+        while (size > 0) {
+            const ssize_t n = read(fromPeer, p, size);
+            if (n <= 0) {
+                std::fprintf(stderr, "peer closed its output\n");
+                std::exit(2);
+            }
+            p += n;
+            size -= size_t(n);
+        }
+    }
+
+    pid_t pid = 0;
+    int toPeer = -1;
+    int fromPeer = -1;
+};
+
+const QByteArray createInstance = R"({"method":"ScrivaPkcs11.1.0.0.qt.QES.CreateInstance"})";
+const QByteArray getNonce = R"({"method":"ScrivaPkcs11.1.0.0.qt.QES.GetNonce","id":"n"})";
+
+double percentile(std::vector<double> values, double p)
+{
+    std::sort(values.begin(), values.end());
+    return values[std::min(values.size() - 1, size_t(p * double(values.size())))];
+}
+
+std::vector<double> roundTrips(Peer& peer, int count)
+{
+    std::vector<double> times;
+    QElapsedTimer timer;
+    for (int i = 0; i < count; ++i) {
+        timer.start();
+        peer.send(getNonce);
+        peer.receive();
+        times.push_back(double(timer.nsecsElapsed()) / 1000.0);
+    }
+    return times;
+}
+
+double largeFrameMs(Peer& peer)
+{
+    const QByteArray frame = R"({"method":"ScrivaPkcs11.1.0.0.qt.QES.GetVersion","padding":")"
+                             + QByteArray(32 * 1024 * 1024 - 80, 'x') + R"("})";
+    QElapsedTimer timer;
+    timer.start();
+    peer.send(frame);
+    peer.receive();
+    return double(timer.nsecsElapsed()) / 1e6;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const std::string host = argc > 1 ? argv[1] : SCRIVA_BIN_DIR "/ScrivaPkcs11";
+    const std::string echo = SCRIVA_BENCH_DIR "/framed_echo";
+    setenv("QT_QPA_PLATFORM", "offscreen", 0);
+
+    std::vector<double> startups;
+    for (int i = 0; i < 10; ++i) {
+        QElapsedTimer timer;
+        timer.start();
+        Peer peer(host);
+        peer.send(createInstance);
+        peer.receive();
+        startups.push_back(double(timer.nsecsElapsed()) / 1e6);
+    }
+
+    Peer hostPeer(host);
+    hostPeer.send(createInstance);
+    hostPeer.receive();
+    Peer echoPeer(echo);
+
+    roundTrips(hostPeer, 50); // warm-up
+    roundTrips(echoPeer, 50);
+    const std::vector<double> hostTrips = roundTrips(hostPeer, 1000);
+    const std::vector<double> echoTrips = roundTrips(echoPeer, 1000);
+
+    std::vector<double> hostLarge, echoLarge;
+    for (int i = 0; i < 3; ++i) {
+        hostLarge.push_back(largeFrameMs(hostPeer));
+        echoLarge.push_back(largeFrameMs(echoPeer));
+    }
+
+    const double hostP50 = percentile(hostTrips, 0.5), echoP50 = percentile(echoTrips, 0.5);
+    const double hostLargeMs = percentile(hostLarge, 0.5), echoLargeMs = percentile(echoLarge, 0.5);
+    const double startup = percentile(startups, 0.5);
+    std::printf("GetNonce round trip, 1000 calls   host p50 %8.1f us  p99 %8.1f us\n", hostP50, percentile(hostTrips, 0.99));
+    std::printf("                                  echo p50 %8.1f us  p99 %8.1f us   ratio p50 %.2fx (target <= 3x)\n",
+                echoP50, percentile(echoTrips, 0.99), hostP50 / echoP50);
+    std::printf("32 MiB incoming frame (median/3)  host %8.1f ms  echo %8.1f ms   ratio %.2fx (target <= 3x)\n",
+                hostLargeMs, echoLargeMs, hostLargeMs / echoLargeMs);
+    std::printf("start-up to CreateInstance answer median of 10: %.1f ms (target < 250 ms)\n", startup);
+    return 0;
+}
