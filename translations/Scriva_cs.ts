@@ -36,4 +36,62 @@
         <translation>Ukládám certifikát na váš token...</translation>
     </message>
 </context>
+<context>
+    <name>PinForm</name>
+    <message>
+        <source>Corvant Scriva</source>
+        <translation>Corvant Scriva</translation>
+    </message>
+    <message>
+        <source>AppName</source>
+        <translation>Corvant Scriva</translation>
+    </message>
+    <message>
+        <source>Insert PIN</source>
+        <translation>Zadejte PIN</translation>
+    </message>
+    <message>
+        <source>Token:</source>
+        <translation>Token:</translation>
+    </message>
+    <message>
+        <source>Slot:</source>
+        <translation>Slot:</translation>
+    </message>
+    <message>
+        <source>OK</source>
+        <translation>OK</translation>
+    </message>
+    <message>
+        <source>Cancel</source>
+        <translation>Zrušit</translation>
+    </message>
+    <message>
+        <source>PinFormInformation</source>
+        <translation>Zadejte %1 vašeho tokenu</translation>
+    </message>
+    <message>
+        <source>PinFormTokenTitle</source>
+        <translation>Token:</translation>
+    </message>
+    <message>
+        <source>PinFormSlotTitle</source>
+        <translation>Čtečka:</translation>
+    </message>
+    <message>
+        <source>SavePINText</source>
+        <translation>Pamatovat si PIN do konce operace</translation>
+    </message>
+</context>
+<context>
+    <name>Pkcs11Library</name>
+    <message>
+        <source>AppName</source>
+        <translation>Corvant Scriva</translation>
+    </message>
+    <message>
+        <source>PinIncorrect</source>
+        <translation>Zadaný %1 není správný. Zkuste to prosím znovu.</translation>
+    </message>
+</context>
 </TS>

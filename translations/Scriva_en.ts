@@ -36,4 +36,62 @@
         <translation>Storing the certificate on your token...</translation>
     </message>
 </context>
+<context>
+    <name>PinForm</name>
+    <message>
+        <source>Corvant Scriva</source>
+        <translation>Corvant Scriva</translation>
+    </message>
+    <message>
+        <source>AppName</source>
+        <translation>Corvant Scriva</translation>
+    </message>
+    <message>
+        <source>Insert PIN</source>
+        <translation>Insert PIN</translation>
+    </message>
+    <message>
+        <source>Token:</source>
+        <translation>Token:</translation>
+    </message>
+    <message>
+        <source>Slot:</source>
+        <translation>Slot:</translation>
+    </message>
+    <message>
+        <source>OK</source>
+        <translation>OK</translation>
+    </message>
+    <message>
+        <source>Cancel</source>
+        <translation>Cancel</translation>
+    </message>
+    <message>
+        <source>PinFormInformation</source>
+        <translation>Enter %1 of your token</translation>
+    </message>
+    <message>
+        <source>PinFormTokenTitle</source>
+        <translation>Token:</translation>
+    </message>
+    <message>
+        <source>PinFormSlotTitle</source>
+        <translation>Reader:</translation>
+    </message>
+    <message>
+        <source>SavePINText</source>
+        <translation>Remember the PIN until the operation ends</translation>
+    </message>
+</context>
+<context>
+    <name>Pkcs11Library</name>
+    <message>
+        <source>AppName</source>
+        <translation>Corvant Scriva</translation>
+    </message>
+    <message>
+        <source>PinIncorrect</source>
+        <translation>The %1 you entered is not correct. Please try again.</translation>
+    </message>
+</context>
 </TS>

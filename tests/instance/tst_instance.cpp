@@ -185,9 +185,9 @@ private slots:
         ScrivaPkcs11 instance;
         instance.window()->setDescription(QStringLiteral("GetSlotsDescription"));
         QCOMPARE(errorOf(instance, QStringLiteral("{\"Language\": \"cs\"}")), QString());
-        QCOMPARE(instance.window()->descriptionText(), QStringLiteral("Hledám vaše tokeny..."));
+        QTRY_COMPARE(instance.window()->descriptionText(), QStringLiteral("Hledám vaše tokeny..."));
         QCOMPARE(errorOf(instance, QStringLiteral("{\"Language\": \"en\"}")), QString());
-        QCOMPARE(instance.window()->descriptionText(), QStringLiteral("Looking for your tokens..."));
+        QTRY_COMPARE(instance.window()->descriptionText(), QStringLiteral("Looking for your tokens..."));
         QCOMPARE(instance.window()->titleText(), QStringLiteral("Corvant Scriva"));
     }
 

@@ -1,0 +1,148 @@
+#include "pinform.h"
+
+#include "appexception.h"
+#include "ui/titlebar.h"
+#include "ui_pinform.h"
+
+#include <QApplication>
+#include <QEvent>
+#include <QTimer>
+
+#include <atomic>
+
+namespace {
+
+// Touched only on the GUI thread; atomic so another thread may safely ask whether a form is open.
+std::atomic<PinForm*> currentForm{nullptr};
+
+QWidget* hostWindow()
+{
+    for (QWidget* widget : QApplication::allWidgets())
+        if (widget->accessibleName() == QLatin1String("MainWindowPkcs11"))
+            return widget;
+    return QApplication::activeWindow();
+}
+
+} // namespace
+
+PinForm::PinForm(QWidget* parent, const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo,
+                 const QString& text, bool showSavePin)
+    : QDialog(parent, Qt::Dialog | Qt::FramelessWindowHint), ui(new Ui::PinForm)
+{
+    ui->setupUi(this);
+    auto* titleBar = new TitleBar(ui->titleBarWidgetPos);
+    titleBar->setTitle(tr("AppName"));
+    ui->titleBarLayout->addWidget(titleBar);
+    // The title bar's close button rejects the form like Cancel.
+    connect(titleBar, &TitleBar::closeBtnClicked, this, &QDialog::reject);
+    ui->frame->setStyleSheet(QStringLiteral("#frame { border: 1px solid black; }"));
+    ui->chbSavePIN->setVisible(showSavePin);
+    setInfo(slotInfo, tokenInfo, text);
+}
+
+PinForm::~PinForm()
+{
+    wipePin();
+    delete ui;
+}
+
+PinForm* PinForm::openForm()
+{
+    return currentForm.load();
+}
+
+void PinForm::setInfo(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo, const QString& text)
+{
+    qInfo().noquote() << "Setting up slot and token info";
+    informationText = text;
+    const QString information = tr("PinFormInformation");
+    ui->lblPinTitle->setText(information.contains(QLatin1String("%1")) ? information.arg(text) : information);
+    ui->tokenTitle->setText(tr("PinFormTokenTitle"));
+    ui->slotTitle->setText(tr("PinFormSlotTitle"));
+    ui->tokenValue->setText(tokenInfo.getLabel());
+    ui->slotValue->setText(slotInfo.getDescription());
+    ui->lePin->setEchoMode(QLineEdit::Password);
+    ui->chbSavePIN->setText(tr("SavePINText"));
+    connect(ui->btnOk, &QPushButton::clicked, this, &QDialog::accept, Qt::UniqueConnection);
+    connect(ui->btnCancel, &QPushButton::clicked, this, &QDialog::reject, Qt::UniqueConnection);
+    connect(this, &PinForm::afterShow, this, &PinForm::fixedSize, Qt::UniqueConnection);
+}
+
+void PinForm::on_btnOk_clicked()
+{
+    qInfo().noquote() << "Button ok clicked";
+    pin = ui->lePin->text();
+}
+
+void PinForm::on_btnCancel_clicked()
+{
+    qInfo().noquote() << "Button cancel clicked";
+}
+
+void PinForm::fixedSize()
+{
+    setFixedSize(size());
+}
+
+void PinForm::showEvent(QShowEvent* event)
+{
+    QDialog::showEvent(event);
+    QTimer::singleShot(0, this, &PinForm::afterShow);
+}
+
+void PinForm::changeEvent(QEvent* event)
+{
+    if (event->type() == QEvent::LanguageChange) {
+        // The generated texts come back with the design-time placeholders; keep the real values.
+        const QString token = ui->tokenValue->text();
+        const QString slot = ui->slotValue->text();
+        ui->retranslateUi(this);
+        ui->tokenValue->setText(token);
+        ui->slotValue->setText(slot);
+        const QString information = tr("PinFormInformation");
+        ui->lblPinTitle->setText(information.contains(QLatin1String("%1")) ? information.arg(informationText) : information);
+        ui->tokenTitle->setText(tr("PinFormTokenTitle"));
+        ui->slotTitle->setText(tr("PinFormSlotTitle"));
+        ui->chbSavePIN->setText(tr("SavePINText"));
+    }
+    QDialog::changeEvent(event);
+}
+
+void PinForm::wipePin()
+{
+    // The PIN must not linger in memory we own once it has been handed over.
+    pin.fill(QChar(0));
+    pin.clear();
+    if (ui) {
+        ui->lePin->setText(QString(ui->lePin->text().size(), QChar(0)));
+        ui->lePin->clear();
+    }
+}
+
+QString PinForm::run(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo, const QString& text,
+                     bool* savePin)
+{
+    if (currentForm.load())
+        throw APP_EXCEPTION(QStringLiteral("PinForm is already opened!"));
+    PinForm form(hostWindow(), slotInfo, tokenInfo, text, savePin != nullptr);
+    if (savePin)
+        form.ui->chbSavePIN->setChecked(*savePin);
+    currentForm.store(&form);
+    form.exec();
+    currentForm.store(nullptr);
+    if (savePin)
+        *savePin = form.ui->chbSavePIN->isChecked();
+    QString result = form.pin;
+    return result;
+}
+
+QString PinForm::needPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo, const QString& text)
+{
+    return run(slotInfo, tokenInfo, text, nullptr);
+}
+
+QString PinForm::needContextPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo,
+                                const QString& text, bool* savePin)
+{
+    return run(slotInfo, tokenInfo, text, savePin);
+}

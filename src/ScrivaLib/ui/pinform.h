@@ -1,0 +1,52 @@
+#pragma once
+
+#include "pkcs11slotinfo.h"
+#include "pkcs11tokeninfo.h"
+
+#include <QDialog>
+#include <QString>
+
+namespace Ui {
+class PinForm;
+}
+
+// The modal dialog in which the user types a token PIN. At most one is open in the process.
+class PinForm : public QDialog
+{
+    Q_OBJECT
+
+public:
+    PinForm(QWidget* parent, const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo, const QString& text,
+            bool showSavePin);
+    ~PinForm() override;
+
+    // Show the form modally on the GUI thread; an empty result means the user cancelled.
+    static QString needPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo, const QString& text);
+    static QString needContextPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo,
+                                  const QString& text, bool* savePin);
+    // The form that is open now, or null.
+    static PinForm* openForm();
+
+    void setInfo(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo, const QString& text);
+
+signals:
+    void afterShow();
+
+public slots:
+    void on_btnOk_clicked();
+    void on_btnCancel_clicked();
+    void fixedSize();
+
+protected:
+    void showEvent(QShowEvent* event) override;
+    void changeEvent(QEvent* event) override;
+
+private:
+    static QString run(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo, const QString& text,
+                       bool* savePin);
+    void wipePin();
+
+    Ui::PinForm* ui;
+    QString pin;
+    QString informationText;
+};
