@@ -19,6 +19,7 @@
 
 #include <climits>
 #include <cstdlib>
+#include <vector>
 
 namespace {
 
@@ -90,6 +91,8 @@ class AttributeListsGuard
 {
 public:
     explicit AttributeListsGuard(std::initializer_list<QList<CK_ATTRIBUTE>*> lists) : lists(lists) {}
+    AttributeListsGuard(const AttributeListsGuard&) = delete;
+    AttributeListsGuard& operator=(const AttributeListsGuard&) = delete;
     ~AttributeListsGuard()
     {
         if (!released) {
@@ -100,7 +103,7 @@ public:
     void release() { released = true; }
 
 private:
-    std::initializer_list<QList<CK_ATTRIBUTE>*> lists;
+    const std::vector<QList<CK_ATTRIBUTE>*> lists;
     bool released = false;
 };
 
