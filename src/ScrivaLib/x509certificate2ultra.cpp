@@ -1,11 +1,34 @@
 #include "x509certificate2ultra.h"
 
+#include "appexception.h"
 #include "ownedresource.h"
 
+#include <QCryptographicHash>
+#include <QDateTime>
+
+#include <openssl/bio.h>
+#include <openssl/objects.h>
 #include <openssl/x509.h>
+#include <openssl/x509v3.h>
+
+#include <climits>
 
 namespace {
 void freeOpenSslBuffer(unsigned char* p) { OPENSSL_free(p); }
+void freeCertificateStack(STACK_OF(X509)* stack) { sk_X509_pop_free(stack, X509_free); }
+
+using OwnedX509 = Owned<X509, X509_free>;
+using OwnedX509Stack = Owned<STACK_OF(X509), freeCertificateStack>;
+using OwnedPolicies = Owned<CERTIFICATEPOLICIES, CERTIFICATEPOLICIES_free>;
+
+// Error words are the exception's message; `detail` explains the failure in the log.
+AppException wordWithDetail(const QString& word, const QString& detail, const char* function, int line)
+{
+    const AppException cause(detail, QStringLiteral(__FILE__), line, QString::fromUtf8(function),
+                             AppException::generalExceptionMessage());
+    return AppException(word, QStringLiteral(__FILE__), line, QString::fromUtf8(function),
+                        AppException::generalExceptionMessage(), cause);
+}
 } // namespace
 
 X509Certificate2Ultra::X509Certificate2Ultra(const QSslCertificate& other) : QSslCertificate(other) {}
@@ -27,7 +50,124 @@ X509Certificate2Ultra::X509Certificate2Ultra(const QByteArray& data, QSsl::Encod
 {
 }
 
+X509* X509Certificate2Ultra::toX509() const
+{
+    if (isNull())
+        return nullptr;
+    const QByteArray der = toDer();
+    if (der.isEmpty() || der.size() > INT_MAX)
+        return nullptr;
+    const Owned<BIO, BIO_free> bio(BIO_new_mem_buf(der.constData(), static_cast<int>(der.size())));
+    if (!bio)
+        return nullptr;
+    return d2i_X509_bio(bio.get(), nullptr);
+}
+
+QString X509Certificate2Ultra::readOid(ASN1_OBJECT* object)
+{
+    char buffer[2048] = {};
+    if (OBJ_obj2txt(buffer, sizeof buffer, object, 1) < 0)
+        throw APP_EXCEPTION(QStringLiteral("Unable to convert OID to string"));
+    return QString::fromLatin1(buffer);
+}
+
+void X509Certificate2Ultra::verifyIssuer(const QList<X509Certificate2Ultra>& chain) const
+{
+    qDebug().noquote() << Q_FUNC_INFO;
+    const OwnedX509 certificate(toX509());
+    const OwnedX509 root(chain.isEmpty() ? nullptr : chain.first().toX509());
+
+    OwnedX509Stack intermediates;
+    if (chain.size() > 1) {
+        intermediates.reset(sk_X509_new_null());
+        if (!intermediates)
+            throw APP_EXCEPTION(QStringLiteral("Unable create stack of intermediate certificates"));
+        for (qsizetype i = 1; i < chain.size(); ++i) {
+            OwnedX509 intermediate(chain.at(i).toX509());
+            if (!intermediate || !sk_X509_push(intermediates.get(), intermediate.get()))
+                throw APP_EXCEPTION(QStringLiteral("Unable to add issuer to stack of intermediate certificates"));
+            intermediate.release(); // the stack owns it now
+        }
+    }
+
+    if (!certificate || !root)
+        throw AppException(QStringLiteral("InvalidCertificate"), QStringLiteral(__FILE__), __LINE__,
+                           QString::fromUtf8(Q_FUNC_INFO), AppException::generalExceptionMessage());
+
+    const Owned<X509_STORE, X509_STORE_free> store(X509_STORE_new());
+    if (!store)
+        throw APP_EXCEPTION(QStringLiteral("Unable create store for root certificates"));
+    if (X509_STORE_add_cert(store.get(), root.get()) != 1)
+        throw APP_EXCEPTION(QStringLiteral("Unable to add root certificate to the store"));
+
+    const Owned<X509_STORE_CTX, X509_STORE_CTX_free> context(X509_STORE_CTX_new());
+    if (!context)
+        throw APP_EXCEPTION(QStringLiteral("Unable to create context for root store"));
+    if (X509_STORE_CTX_init(context.get(), store.get(), certificate.get(), intermediates.get()) != 1)
+        throw APP_EXCEPTION(QStringLiteral("Unable to intialize context for root store"));
+
+    if (X509_verify_cert(context.get()) != 1) {
+        const int error = X509_STORE_CTX_get_error(context.get());
+        throw wordWithDetail(QStringLiteral("IssuerInvalid"),
+                             QStringLiteral("Path validation failed: %1 (%2) at depth %3")
+                                 .arg(QString::fromUtf8(X509_verify_cert_error_string(error)))
+                                 .arg(error)
+                                 .arg(X509_STORE_CTX_get_error_depth(context.get())),
+                             Q_FUNC_INFO, __LINE__);
+    }
+}
+
+void X509Certificate2Ultra::verifyCustomPolicy(const QString& oid) const
+{
+    qDebug().noquote() << Q_FUNC_INFO;
+    const OwnedX509 certificate(toX509());
+    if (!certificate)
+        throw APP_EXCEPTION(QStringLiteral("Unable to load X509 certificate"));
+
+    const int index = X509_get_ext_by_NID(certificate.get(), NID_certificate_policies, -1);
+    if (index < 0)
+        throw APP_EXCEPTION(QStringLiteral("Certificate does not contain 509v3 Certificate Policies extension"));
+    X509_EXTENSION* extension = X509_get_ext(certificate.get(), index);
+    if (!extension)
+        throw APP_EXCEPTION(QStringLiteral("Unable to get 509v3 Certificate Policies extension"));
+    const ASN1_OCTET_STRING* content = X509_EXTENSION_get_data(extension);
+    if (!content || ASN1_STRING_length(content) <= 0)
+        throw APP_EXCEPTION(QStringLiteral("Unable to get content of 509v3 Certificate Policies extension"));
+
+    const unsigned char* bytes = ASN1_STRING_get0_data(content);
+    const OwnedPolicies policies(d2i_CERTIFICATEPOLICIES(nullptr, &bytes, ASN1_STRING_length(content)));
+    if (!policies)
+        throw APP_EXCEPTION(QStringLiteral("Unable to parse 509v3 Certificate Policies extension"));
+
+    QStringList listed;
+    for (int i = 0; i < sk_POLICYINFO_num(policies.get()); ++i) {
+        const QString policy = readOid(sk_POLICYINFO_value(policies.get(), i)->policyid);
+        if (policy == oid) // equal length and case-sensitive, as QString compares
+            return;
+        listed << policy;
+    }
+    throw wordWithDetail(QStringLiteral("ResponseCertPolicyMissing"),
+                         QStringLiteral("Policy %1 is not among the listed policies: %2")
+                             .arg(oid, listed.join(QStringLiteral(", "))),
+                         Q_FUNC_INFO, __LINE__);
+}
+
+bool X509Certificate2Ultra::isValidByTime() const
+{
+    if (isNull())
+        return false;
+    // Certificates state their dates in whole seconds, so the current time is taken in whole
+    // seconds too: a certificate that becomes effective in the current second is not yet valid.
+    const QDateTime now = QDateTime::fromSecsSinceEpoch(QDateTime::currentSecsSinceEpoch(), Qt::UTC);
+    return effectiveDate().toUTC() < now && now < expiryDate().toUTC();
+}
+
 QString X509Certificate2Ultra::toString() const
 {
     return isNull() ? QString() : QString::fromLatin1(toPem());
+}
+
+bool X509Certificate2Ultra::operator==(const X509Certificate2Ultra& other) const
+{
+    return digest(QCryptographicHash::Sha256) == other.digest(QCryptographicHash::Sha256);
 }
