@@ -8,8 +8,18 @@
 #include <QPalette>
 #include <QSysInfo>
 
+#include <malloc.h>
+
 int main(int argc, char** argv)
 {
+    // A large frame is read into, and parsed into, buffers of its own size. Served from the one
+    // main heap instead of fresh mappings, the next large frame reuses those pages rather than
+    // faulting them in again; the heap still returns anything beyond 128 MiB of free memory to
+    // the system. The host's few threads allocate little, so one arena costs nothing.
+    mallopt(M_ARENA_MAX, 1);
+    mallopt(M_MMAP_THRESHOLD, 1 << 30);
+    mallopt(M_TRIM_THRESHOLD, 128 << 20);
+
     // First, so that every later message can reach the log.
     LogHandler::init(QString::fromLatin1(LogHandler::hostLogFileName));
     Q_INIT_RESOURCE(scriva);

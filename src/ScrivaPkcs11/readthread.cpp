@@ -14,7 +14,13 @@ ReadThread::ReadThread(QObject* parent) : QThread(parent) {}
 
 QByteArray ReadThread::getBytes(int count)
 {
-    QByteArray bytes(qMax(count, 0), '\0');
+    QByteArray bytes(qMax(count, 0), Qt::Uninitialized);
+    readInto(bytes.data(), count);
+    return bytes;
+}
+
+void ReadThread::readInto(char* destination, int count)
+{
     if (!nonBlocking) {
         const int flags = fcntl(STDIN_FILENO, F_GETFL);
         fcntl(STDIN_FILENO, F_SETFL, flags | O_NONBLOCK);
@@ -24,7 +30,7 @@ QByteArray ReadThread::getBytes(int count)
     int position = 0;
     while (position < count) {
         // Never read past the current frame: the next frame's bytes stay in the pipe.
-        const ssize_t result = ::read(STDIN_FILENO, bytes.data() + position, size_t(count - position));
+        const ssize_t result = ::read(STDIN_FILENO, destination + position, size_t(count - position));
         if (result > 0) {
             position += int(result);
             continue;
@@ -39,7 +45,6 @@ QByteArray ReadThread::getBytes(int count)
         pollfd descriptor{STDIN_FILENO, POLLIN, 0};
         ::poll(&descriptor, 1, 10);
     }
-    return bytes;
 }
 
 QByteArray ReadThread::readMessageFromStdin()
@@ -50,7 +55,15 @@ QByteArray ReadThread::readMessageFromStdin()
         throw APP_EXCEPTION(QStringLiteral("Incoming JSON message size %1 exceedes maximum allowed size %2")
                                 .arg(length)
                                 .arg(maximumIncomingSize));
-    return getBytes(length);
+
+    // The payload buffer is kept between frames, so a run of large frames does not fault in
+    // fresh pages for each one; after a large frame, a small one gives the memory back.
+    const int size = qMax(length, 0);
+    if (size <= smallFrameSize && frameBuffer.capacity() > 4 * smallFrameSize)
+        frameBuffer = QByteArray();
+    frameBuffer.resize(size);
+    readInto(frameBuffer.data(), size);
+    return frameBuffer;
 }
 
 QJsonDocument ReadThread::readFromStdin()

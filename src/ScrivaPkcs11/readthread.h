@@ -27,5 +27,10 @@ protected:
     void run() override;
 
 private:
+    static constexpr int smallFrameSize = 1024 * 1024;
+
+    void readInto(char* destination, int count);
+
     bool nonBlocking = false;
+    QByteArray frameBuffer;
 };
