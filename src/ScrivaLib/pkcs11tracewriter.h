@@ -1,0 +1,35 @@
+#pragma once
+
+#include <p11-kit/pkcs11.h>
+
+// The line layouts of the PKCS#11 call trace: structures, flags, byte dumps and attribute
+// templates, each written through pkcs11_logger_log. Leading blanks give the depth: one for an
+// argument, two for a field or template member, three for a flag or a field below that.
+class Pkcs11TraceWriter
+{
+public:
+    // Starts a traced call: returns whether the trace is on and, if so, writes its first lines.
+    static bool traceInput(const char* function);
+    // After the call: whether output lines follow (they do after CKR_OK, or after a partial
+    // result); writes "Output" when they do.
+    static bool traceOutput(bool tracing, CK_RV rv, bool partialResult = false);
+    static void traceResult(bool tracing, const char* function, CK_RV rv);
+
+    // "name: TRUE" or "name: FALSE"; the name carries its leading blanks.
+    static void logFlag(const char* name, CK_FLAGS flags, CK_FLAGS bit);
+    // "label: HEX(...)"; nothing for a null pointer.
+    static void logData(const char* label, const void* data, CK_ULONG length);
+    static void logTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count, int depth = 0);
+    static void logMechanism(const CK_MECHANISM* mechanism, const char* parameterLabel);
+    static void logVersion(const char* title, const CK_VERSION& version);
+    // The pointer line, and the value line when the pointer is set.
+    static void logULongPointer(const char* pointerLabel, const char* valueLabel, const CK_ULONG* pointer);
+    static void logSlotInfo(const CK_SLOT_INFO& info);
+    static void logTokenInfo(const CK_TOKEN_INFO& info);
+    // The shared layout of the calls that fill a caller's buffer (C_Digest, C_Sign).
+    static void logBufferInput(CK_SESSION_HANDLE hSession, const CK_BYTE* pData, CK_ULONG ulDataLen,
+                               const char* outName, const CK_BYTE* pOut, const char* lengthName,
+                               const char* lengthValueName, const CK_ULONG* pulOutLen);
+    static void logBufferOutput(const char* outName, const char* outValueName, const CK_BYTE* pOut,
+                                const char* lengthName, const char* lengthValueName, const CK_ULONG* pulOutLen);
+};
