@@ -1,0 +1,344 @@
+// A PKCS#11 module for tests. It forwards every call to a real module (SoftHSM unless
+// SCRIVA_TEST_P11_TARGET names another) and adds what the real module cannot be made to do.
+// The additions are configured by a key=value file named in SCRIVA_TEST_P11_CONFIG, read again
+// at every C_Initialize (an absent file or variable means plain forwarding):
+//
+//   initialize_rv=0x191           C_Initialize answers this value without forwarding
+//   cant_lock_once=1              the first C_Initialize that asks for OS locking answers CKR_CANT_LOCK
+//   pin_pad_pin=1234              the token reports a protected authentication path, and a
+//                                 C_Login without a PIN logs in with this PIN
+//   lock_after_wrong_pins=3       after that many wrong PINs every C_Login answers CKR_PIN_LOCKED
+//   token_info_fail_label=Broken  C_GetTokenInfo of the token with this label fails ...
+//   token_info_fail_rv=0x30       ... with this value (default CKR_DEVICE_ERROR)
+//   cancel_sign=1                 C_Sign into a buffer answers CKR_FUNCTION_CANCELED
+//   always_authenticate=1         private keys read CKA_ALWAYS_AUTHENTICATE = true, and signing
+//                                 needs a CKU_CONTEXT_SPECIFIC login ...
+//   context_pin=5678              ... with this PIN (a null PIN is accepted with a PIN pad)
+//   token_platform=Platform text  vendor attribute 0x80001070 of object handle 0
+//   kov_data_hex=3003020101       vendor attribute 0x80000007 of public keys
+//
+// Numbers may be decimal or 0x-prefixed hexadecimal.
+
+#include <p11-kit/pkcs11.h>
+
+#include <dlfcn.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr const char* defaultTarget = "/usr/lib/softhsm/libsofthsm2.so";
+constexpr CK_ATTRIBUTE_TYPE tokenPlatformAttribute = 0x80001070UL;
+constexpr CK_ATTRIBUTE_TYPE kovDataAttribute = 0x80000007UL;
+
+struct State
+{
+    std::mutex mutex;
+    std::map<std::string, std::string> config;
+    bool lockingRefused = false;
+    unsigned long wrongPins = 0;
+    std::set<CK_SESSION_HANDLE> awaitingContextLogin;
+    std::set<CK_SESSION_HANDLE> contextLoggedIn;
+};
+
+State& state()
+{
+    static State s;
+    return s;
+}
+
+CK_FUNCTION_LIST_PTR target = nullptr;
+CK_FUNCTION_LIST ownList;
+
+std::string trim(const std::string& text)
+{
+    const auto begin = text.find_first_not_of(" \t\r\n");
+    if (begin == std::string::npos)
+        return {};
+    return text.substr(begin, text.find_last_not_of(" \t\r\n") - begin + 1);
+}
+
+void readConfig(State& s)
+{
+    s.config.clear();
+    const char* path = std::getenv("SCRIVA_TEST_P11_CONFIG");
+    if (!path || !*path)
+        return;
+    std::ifstream file(path);
+    std::string line;
+    while (std::getline(file, line)) {
+        const auto equals = line.find('=');
+        if (line.empty() || line[0] == '#' || equals == std::string::npos)
+            continue;
+        s.config[trim(line.substr(0, equals))] = trim(line.substr(equals + 1));
+    }
+}
+
+std::string text(const State& s, const char* key)
+{
+    const auto it = s.config.find(key);
+    return it == s.config.end() ? std::string() : it->second;
+}
+
+bool has(const State& s, const char* key) { return s.config.count(key) != 0; }
+
+unsigned long number(const State& s, const char* key, unsigned long fallback)
+{
+    const std::string value = text(s, key);
+    return value.empty() ? fallback : std::strtoul(value.c_str(), nullptr, 0);
+}
+
+std::vector<unsigned char> fromHex(const std::string& hex)
+{
+    std::vector<unsigned char> bytes;
+    for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
+        bytes.push_back(static_cast<unsigned char>(std::stoul(hex.substr(i, 2), nullptr, 16)));
+    return bytes;
+}
+
+bool isPrivateKey(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object)
+{
+    CK_OBJECT_CLASS objectClass = 0;
+    CK_ATTRIBUTE attribute = {CKA_CLASS, &objectClass, sizeof(objectClass)};
+    return target->C_GetAttributeValue(session, object, &attribute, 1) == CKR_OK && objectClass == CKO_PRIVATE_KEY;
+}
+
+bool isPublicKey(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object)
+{
+    CK_OBJECT_CLASS objectClass = 0;
+    CK_ATTRIBUTE attribute = {CKA_CLASS, &objectClass, sizeof(objectClass)};
+    return target->C_GetAttributeValue(session, object, &attribute, 1) == CKR_OK && objectClass == CKO_PUBLIC_KEY;
+}
+
+// Answers one attribute with the two-call length protocol; returns false when the buffer is short.
+bool answer(CK_ATTRIBUTE& attribute, const void* value, CK_ULONG length)
+{
+    if (!attribute.pValue) {
+        attribute.ulValueLen = length;
+        return true;
+    }
+    if (attribute.ulValueLen < length) {
+        attribute.ulValueLen = CK_UNAVAILABLE_INFORMATION;
+        return false;
+    }
+    std::memcpy(attribute.pValue, value, length);
+    attribute.ulValueLen = length;
+    return true;
+}
+
+CK_RV testInitialize(CK_VOID_PTR initArgs)
+{
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    readConfig(s);
+    if (has(s, "initialize_rv"))
+        return number(s, "initialize_rv", CKR_OK);
+    const auto* args = static_cast<const CK_C_INITIALIZE_ARGS*>(initArgs);
+    if (number(s, "cant_lock_once", 0) && args && (args->flags & CKF_OS_LOCKING_OK) && !s.lockingRefused) {
+        s.lockingRefused = true;
+        return CKR_CANT_LOCK;
+    }
+    const CK_RV rv = target->C_Initialize(initArgs);
+    if (rv == CKR_OK) {
+        s.wrongPins = 0;
+        s.awaitingContextLogin.clear();
+        s.contextLoggedIn.clear();
+    }
+    return rv;
+}
+
+CK_RV testFinalize(CK_VOID_PTR reserved)
+{
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.lockingRefused = false;
+    return target->C_Finalize(reserved);
+}
+
+CK_RV testGetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info)
+{
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    const CK_RV rv = target->C_GetTokenInfo(slot, info);
+    if (rv != CKR_OK)
+        return rv;
+    const std::string label = trim(std::string(reinterpret_cast<const char*>(info->label), sizeof(info->label)));
+    if (has(s, "token_info_fail_label") && label == text(s, "token_info_fail_label"))
+        return number(s, "token_info_fail_rv", CKR_DEVICE_ERROR);
+    if (has(s, "pin_pad_pin"))
+        info->flags |= CKF_PROTECTED_AUTHENTICATION_PATH;
+    if (has(s, "lock_after_wrong_pins") && s.wrongPins >= number(s, "lock_after_wrong_pins", 0))
+        info->flags |= CKF_USER_PIN_LOCKED;
+    return rv;
+}
+
+CK_RV contextLogin(State& s, CK_SESSION_HANDLE session, CK_UTF8CHAR_PTR pin, CK_ULONG pinLength)
+{
+    const std::string given = pin ? std::string(reinterpret_cast<const char*>(pin), pinLength) : std::string();
+    const bool fromPad = !pin && has(s, "pin_pad_pin");
+    if (!fromPad && given != text(s, "context_pin")) {
+        ++s.wrongPins;
+        return CKR_PIN_INCORRECT;
+    }
+    s.contextLoggedIn.insert(session);
+    return CKR_OK;
+}
+
+CK_RV testLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pin, CK_ULONG pinLength)
+{
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (has(s, "lock_after_wrong_pins") && s.wrongPins >= number(s, "lock_after_wrong_pins", 0))
+        return CKR_PIN_LOCKED;
+    if (userType == CKU_CONTEXT_SPECIFIC && s.awaitingContextLogin.count(session))
+        return contextLogin(s, session, pin, pinLength);
+
+    std::string padPin;
+    if (!pin && has(s, "pin_pad_pin")) {
+        padPin = text(s, "pin_pad_pin");
+        pin = reinterpret_cast<CK_UTF8CHAR_PTR>(padPin.data());
+        pinLength = padPin.size();
+    }
+    const CK_RV rv = target->C_Login(session, userType, pin, pinLength);
+    if (rv == CKR_PIN_INCORRECT)
+        ++s.wrongPins;
+    return rv;
+}
+
+CK_RV testCloseSession(CK_SESSION_HANDLE session)
+{
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.awaitingContextLogin.erase(session);
+    s.contextLoggedIn.erase(session);
+    return target->C_CloseSession(session);
+}
+
+CK_RV testGetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_PTR attributes,
+                            CK_ULONG count)
+{
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    const std::string platform = text(s, "token_platform");
+    if (object == 0 && has(s, "token_platform")) {
+        // Handle 0 names no real object; the vendor attribute lives there.
+        CK_RV rv = CKR_OK;
+        for (CK_ULONG i = 0; i < count; ++i) {
+            if (attributes[i].type != tokenPlatformAttribute) {
+                attributes[i].ulValueLen = CK_UNAVAILABLE_INFORMATION;
+                rv = CKR_ATTRIBUTE_TYPE_INVALID;
+            } else if (!answer(attributes[i], platform.data(), platform.size())) {
+                rv = CKR_BUFFER_TOO_SMALL;
+            }
+        }
+        return rv;
+    }
+
+    CK_RV rv = target->C_GetAttributeValue(session, object, attributes, count);
+    if (rv != CKR_OK && rv != CKR_ATTRIBUTE_TYPE_INVALID && rv != CKR_ATTRIBUTE_SENSITIVE
+        && rv != CKR_BUFFER_TOO_SMALL)
+        return rv;
+
+    const std::vector<unsigned char> kovData = fromHex(text(s, "kov_data_hex"));
+    const CK_BBOOL alwaysAuthenticate = CK_TRUE;
+    bool bufferTooSmall = false;
+    bool othersUnavailable = false;
+    for (CK_ULONG i = 0; i < count; ++i) {
+        CK_ATTRIBUTE& attribute = attributes[i];
+        if (attribute.type == kovDataAttribute && has(s, "kov_data_hex") && isPublicKey(session, object))
+            bufferTooSmall |= !answer(attribute, kovData.data(), kovData.size());
+        else if (attribute.type == CKA_ALWAYS_AUTHENTICATE && number(s, "always_authenticate", 0)
+                 && isPrivateKey(session, object))
+            bufferTooSmall |= !answer(attribute, &alwaysAuthenticate, sizeof(alwaysAuthenticate));
+        else if (attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION)
+            othersUnavailable = true;
+    }
+    if (bufferTooSmall)
+        return CKR_BUFFER_TOO_SMALL;
+    if (rv == CKR_ATTRIBUTE_TYPE_INVALID && !othersUnavailable)
+        return CKR_OK;
+    return rv;
+}
+
+CK_RV testSignInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE key)
+{
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    const CK_RV rv = target->C_SignInit(session, mechanism, key);
+    s.contextLoggedIn.erase(session);
+    s.awaitingContextLogin.erase(session);
+    if (rv == CKR_OK && number(s, "always_authenticate", 0) && isPrivateKey(session, key))
+        s.awaitingContextLogin.insert(session);
+    return rv;
+}
+
+CK_RV testSign(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLength, CK_BYTE_PTR signature,
+               CK_ULONG_PTR signatureLength)
+{
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (s.awaitingContextLogin.count(session) && !s.contextLoggedIn.count(session))
+        return CKR_USER_NOT_LOGGED_IN;
+    CK_RV rv = target->C_Sign(session, data, dataLength, signature, signatureLength);
+    // A length query leaves the operation running; anything else ends it.
+    if (signature || rv != CKR_OK) {
+        s.awaitingContextLogin.erase(session);
+        s.contextLoggedIn.erase(session);
+    }
+    if (signature && number(s, "cancel_sign", 0))
+        rv = CKR_FUNCTION_CANCELED;
+    return rv;
+}
+
+CK_RV testGetFunctionList(CK_FUNCTION_LIST_PTR_PTR list);
+
+bool loadTarget()
+{
+    if (target)
+        return true;
+    const char* path = std::getenv("SCRIVA_TEST_P11_TARGET");
+    // The real module stays loaded for the life of the process; reloading SoftHSM is not safe.
+    void* handle = dlopen(path && *path ? path : defaultTarget, RTLD_NOW | RTLD_LOCAL);
+    if (!handle)
+        return false;
+    auto getList = reinterpret_cast<CK_C_GetFunctionList>(dlsym(handle, "C_GetFunctionList"));
+    CK_FUNCTION_LIST_PTR list = nullptr;
+    if (!getList || getList(&list) != CKR_OK || !list)
+        return false;
+    target = list;
+    ownList = *list;
+    ownList.C_GetFunctionList = testGetFunctionList;
+    ownList.C_Initialize = testInitialize;
+    ownList.C_Finalize = testFinalize;
+    ownList.C_GetTokenInfo = testGetTokenInfo;
+    ownList.C_Login = testLogin;
+    ownList.C_CloseSession = testCloseSession;
+    ownList.C_GetAttributeValue = testGetAttributeValue;
+    ownList.C_SignInit = testSignInit;
+    ownList.C_Sign = testSign;
+    return true;
+}
+
+CK_RV testGetFunctionList(CK_FUNCTION_LIST_PTR_PTR list)
+{
+    if (!list)
+        return CKR_ARGUMENTS_BAD;
+    if (!loadTarget())
+        return CKR_GENERAL_ERROR;
+    *list = &ownList;
+    return CKR_OK;
+}
+
+} // namespace
+
+extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list)
+{
+    return testGetFunctionList(list);
+}
