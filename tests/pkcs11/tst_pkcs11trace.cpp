@@ -1,0 +1,316 @@
+#include "loghandler.h"
+#include "pkcs11logger.h"
+#include "pkcs11names.h"
+#include "pkcs11testhelpers.h"
+#include "softhsmtoken.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <cstring>
+
+using namespace Pkcs11TestHelpers;
+
+namespace {
+
+// A module that answers from these stubs, so the trace can be checked line by line.
+CK_RV stubGetAttributeValue(CK_SESSION_HANDLE, CK_OBJECT_HANDLE, CK_ATTRIBUTE_PTR attributes, CK_ULONG count)
+{
+    // The third attribute is refused, the others are left as they came.
+    if (count > 2)
+        attributes[2].ulValueLen = CK_UNAVAILABLE_INFORMATION;
+    return CKR_ATTRIBUTE_SENSITIVE;
+}
+
+CK_RV stubGenerateKeyPair(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_ATTRIBUTE_PTR, CK_ULONG, CK_ATTRIBUTE_PTR, CK_ULONG,
+                          CK_OBJECT_HANDLE_PTR publicKey, CK_OBJECT_HANDLE_PTR privateKey)
+{
+    *publicKey = 11;
+    *privateKey = 12;
+    return CKR_OK;
+}
+
+CK_RV stubFinalize(CK_VOID_PTR) { return 0x80000001UL; }
+
+CK_FUNCTION_LIST stubList()
+{
+    CK_FUNCTION_LIST list;
+    std::memset(&list, 0, sizeof(list));
+    list.C_GetAttributeValue = stubGetAttributeValue;
+    list.C_GenerateKeyPair = stubGenerateKeyPair;
+    list.C_Finalize = stubFinalize;
+    return list;
+}
+
+QString pointer(const void* p) { return QString::asprintf("%p", p); }
+
+int countNamed(const char* (*name)(unsigned long), unsigned long from, unsigned long to)
+{
+    int named = 0;
+    for (unsigned long value = from; value <= to; ++value)
+        named += qstrcmp(name(value), Pkcs11Names::unknownName) != 0;
+    return named;
+}
+
+int countDoubleNames(const char* (*name)(unsigned long), unsigned long to)
+{
+    int doubles = 0;
+    for (unsigned long value = 0; value <= to; ++value)
+        doubles += QByteArray(name(value)).contains(" or ");
+    return doubles;
+}
+
+} // namespace
+
+// The PKCS#11 call trace: its name tables, its line layouts and its switch.
+class TestPkcs11Trace : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir home;
+
+    void switchTrace(bool on)
+    {
+        QFile::remove(LogHandler::hostLogPath());
+        if (on) {
+            QFile file(LogHandler::hostLogPath());
+            QVERIFY(file.open(QIODevice::WriteOnly));
+        }
+    }
+
+private slots:
+    void initTestCase()
+    {
+        qputenv("XDG_DATA_HOME", home.path().toUtf8());
+        LogHandler::init(QString::fromLatin1(LogHandler::hostLogFileName));
+        QVERIFY(QDir().mkpath(LogHandler::logDirectory()));
+    }
+
+    void cleanupTestCase() { LogHandler::shutdown(); }
+
+    void nameTablesHoldTheStandardEntriesAndFallBackToUnknown()
+    {
+        const unsigned long vendor = 0x80000000UL;
+        QCOMPARE(countNamed(Pkcs11Names::returnValueName, 0, 0x1000) + 1, 88);
+        QCOMPARE(countNamed(Pkcs11Names::mechanismName, 0, 0x5000) + 1, 248);
+        QCOMPARE(countNamed(Pkcs11Names::attributeTypeName, 0, 0x1000)
+                     + countNamed(Pkcs11Names::attributeTypeName, 0x40000000UL, 0x40001000UL) + 1,
+                 98);
+        QCOMPARE(countDoubleNames(Pkcs11Names::mechanismName, 0x5000), 9);
+        QCOMPARE(countDoubleNames(Pkcs11Names::attributeTypeName, 0x1000), 2);
+
+        QCOMPARE(Pkcs11Names::returnValueName(vendor), "CKR_VENDOR_DEFINED");
+        QCOMPARE(Pkcs11Names::returnValueName(vendor + 1), "Unknown");
+        QCOMPARE(Pkcs11Names::returnValueName(0x4), "Unknown");
+        QCOMPARE(Pkcs11Names::returnValueName(0x1B8), "Unknown"); // added after v2.30
+        QCOMPARE(Pkcs11Names::returnValueName(0x191), "CKR_CRYPTOKI_ALREADY_INITIALIZED");
+        QCOMPARE(Pkcs11Names::mechanismName(CKM_EC_KEY_PAIR_GEN), "CKM_ECDSA_KEY_PAIR_GEN or CKM_EC_KEY_PAIR_GEN");
+        QCOMPARE(Pkcs11Names::mechanismName(0x3A5), "CKM_PBE_SHA1_CAST5_CBC or CKM_PBE_SHA1_CAST128_CBC");
+        QCOMPARE(Pkcs11Names::mechanismName(CKM_SHA256), "CKM_SHA256");
+        QCOMPARE(Pkcs11Names::mechanismName(0x1087), "Unknown"); // AES-GCM came with v2.40
+        QCOMPARE(Pkcs11Names::mechanismName(vendor), "CKM_VENDOR_DEFINED");
+        QCOMPARE(Pkcs11Names::mechanismName(vendor + 0x1070), "Unknown");
+        QCOMPARE(Pkcs11Names::attributeTypeName(0x180), "CKA_EC_PARAMS or CKA_ECDSA_PARAMS");
+        QCOMPARE(Pkcs11Names::attributeTypeName(0x134), "CKA_SUBPRIME_BITS or CKA_SUB_PRIME_BITS");
+        QCOMPARE(Pkcs11Names::attributeTypeName(CKA_UNWRAP_TEMPLATE), "CKA_UNWRAP_TEMPLATE");
+        QCOMPARE(Pkcs11Names::attributeTypeName(0x211), "Unknown"); // without the array bit
+        QCOMPARE(Pkcs11Names::attributeTypeName(0x80001070UL), "Unknown");
+        QCOMPARE(Pkcs11Names::userTypeName(2), "CKU_CONTEXT_SPECIFIC");
+        QCOMPARE(Pkcs11Names::userTypeName(3), "Unknown");
+        QCOMPARE(Pkcs11Names::sessionStateName(4), "CKS_RW_SO_FUNCTIONS");
+        QCOMPARE(Pkcs11Names::sessionStateName(5), "Unknown");
+    }
+
+    void forwardsSilentlyWhileTheLogFileIsAbsent()
+    {
+        switchTrace(false);
+        CK_FUNCTION_LIST list = stubList();
+        Pkcs11Logger logger(&list);
+        QCOMPARE(logger.C_Finalize(nullptr), 0x80000001UL);
+        QVERIFY(!QFile::exists(LogHandler::hostLogPath()));
+
+        switchTrace(true);
+        QCOMPARE(logger.C_Finalize(nullptr), 0x80000001UL);
+        QCOMPARE(traceMessages(LogHandler::hostLogPath()),
+                 QStringList({QStringLiteral("Going to call C_Finalize"), QStringLiteral("Input"),
+                              QStringLiteral(" pReserved: (nil)"),
+                              QStringLiteral("C_Finalize returned 2147483649 (Unknown)")}));
+    }
+
+    void missingFunctionListAnswersGeneralErrorWithoutTrace()
+    {
+        switchTrace(true);
+        Pkcs11Logger logger(nullptr);
+        QCOMPARE(logger.C_Login(1, CKU_USER, nullptr, 0), CKR_GENERAL_ERROR);
+        CK_FUNCTION_LIST list = stubList();
+        QCOMPARE(Pkcs11Logger(&list).C_CloseSession(1), CKR_GENERAL_ERROR); // no entry in the list
+        QCOMPARE(QFileInfo(LogHandler::hostLogPath()).size(), 0);
+    }
+
+    void dumpsTemplatesNestedTemplatesAndRefusedValues()
+    {
+        switchTrace(true);
+        CK_FUNCTION_LIST list = stubList();
+        Pkcs11Logger logger(&list);
+        CK_OBJECT_CLASS keyClass = CKO_PRIVATE_KEY;
+        CK_ATTRIBUTE nested[] = {{CKA_CLASS, &keyClass, sizeof(keyClass)}};
+        unsigned char bytes[] = {1, 2, 3, 4, 0xAB};
+        char empty[1] = {0};
+        CK_ATTRIBUTE attributes[] = {
+            {CKA_LABEL, nullptr, 0},                      // a length query: no value line
+            {CKA_WRAP_TEMPLATE, nested, sizeof(nested)},  // an array attribute: shown nested
+            {CKA_UNWRAP_TEMPLATE, bytes, sizeof(bytes)},  // not whole attributes: shown as bytes
+            {CKA_VALUE, empty, 0},
+        };
+        QCOMPARE(logger.C_GetAttributeValue(7, 9, attributes, 4), CKR_ATTRIBUTE_SENSITIVE);
+
+        auto templateLines = [&](bool refused) {
+            return QStringList{
+                QStringLiteral("  *** Begin attribute template ***"),
+                QStringLiteral("  Attribute 0"), QStringLiteral("   Attribute: 3 (CKA_LABEL)"),
+                QStringLiteral("   pValue: (nil)"), QStringLiteral("   ulValueLen: 0"),
+                QStringLiteral("  Attribute 1"), QStringLiteral("   Attribute: 1073742353 (CKA_WRAP_TEMPLATE)"),
+                QStringLiteral("   pValue: ") + pointer(nested), QStringLiteral("   ulValueLen: 24"),
+                QStringLiteral("  *** Begin attribute template ***"),
+                QStringLiteral("  Attribute 0"), QStringLiteral("   Attribute: 0 (CKA_CLASS)"),
+                QStringLiteral("   pValue: ") + pointer(&keyClass), QStringLiteral("   ulValueLen: 8"),
+                QStringLiteral("   *pValue: HEX(0300000000000000)"),
+                QStringLiteral("  *** End attribute template ***"),
+                QStringLiteral("  Attribute 2"), QStringLiteral("   Attribute: 1073742354 (CKA_UNWRAP_TEMPLATE)"),
+                QStringLiteral("   pValue: ") + pointer(bytes),
+                refused ? QStringLiteral("   ulValueLen: 18446744073709551615") : QStringLiteral("   ulValueLen: 5"),
+                refused ? QStringLiteral("   *pValue: *** cannot be displayed ***")
+                        : QStringLiteral("   *pValue: HEX(01020304AB)"),
+                QStringLiteral("  Attribute 3"), QStringLiteral("   Attribute: 17 (CKA_VALUE)"),
+                QStringLiteral("   pValue: ") + pointer(empty), QStringLiteral("   ulValueLen: 0"),
+                QStringLiteral("   *pValue: HEX()"),
+                QStringLiteral("  *** End attribute template ***"),
+            };
+        };
+        const QString templatePointer = QStringLiteral(" pTemplate: ") + pointer(attributes);
+        const QStringList expected = QStringList{QStringLiteral("Going to call C_GetAttributeValue"),
+                                                 QStringLiteral("Input"), QStringLiteral(" hSession: 7"),
+                                                 QStringLiteral(" hObject: 9"), templatePointer,
+                                                 QStringLiteral(" ulCount: 4")}
+                                     + templateLines(false)
+                                     + QStringList{QStringLiteral("Output"), templatePointer,
+                                                   QStringLiteral(" ulCount: 4")}
+                                     + templateLines(true)
+                                     + QStringList{QStringLiteral("C_GetAttributeValue returned 17 "
+                                                                  "(CKR_ATTRIBUTE_SENSITIVE)")};
+        QCOMPARE(traceMessages(LogHandler::hostLogPath()), expected);
+    }
+
+    void showsMechanismParametersAndNewKeyHandles()
+    {
+        switchTrace(true);
+        CK_FUNCTION_LIST list = stubList();
+        Pkcs11Logger logger(&list);
+        unsigned char curve[] = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
+        CK_MECHANISM mechanism = {CKM_EC_KEY_PAIR_GEN, curve, sizeof(curve)};
+        CK_OBJECT_HANDLE publicKey = 0;
+        CK_OBJECT_HANDLE privateKey = 0;
+        QCOMPARE(logger.C_GenerateKeyPair(3, &mechanism, nullptr, 0, nullptr, 0, &publicKey, &privateKey), CKR_OK);
+        QCOMPARE(publicKey, 11UL);
+
+        const QStringList messages = traceMessages(LogHandler::hostLogPath());
+        const QStringList expectedTail{
+            QStringLiteral("Output"),
+            QStringLiteral(" phPublicKey: ") + pointer(&publicKey), QStringLiteral(" *phPublicKey: 11"),
+            QStringLiteral(" phPrivateKey: ") + pointer(&privateKey), QStringLiteral(" *phPrivateKey: 12"),
+            QStringLiteral("C_GenerateKeyPair returned 0 (CKR_OK)")};
+        QCOMPARE(messages.mid(messages.size() - expectedTail.size()), expectedTail);
+        QVERIFY(messages.contains(QStringLiteral("  mechanism: 4160 (CKM_ECDSA_KEY_PAIR_GEN or CKM_EC_KEY_PAIR_GEN)")));
+        QVERIFY(messages.contains(QStringLiteral("  *pParameter: HEX(06082A8648CE3D030107)")));
+        QVERIFY(messages.contains(QStringLiteral("  ulParameterLen: 0xa")));
+        QVERIFY(messages.contains(QStringLiteral(" ulPublicKeyAttributeCount: 0")));
+        QVERIFY(!messages.contains(QStringLiteral("  *** Begin attribute template ***")));
+    }
+
+    void tracesSoftHsmSessionButNeverThePin()
+    {
+        SoftHsmToken store;
+        QVERIFY2(store.isValid(), qPrintable(store.lastError()));
+        const QString pin = QStringLiteral("Zq7-Distinct-Pin-93");
+        QVERIFY2(store.initToken(QStringLiteral("Trace Token"), QStringLiteral("so-secret-1"), pin),
+                 qPrintable(store.lastError()));
+        const QString serial = store.serialNumber(QStringLiteral("Trace Token"));
+        QCOMPARE(serial.size(), 16);
+
+        CK_FUNCTION_LIST_PTR module = loadFunctionList(SoftHsmToken::softHsmModulePath());
+        QVERIFY(module);
+        Pkcs11Logger logger(module);
+        switchTrace(true);
+
+        CK_C_INITIALIZE_ARGS args = {nullptr, nullptr, nullptr, nullptr, CKF_OS_LOCKING_OK, nullptr};
+        QCOMPARE(logger.C_Initialize(&args), CKR_OK);
+        CK_ULONG count = 0;
+        QCOMPARE(logger.C_GetSlotList(CK_TRUE, nullptr, &count), CKR_OK);
+        QList<CK_SLOT_ID> slotIds(static_cast<int>(count));
+        QCOMPARE(logger.C_GetSlotList(CK_TRUE, slotIds.data(), &count), CKR_OK);
+        const CK_SLOT_ID slot = static_cast<CK_SLOT_ID>(store.slotId(QStringLiteral("Trace Token")));
+        QVERIFY(slotIds.contains(slot));
+        CK_SLOT_INFO slotInfo;
+        QCOMPARE(logger.C_GetSlotInfo(slot, &slotInfo), CKR_OK);
+        CK_TOKEN_INFO tokenInfo;
+        QCOMPARE(logger.C_GetTokenInfo(slot, &tokenInfo), CKR_OK);
+        CK_SESSION_HANDLE session = 0;
+        QCOMPARE(logger.C_OpenSession(slot, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session), CKR_OK);
+        QByteArray pinBytes = pin.toUtf8();
+        QCOMPARE(logger.C_Login(session, CKU_USER, reinterpret_cast<CK_UTF8CHAR_PTR>(pinBytes.data()),
+                                static_cast<CK_ULONG>(pinBytes.size())),
+                 CKR_OK);
+        CK_SESSION_INFO sessionInfo;
+        QCOMPARE(logger.C_GetSessionInfo(session, &sessionInfo), CKR_OK);
+        CK_OBJECT_CLASS certificateClass = CKO_CERTIFICATE;
+        CK_ATTRIBUTE search[] = {{CKA_CLASS, &certificateClass, sizeof(certificateClass)}};
+        QCOMPARE(logger.C_FindObjectsInit(session, search, 1), CKR_OK);
+        CK_OBJECT_HANDLE found[8];
+        CK_ULONG foundCount = 99;
+        QCOMPARE(logger.C_FindObjects(session, found, 8, &foundCount), CKR_OK);
+        QCOMPARE(foundCount, 0UL);
+        QCOMPARE(logger.C_FindObjectsFinal(session), CKR_OK);
+        QCOMPARE(logger.C_Logout(session), CKR_OK);
+        QCOMPARE(logger.C_CloseSession(session), CKR_OK);
+        QCOMPARE(logger.C_Finalize(nullptr), CKR_OK);
+
+        const QStringList messages = traceMessages(LogHandler::hostLogPath());
+        const QStringList expectedSubsequence{
+            QStringLiteral("Going to call C_Initialize"), QStringLiteral("  Flags: 2"),
+            QStringLiteral("   CKF_LIBRARY_CANT_CREATE_OS_THREADS: FALSE"), QStringLiteral("   CKF_OS_LOCKING_OK: TRUE"),
+            QStringLiteral("C_Initialize returned 0 (CKR_OK)"),
+            QStringLiteral(" pSlotList: (nil)"), QStringLiteral(" *pulCount: 0"),
+            QStringLiteral(" pSlotList[0]: %1").arg(slotIds[0]),
+            QStringLiteral("  manufacturerID: ") + QStringLiteral("SoftHSM project").leftJustified(32),
+            QStringLiteral("   CKF_TOKEN_PRESENT: TRUE"),
+            QStringLiteral("  label: ") + QStringLiteral("Trace Token").leftJustified(32),
+            QStringLiteral("  serialNumber: ") + serial, QStringLiteral("   CKF_LOGIN_REQUIRED: TRUE"),
+            QStringLiteral("   CKF_PROTECTED_AUTHENTICATION_PATH: FALSE"),
+            QStringLiteral("  CKF_RW_SESSION: TRUE"), QStringLiteral(" *phSession: %1").arg(session),
+            QStringLiteral("Going to call C_Login"), QStringLiteral(" userType: 1 (CKU_USER)"),
+            QStringLiteral(" pPin: ") + pointer(pinBytes.constData()), QStringLiteral(" ulPinLen: 19"),
+            QStringLiteral("C_Login returned 0 (CKR_OK)"),
+            QStringLiteral("  state: 3 (CKS_RW_USER_FUNCTIONS)"),
+            QStringLiteral("   Attribute: 0 (CKA_CLASS)"), QStringLiteral("   *pValue: HEX(0100000000000000)"),
+            QStringLiteral(" *pulObjectCount: 0"), QStringLiteral("C_FindObjectsFinal returned 0 (CKR_OK)"),
+            QStringLiteral("C_Finalize returned 0 (CKR_OK)")};
+        int at = 0;
+        for (const QString& expected : expectedSubsequence) {
+            at = messages.indexOf(expected, at);
+            QVERIFY2(at >= 0, qPrintable(QStringLiteral("missing or out of order: ") + expected));
+        }
+
+        QFile log(LogHandler::hostLogPath());
+        QVERIFY(log.open(QIODevice::ReadOnly));
+        const QByteArray whole = log.readAll();
+        QVERIFY(!whole.contains(pinBytes));
+        QVERIFY(!whole.toUpper().contains(pinBytes.toHex().toUpper()));
+        switchTrace(false);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestPkcs11Trace)
+#include "tst_pkcs11trace.moc"
