@@ -135,17 +135,6 @@ private slots:
         QVERIFY(first != second);
     }
 
-    void tokenOperationsSayTheyAreNotAvailableYet()
-    {
-        HostProcess host;
-        startWithInstance(host);
-        for (const QString name : {"GetSlots", "GetCertificates", "GenerateCsr", "CreateObject"}) {
-            const QJsonObject answer = host.call(name, QStringLiteral("TUlJ"));
-            QCOMPARE(error(answer), QStringLiteral("Operation %1 is not available yet").arg(name));
-            QCOMPARE(result(answer), QJsonValue(QJsonValue::Null));
-        }
-    }
-
     void secondCreateInstanceStartsFromAFreshInstance()
     {
         HostProcess host;

@@ -1,7 +1,13 @@
 #include "scrivapkcs11.h"
 
 #include "appexception.h"
+#include "pkcs11/XmlParser/OperationData/OperationSpecific/createobjectoperationdata.h"
+#include "pkcs11/XmlParser/OperationData/OperationSpecific/generatecsroperationdata.h"
+#include "pkcs11/XmlParser/OperationData/OperationSpecific/getcertificatesoperationdata.h"
+#include "pkcs11/XmlParser/OperationData/OperationSpecific/getslotsoperationdata.h"
+#include "pkcs11/XmlParser/scrivapkcs11inputxmlparser.h"
 #include "pkcs11/ui/mainwindowpkcs11.h"
+#include "x509certificate2ultra.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -54,27 +60,28 @@ void ScrivaPkcs11::processNonce(const QString& requestNonce) const
         throw APP_EXCEPTION(QStringLiteral("CommunicationMismatchNonce"));
 }
 
-void ScrivaPkcs11::getSlots(const QString&)
+void ScrivaPkcs11::getSlots(const QString& args)
 {
-    startOperation(AsyncOperation::GetSlots, QStringLiteral("GetSlots"));
+    startOperation<GetSlotsOperationData>(AsyncOperation::GetSlots, args);
 }
 
-void ScrivaPkcs11::getCertificates(const QString&)
+void ScrivaPkcs11::getCertificates(const QString& args)
 {
-    startOperation(AsyncOperation::GetCertificates, QStringLiteral("GetCertificates"));
+    startOperation<GetCertificatesOperationData>(AsyncOperation::GetCertificates, args);
 }
 
-void ScrivaPkcs11::generateCsr(const QString&)
+void ScrivaPkcs11::generateCsr(const QString& args)
 {
-    startOperation(AsyncOperation::GenerateCsr, QStringLiteral("GenerateCsr"));
+    startOperation<GenerateCsrOperationData>(AsyncOperation::GenerateCsr, args);
 }
 
-void ScrivaPkcs11::createObject(const QString&)
+void ScrivaPkcs11::createObject(const QString& args)
 {
-    startOperation(AsyncOperation::CreateObject, QStringLiteral("CreateObject"));
+    startOperation<CreateObjectOperationData>(AsyncOperation::CreateObject, args);
 }
 
-void ScrivaPkcs11::startOperation(AsyncOperation, const QString& name)
+template<typename T>
+void ScrivaPkcs11::startOperation(AsyncOperation, const QString& args)
 {
     {
         QMutexLocker locker(&mutex);
@@ -83,8 +90,14 @@ void ScrivaPkcs11::startOperation(AsyncOperation, const QString& name)
         if (currentOperation != AsyncOperation::None)
             throw APP_EXCEPTION(QStringLiteral("Another asynchronous method is already running"));
     }
+    // Nothing of a request reaches the token before its signature, signer and nonce are checked.
+    X509Certificate2Ultra signer;
+    const std::unique_ptr<ScrivaPkcs11OperationData<T>> data(ScrivaPkcs11InputXmlParser<T>::parse(args, &signer));
+    processNonce(data->getNonce());
+
     // The token engine is not part of this build yet: say so instead of pretending a result.
-    throw APP_EXCEPTION(QStringLiteral("Operation %1 is not available yet").arg(name));
+    throw APP_EXCEPTION(QStringLiteral("Operation %1 is not available yet")
+                            .arg(ScrivaPkcs11InputXmlParser<T>::operationElementName()));
 }
 
 void ScrivaPkcs11::setProperty(QString& properties)

@@ -53,7 +53,8 @@ signals:
     void readyToTerminate();
 
 private:
-    void startOperation(AsyncOperation operation, const QString& name);
+    template<typename T>
+    void startOperation(AsyncOperation operation, const QString& args);
     static QString translationsPath();
 
     mutable QMutex mutex;
