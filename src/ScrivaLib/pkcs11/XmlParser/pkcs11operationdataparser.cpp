@@ -1,9 +1,10 @@
 #include "pkcs11operationdataparser.h"
 
 #include "appexception.h"
-#include "ownedresource.h"
+#include "ckattributelistguard.h"
 #include "scrivanamespaces.h"
-#include "xmlschemacache.h"
+#include "tokenidentificationreader.h"
+#include "xmlschemavalidator.h"
 #include "OperationData/location.h"
 #include "OperationData/pkcs11librarydata.h"
 #include "OperationData/OperationSpecific/createobjectoperationdata.h"
@@ -11,20 +12,12 @@
 #include "OperationData/OperationSpecific/getcertificatesoperationdata.h"
 #include "OperationData/OperationSpecific/getslotsoperationdata.h"
 
-#include <libxml/parser.h>
-#include <libxml/xmlschemas.h>
-
 #include <QXmlStreamReader>
 #include <QtDebug>
 
-#include <climits>
 #include <cstdlib>
-#include <vector>
 
 namespace {
-
-using OwnedDocument = Owned<xmlDoc, xmlFreeDoc>;
-using OwnedValidationContext = Owned<xmlSchemaValidCtxt, xmlSchemaFreeValidCtxt>;
 
 bool isNamed(const QXmlStreamReader* reader, const char* name)
 {
@@ -49,63 +42,25 @@ CK_ULONG readUnsignedLong(QXmlStreamReader* reader)
     return CK_ULONG(reader->readElementText().toULong(nullptr, 10));
 }
 
-// The token an operation addresses: "TokenSerialNumber" of 2022-12-29 requests, or the
-// "TokenIdentification" group with "SerialNumber" and "Label" of 2026-02-04 requests.
-struct TokenIdentification
+// The checks every reading routine makes before it reads. Older routines spell the null pointer
+// "NULL", newer ones "nullptr"; the log keeps each routine's own spelling.
+template<typename T>
+bool outputUsable(const QXmlStreamReader* reader, T** output, const char* null)
 {
-    QString serialNumber;
-    QString label;
-    bool inGroup = false;
-
-    // True when the reader's current token belongs to the token identification and was taken.
-    bool take(QXmlStreamReader* reader)
-    {
-        if (isEndOf(reader, "TokenIdentification")) {
-            inGroup = false;
-            return true;
-        }
-        if (!reader->isStartElement())
-            return false;
-        if (isNamed(reader, "TokenSerialNumber")) {
-            serialNumber = reader->readElementText();
-            return true;
-        }
-        if (isNamed(reader, "TokenIdentification")) {
-            inGroup = true;
-            return true;
-        }
-        if (inGroup && isNamed(reader, "SerialNumber")) {
-            serialNumber = reader->readElementText();
-            return true;
-        }
-        if (inGroup && isNamed(reader, "Label")) {
-            label = reader->readElementText();
-            return true;
-        }
+    if (!reader) {
+        qWarning("QXmlStreamReader is %s!", null);
         return false;
     }
-};
-
-// Frees the value buffers of attribute lists that never reached a record.
-class AttributeListsGuard
-{
-public:
-    explicit AttributeListsGuard(std::initializer_list<QList<CK_ATTRIBUTE>*> lists) : lists(lists) {}
-    AttributeListsGuard(const AttributeListsGuard&) = delete;
-    AttributeListsGuard& operator=(const AttributeListsGuard&) = delete;
-    ~AttributeListsGuard()
-    {
-        if (!released) {
-            for (QList<CK_ATTRIBUTE>* list : lists)
-                CkAttributeParser::freeAttributeValues(*list);
-        }
+    if (!output) {
+        qWarning("Output pointer to pointer is %s!", null);
+        return false;
     }
-    void release() { released = true; }
-
-private:
-    const std::vector<QList<CK_ATTRIBUTE>*> lists;
-    bool released = false;
-};
+    if (*output) {
+        qWarning("Dereferenced output pointer to pointer is not %s!", null);
+        return false;
+    }
+    return true;
+}
 
 void logCreationFailure(const char* text, const AppException& exception)
 {
@@ -126,6 +81,7 @@ QString Pkcs11OperationDataParser::schemaResourcePath(const QString& xmlNamespac
 
 bool Pkcs11OperationDataParser::validate(const QString& xml, const QString& xmlNamespace) const
 {
+    qDebug().noquote() << Q_FUNC_INFO;
     qInfo("Validation of input XML started");
     if (xml.isEmpty()) {
         qWarning("XML is null or empty!");
@@ -141,33 +97,7 @@ bool Pkcs11OperationDataParser::validate(const QString& xml, const QString& xmlN
         return false;
     }
 
-    XmlSchemaCache::initParser();
-    const QByteArray utf8 = xml.toUtf8();
-    // No error output, no network; entities are not expanded.
-    const int options = XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NONET;
-    OwnedDocument document(utf8.size() > INT_MAX
-                               ? nullptr
-                               : xmlReadMemory(utf8.constData(), int(utf8.size()), nullptr, nullptr, options));
-    if (!document) {
-        qWarning("Unable to load XML.");
-        return false;
-    }
-
-    xmlSchema* schema = XmlSchemaCache::schema(resourcePath);
-    if (!schema)
-        return false;
-    OwnedValidationContext context(xmlSchemaNewValidCtxt(schema));
-    if (!context) {
-        qWarning("Unable to create XML validation context.");
-        return false;
-    }
-    xmlSchemaSetValidStructuredErrors(context.get(), &Pkcs11OperationDataParser::xmlValidationErrorHandler, nullptr);
-    if (xmlSchemaValidateDoc(context.get(), document.get()) != 0) {
-        qWarning("Input XML is not valid!");
-        return false;
-    }
-    qInfo("Validation of input XML was successful");
-    return true;
+    return XmlSchemaValidator::validate(xml, resourcePath);
 }
 
 void Pkcs11OperationDataParser::xmlValidationErrorHandler(void* userData, XmlErrorPointer error)
@@ -180,18 +110,9 @@ void Pkcs11OperationDataParser::xmlValidationErrorHandler(void* userData, XmlErr
 
 bool Pkcs11OperationDataParser::parseLibraryData(QXmlStreamReader* reader, Pkcs11LibraryData** libraryData) const
 {
-    if (!reader) {
-        qWarning("QXmlStreamReader is nullptr!");
+    qDebug().noquote() << Q_FUNC_INFO;
+    if (!outputUsable(reader, libraryData, "nullptr"))
         return false;
-    }
-    if (!libraryData) {
-        qWarning("Output pointer to pointer is nullptr!");
-        return false;
-    }
-    if (*libraryData) {
-        qWarning("Dereferenced output pointer to pointer is not nullptr!");
-        return false;
-    }
 
     QList<Location> locations;
     QString pin1Name;
@@ -268,6 +189,7 @@ bool Pkcs11OperationDataParser::parseLibraryData(QXmlStreamReader* reader, Pkcs1
 
 bool Pkcs11OperationDataParser::parseLocation(QXmlStreamReader* reader, Location* location) const
 {
+    qDebug().noquote() << Q_FUNC_INFO;
     if (!reader) {
         qWarning("QXmlStreamReader is NULL!");
         return false;
@@ -321,18 +243,9 @@ bool Pkcs11OperationDataParser::parseLocation(QXmlStreamReader* reader, Location
 bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
                                                    GetSlotsOperationData** operationData) const
 {
-    if (!reader) {
-        qWarning("QXmlStreamReader is NULL!");
+    qDebug().noquote() << Q_FUNC_INFO;
+    if (!outputUsable(reader, operationData, "NULL"))
         return false;
-    }
-    if (!operationData) {
-        qWarning("Output pointer to pointer is NULL!");
-        return false;
-    }
-    if (*operationData) {
-        qWarning("Dereferenced output pointer to pointer is not NULL!");
-        return false;
-    }
     while (!reader->atEnd()) {
         reader->readNext();
         if (isEndOf(reader, "GetSlots"))
@@ -349,20 +262,11 @@ bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
 bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
                                                    GetCertificatesOperationData** operationData) const
 {
-    if (!reader) {
-        qWarning("QXmlStreamReader is NULL!");
+    qDebug().noquote() << Q_FUNC_INFO;
+    if (!outputUsable(reader, operationData, "NULL"))
         return false;
-    }
-    if (!operationData) {
-        qWarning("Output pointer to pointer is NULL!");
-        return false;
-    }
-    if (*operationData) {
-        qWarning("Dereferenced output pointer to pointer is not NULL!");
-        return false;
-    }
 
-    TokenIdentification token;
+    TokenIdentificationReader token;
     while (!reader->atEnd()) {
         reader->readNext();
         if (isEndOf(reader, "GetCertificates"))
@@ -375,12 +279,12 @@ bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
 
     // The schema lets a 2026-02-04 request leave the serial number empty; the token is still
     // found by its serial number, so one is required.
-    if (token.serialNumber.isEmpty()) {
+    if (token.getSerialNumber().isEmpty()) {
         qWarning("Token serial number is null or empty!");
         return false;
     }
     try {
-        *operationData = new GetCertificatesOperationData(token.serialNumber, token.label);
+        *operationData = new GetCertificatesOperationData(token.getSerialNumber(), token.getLabel());
     } catch (const AppException& exception) {
         logCreationFailure("Unable to create the operation data instance!", exception);
         return false;
@@ -391,22 +295,13 @@ bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
 bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
                                                    CreateObjectOperationData** operationData) const
 {
-    if (!reader) {
-        qWarning("QXmlStreamReader is nullptr!");
+    qDebug().noquote() << Q_FUNC_INFO;
+    if (!outputUsable(reader, operationData, "nullptr"))
         return false;
-    }
-    if (!operationData) {
-        qWarning("Output pointer to pointer is nullptr!");
-        return false;
-    }
-    if (*operationData) {
-        qWarning("Dereferenced output pointer to pointer is not nullptr!");
-        return false;
-    }
 
-    TokenIdentification token;
+    TokenIdentificationReader token;
     QList<CK_ATTRIBUTE> attributes;
-    AttributeListsGuard guard{&attributes};
+    CkAttributeListGuard guard{&attributes};
     while (!reader->atEnd()) {
         reader->readNext();
         if (isEndOf(reader, "CreateObject"))
@@ -425,7 +320,7 @@ bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
         attributes.append(attribute);
     }
 
-    if (token.serialNumber.isEmpty()) {
+    if (token.getSerialNumber().isEmpty()) {
         qWarning("Token serial number is null or empty!");
         return false;
     }
@@ -434,7 +329,7 @@ bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
         return false;
     }
     try {
-        *operationData = new CreateObjectOperationData(token.serialNumber, token.label, attributes);
+        *operationData = new CreateObjectOperationData(token.getSerialNumber(), token.getLabel(), attributes);
     } catch (const AppException& exception) {
         logCreationFailure("Unable to create the operation data instance!", exception);
         return false;
@@ -446,23 +341,14 @@ bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
 bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
                                                    GenerateCsrOperationData** operationData) const
 {
-    if (!reader) {
-        qWarning("QXmlStreamReader is nullptr!");
+    qDebug().noquote() << Q_FUNC_INFO;
+    if (!outputUsable(reader, operationData, "nullptr"))
         return false;
-    }
-    if (!operationData) {
-        qWarning("Output pointer to pointer is nullptr!");
-        return false;
-    }
-    if (*operationData) {
-        qWarning("Dereferenced output pointer to pointer is not nullptr!");
-        return false;
-    }
 
-    TokenIdentification token;
+    TokenIdentificationReader token;
     QList<CK_ATTRIBUTE> publicKeyAttributes;
     QList<CK_ATTRIBUTE> privateKeyAttributes;
-    AttributeListsGuard guard{&publicKeyAttributes, &privateKeyAttributes};
+    CkAttributeListGuard guard{&publicKeyAttributes, &privateKeyAttributes};
     QList<CK_ATTRIBUTE>* currentTemplate = nullptr;
     QString csrSubject;
     QString enrollmentCspProvider;
@@ -531,7 +417,7 @@ bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
         qWarning("No private key attribute was parsed!");
         return false;
     }
-    if (token.serialNumber.isEmpty()) {
+    if (token.getSerialNumber().isEmpty()) {
         qWarning("Token serial number is null or empty!");
         return false;
     }
@@ -561,7 +447,7 @@ bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
     }
     try {
         *operationData = new GenerateCsrOperationData(
-            token.serialNumber, token.label, generateKeyPairMechanism, csrSigningMechanism, csrDigestMechanism,
+            token.getSerialNumber(), token.getLabel(), generateKeyPairMechanism, csrSigningMechanism, csrDigestMechanism,
             CsrType::PKCS10, csrSubject, enrollmentCspProvider, publicKeyAttributes, privateKeyAttributes, kovData);
     } catch (const AppException& exception) {
         logCreationFailure("Unable to create the operation data instance!", exception);
@@ -574,6 +460,7 @@ bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
 bool Pkcs11OperationDataParser::parseAttribute(QXmlStreamReader* reader, CK_ATTRIBUTE* attribute,
                                                const QString& parentElementName) const
 {
+    qDebug().noquote() << Q_FUNC_INFO;
     if (!reader) {
         qWarning("QXmlStreamReader is nullptr!");
         return false;

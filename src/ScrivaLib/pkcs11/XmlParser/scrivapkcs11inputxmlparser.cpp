@@ -43,7 +43,7 @@ template<typename T>
 ScrivaPkcs11OperationData<T>* ScrivaPkcs11InputXmlParser<T>::parse(const QString& base64Cms,
                                                                    X509Certificate2Ultra* serverCertificate)
 {
-    qDebug("Starting function parse");
+    qDebug().noquote() << Q_FUNC_INFO;
     ResponseCryptoProcessor processor;
     processor.processBase64CmsSignedData(base64Cms);
     std::unique_ptr<ScrivaPkcs11OperationData<T>> record(parseXml(processor.getCmsContent()));
@@ -55,6 +55,7 @@ ScrivaPkcs11OperationData<T>* ScrivaPkcs11InputXmlParser<T>::parse(const QString
 template<typename T>
 ScrivaPkcs11OperationData<T>* ScrivaPkcs11InputXmlParser<T>::parseXml(const QString& xml)
 {
+    qDebug().noquote() << Q_FUNC_INFO;
     const QString xmlNamespace = chooseNamespace(xml);
     if (xmlNamespace.isEmpty())
         throw APP_EXCEPTION(QStringLiteral("Invalid XML namespace!"));

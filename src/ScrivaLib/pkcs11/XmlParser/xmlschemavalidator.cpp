@@ -1,4 +1,4 @@
-#include "xmlschemacache.h"
+#include "xmlschemavalidator.h"
 
 #include "ownedresource.h"
 #include "pkcs11operationdataparser.h"
@@ -15,8 +15,10 @@
 
 namespace {
 
+using OwnedDocument = Owned<xmlDoc, xmlFreeDoc>;
 using OwnedSchema = Owned<xmlSchema, xmlSchemaFree>;
 using OwnedSchemaParserContext = Owned<xmlSchemaParserCtxt, xmlSchemaFreeParserCtxt>;
+using OwnedValidationContext = Owned<xmlSchemaValidCtxt, xmlSchemaFreeValidCtxt>;
 
 OwnedSchema compile(const QString& resourcePath)
 {
@@ -26,11 +28,8 @@ OwnedSchema compile(const QString& resourcePath)
         return nullptr;
     }
     const QByteArray text = file.readAll();
-    if (text.size() > INT_MAX) {
-        qWarning("Unable to create XSD schema parser.");
-        return nullptr;
-    }
-    OwnedSchemaParserContext parserContext(xmlSchemaNewMemParserCtxt(text.constData(), int(text.size())));
+    OwnedSchemaParserContext parserContext(
+        text.size() > INT_MAX ? nullptr : xmlSchemaNewMemParserCtxt(text.constData(), int(text.size())));
     if (!parserContext) {
         qWarning("Unable to create XSD schema parser.");
         return nullptr;
@@ -46,12 +45,42 @@ OwnedSchema compile(const QString& resourcePath)
 
 } // namespace
 
-xmlSchema* XmlSchemaCache::schema(const QString& resourcePath)
+bool XmlSchemaValidator::validate(const QString& xml, const QString& resourcePath)
+{
+    initParser();
+    const QByteArray utf8 = xml.toUtf8();
+    // No error output, no network; entities are not expanded.
+    const int options = XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NONET;
+    OwnedDocument document(utf8.size() > INT_MAX
+                               ? nullptr
+                               : xmlReadMemory(utf8.constData(), int(utf8.size()), nullptr, nullptr, options));
+    if (!document) {
+        qWarning("Unable to load XML.");
+        return false;
+    }
+
+    xmlSchema* compiled = schema(resourcePath);
+    if (!compiled)
+        return false;
+    OwnedValidationContext context(xmlSchemaNewValidCtxt(compiled));
+    if (!context) {
+        qWarning("Unable to create XML validation context.");
+        return false;
+    }
+    xmlSchemaSetValidStructuredErrors(context.get(), &Pkcs11OperationDataParser::xmlValidationErrorHandler, nullptr);
+    if (xmlSchemaValidateDoc(context.get(), document.get()) != 0) {
+        qWarning("Input XML is not valid!");
+        return false;
+    }
+    qInfo("Validation of input XML was successful");
+    return true;
+}
+
+xmlSchema* XmlSchemaValidator::schema(const QString& resourcePath)
 {
     static QMutex mutex;
     static std::map<QString, OwnedSchema> schemas;
 
-    initParser();
     QMutexLocker locker(&mutex);
     auto found = schemas.find(resourcePath);
     if (found != schemas.end())
@@ -62,7 +91,7 @@ xmlSchema* XmlSchemaCache::schema(const QString& resourcePath)
     return schemas.emplace(resourcePath, std::move(compiled)).first->second.get();
 }
 
-void XmlSchemaCache::initParser()
+void XmlSchemaValidator::initParser()
 {
     static const bool initialised = [] {
         xmlInitParser();
