@@ -12,6 +12,7 @@
 #include <openssl/x509v3.h>
 
 #include <climits>
+#include <mutex>
 
 namespace {
 void freeOpenSslBuffer(unsigned char* p) { OPENSSL_free(p); }
@@ -31,12 +32,25 @@ AppException wordWithDetail(const QString& word, const QString& detail, const ch
 }
 } // namespace
 
-X509Certificate2Ultra::X509Certificate2Ultra(const QSslCertificate& other) : QSslCertificate(other) {}
+struct X509Certificate2Ultra::Decoded
+{
+    std::once_flag once;
+    OwnedX509 certificate;
+};
 
-X509Certificate2Ultra::X509Certificate2Ultra(X509* certificate)
+X509Certificate2Ultra::X509Certificate2Ultra(const QSslCertificate& other)
+    : QSslCertificate(other), decoded(std::make_shared<Decoded>())
+{
+}
+
+X509Certificate2Ultra::X509Certificate2Ultra(X509* certificate) : decoded(std::make_shared<Decoded>())
 {
     if (!certificate)
         return;
+    // Already decoded: keep a reference instead of decoding the DER again later.
+    X509_up_ref(certificate);
+    OwnedX509 reference(certificate);
+    std::call_once(decoded->once, [&] { decoded->certificate = std::move(reference); });
     unsigned char* der = nullptr;
     const int length = i2d_X509(certificate, &der);
     if (length <= 0)
@@ -46,21 +60,26 @@ X509Certificate2Ultra::X509Certificate2Ultra(X509* certificate)
 }
 
 X509Certificate2Ultra::X509Certificate2Ultra(const QByteArray& data, QSsl::EncodingFormat format)
-    : QSslCertificate(data, format)
+    : QSslCertificate(data, format), decoded(std::make_shared<Decoded>())
 {
 }
 
 X509* X509Certificate2Ultra::toX509() const
 {
-    if (isNull())
+    if (isNull() || !decoded)
         return nullptr;
-    const QByteArray der = toDer();
-    if (der.isEmpty() || der.size() > INT_MAX)
-        return nullptr;
-    const Owned<BIO, BIO_free> bio(BIO_new_mem_buf(der.constData(), static_cast<int>(der.size())));
-    if (!bio)
-        return nullptr;
-    return d2i_X509_bio(bio.get(), nullptr);
+    std::call_once(decoded->once, [this] {
+        const QByteArray der = toDer();
+        if (der.isEmpty() || der.size() > INT_MAX)
+            return;
+        const Owned<BIO, BIO_free> bio(BIO_new_mem_buf(der.constData(), static_cast<int>(der.size())));
+        if (bio)
+            decoded->certificate.reset(d2i_X509_bio(bio.get(), nullptr));
+    });
+    X509* certificate = decoded->certificate.get();
+    if (certificate)
+        X509_up_ref(certificate);
+    return certificate;
 }
 
 QString X509Certificate2Ultra::readOid(ASN1_OBJECT* object)

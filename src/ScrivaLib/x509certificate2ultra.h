@@ -7,6 +7,8 @@
 #include <QSslCertificate>
 #include <QString>
 
+#include <memory>
+
 typedef struct x509_st X509;
 typedef struct asn1_object_st ASN1_OBJECT;
 
@@ -46,4 +48,9 @@ public:
 
     bool operator==(const X509Certificate2Ultra& other) const;
     bool operator!=(const X509Certificate2Ultra& other) const { return !(*this == other); }
+
+private:
+    // OpenSSL's decoding of a certificate is costly, so it is done once and shared by copies.
+    struct Decoded;
+    std::shared_ptr<Decoded> decoded;
 };
