@@ -6,7 +6,10 @@
 #include "pkcs11/XmlParser/OperationData/OperationSpecific/getcertificatesoperationdata.h"
 #include "pkcs11/XmlParser/OperationData/OperationSpecific/getslotsoperationdata.h"
 #include "pkcs11/XmlParser/scrivapkcs11inputxmlparser.h"
+#include "pkcs11/pkcs11manager.h"
 #include "pkcs11/ui/mainwindowpkcs11.h"
+#include "terminatingflag.h"
+#include "ui/pinform.h"
 #include "x509certificate2ultra.h"
 
 #include <QCoreApplication>
@@ -16,7 +19,11 @@
 #include <QJsonObject>
 #include <QMutexLocker>
 #include <QRegularExpression>
+#include <QTimer>
 #include <QUuid>
+#include <QtConcurrent>
+
+#include <type_traits>
 
 namespace {
 
@@ -28,12 +35,30 @@ QString differentValueMessage(const QString& key, const QString& newValue, const
 
 } // namespace
 
-ScrivaPkcs11::ScrivaPkcs11(QObject* parent) : QObject(parent), mainWindow(std::make_unique<MainWindowPkcs11>()) {}
+ScrivaPkcs11::ScrivaPkcs11(QObject* parent) : QObject(parent), mainWindow(new MainWindowPkcs11)
+{
+    connect(mainWindow, &MainWindowPkcs11::userDefinedPathAcquired, this, &ScrivaPkcs11::onUserDefinedPathReceived);
+    connect(mainWindow, &MainWindowPkcs11::userRejectedDialog, this, &ScrivaPkcs11::onUserRejectedDialog);
+}
 
 ScrivaPkcs11::~ScrivaPkcs11()
 {
+    // A running worker keeps what it needs and its result is dropped. A PIN form it is waiting
+    // for is cancelled; the window goes once any dialog running on it has returned.
+    if (PinForm* form = PinForm::openForm())
+        form->reject();
+    mainWindow->disconnect(this);
+    mainWindow->fileDialog()->reject();
+    mainWindow->hide();
+    mainWindow->deleteLater();
     if (languageTranslator)
         QCoreApplication::removeTranslator(languageTranslator.get());
+}
+
+ScrivaPkcs11::AsyncOperation ScrivaPkcs11::runningOperation() const
+{
+    QMutexLocker locker(&mutex);
+    return currentOperation;
 }
 
 bool ScrivaPkcs11::isTerminating() const
@@ -80,8 +105,26 @@ void ScrivaPkcs11::createObject(const QString& args)
     startOperation<CreateObjectOperationData>(AsyncOperation::CreateObject, args);
 }
 
+namespace {
+
 template<typename T>
-void ScrivaPkcs11::startOperation(AsyncOperation, const QString& args)
+ScrivaPkcs11::Result runOnManager(Pkcs11Manager& manager, const QString& path, ScrivaPkcs11OperationData<T>* record)
+{
+    const QString& xmlNamespace = record->getXmlNamespace();
+    if constexpr (std::is_same_v<T, GetSlotsOperationData>)
+        return manager.getSlots(path, record, xmlNamespace);
+    else if constexpr (std::is_same_v<T, GetCertificatesOperationData>)
+        return manager.getCertificates(path, record, xmlNamespace);
+    else if constexpr (std::is_same_v<T, GenerateCsrOperationData>)
+        return manager.generateCsr(path, record, xmlNamespace);
+    else
+        return manager.createObject(path, record, xmlNamespace);
+}
+
+} // namespace
+
+template<typename T>
+void ScrivaPkcs11::startOperation(AsyncOperation operation, const QString& args)
 {
     {
         QMutexLocker locker(&mutex);
@@ -92,12 +135,155 @@ void ScrivaPkcs11::startOperation(AsyncOperation, const QString& args)
     }
     // Nothing of a request reaches the token before its signature, signer and nonce are checked.
     X509Certificate2Ultra signer;
-    const std::unique_ptr<ScrivaPkcs11OperationData<T>> data(ScrivaPkcs11InputXmlParser<T>::parse(args, &signer));
-    processNonce(data->getNonce());
+    const std::shared_ptr<ScrivaPkcs11OperationData<T>> record(ScrivaPkcs11InputXmlParser<T>::parse(args, &signer));
+    processNonce(record->getNonce());
 
-    // The token engine is not part of this build yet: say so instead of pretending a result.
-    throw APP_EXCEPTION(QStringLiteral("Operation %1 is not available yet")
-                            .arg(ScrivaPkcs11InputXmlParser<T>::operationElementName()));
+    const QString libraryPath = Pkcs11Manager::findUsablePkcs11Library(*record->getLibraryData());
+    const bool allowManualSelection = record->getLibraryData()->getAllowManualSelection();
+    if (libraryPath.isEmpty() && !allowManualSelection)
+        throw APP_EXCEPTION(QStringLiteral("NoUsablePkcs11LibraryFound"));
+
+    {
+        QMutexLocker locker(&mutex);
+        currentOperation = operation;
+    }
+    pendingJob = [record](Pkcs11Manager& manager, const QString& path) { return runOnManager(manager, path, record.get()); };
+    mainWindow->updateWindowTitle(signer);
+    showWindow(ScrivaPkcs11InputXmlParser<T>::operationElementName() + QStringLiteral("Description"));
+
+    if (libraryPath.isEmpty())
+        mainWindow->showFileDialog(); // continues in onUserDefinedPathReceived or onUserRejectedDialog
+    else
+        launchAsyncOperation(libraryPath);
+}
+
+void ScrivaPkcs11::onUserDefinedPathReceived(QString path)
+{
+    qInfo().noquote() << "PKCS#11 library chosen by the user:" << path;
+    launchAsyncOperation(path);
+}
+
+void ScrivaPkcs11::onUserRejectedDialog()
+{
+    if (runningOperation() == AsyncOperation::None || watcher)
+        return;
+    returnAsyncMethodResult(Result(QStringLiteral("UserRejectedFileDialog"), QString()));
+}
+
+void ScrivaPkcs11::launchAsyncOperation(const QString& libraryPath)
+{
+    if (runningOperation() == AsyncOperation::None || !pendingJob)
+        throw APP_EXCEPTION(QStringLiteral("Current async operation is not defined"));
+
+    // Reaches this instance on the GUI thread, and only while it exists.
+    std::shared_ptr<QObject> relay(new QObject, [](QObject* object) { object->deleteLater(); });
+    QPointer<ScrivaPkcs11> self(this);
+    const Job job = std::move(pendingJob);
+    pendingJob = nullptr;
+
+    watcher = new QFutureWatcher<Result>(this);
+    connect(watcher, &QFutureWatcher<Result>::resultReadyAt, this, &ScrivaPkcs11::onPkcs11ManagerResultReceived);
+    watcher->setFuture(QtConcurrent::run([job, libraryPath, relay, self]() -> Result {
+        Pkcs11Manager manager;
+        QObject::connect(&manager, &Pkcs11Manager::pinRequestedSignal, relay.get(), [self] {
+            if (self)
+                self->onPinDialogShown();
+        });
+        try {
+            return job(manager, libraryPath);
+        } catch (const AppException& e) {
+            qWarning().noquote() << "PKCS#11 operation failed:" << e.toString(true);
+            return Result(e.getMessage(), QString());
+        } catch (const std::exception& e) {
+            qWarning().noquote() << "PKCS#11 operation failed:" << e.what();
+            return Result(QStringLiteral("GeneralExceptionMessage"), QString());
+        }
+    }));
+}
+
+void ScrivaPkcs11::onPkcs11ManagerResultReceived(int index)
+{
+    const Result result = watcher->resultAt(index);
+    watcher->deleteLater();
+    watcher = nullptr;
+    returnAsyncMethodResult(result);
+}
+
+void ScrivaPkcs11::returnAsyncMethodResult(const Result& result)
+{
+    AsyncOperation finished;
+    bool stopping;
+    {
+        QMutexLocker locker(&mutex);
+        finished = currentOperation;
+        currentOperation = AsyncOperation::None;
+        stopping = terminating;
+    }
+    pendingJob = nullptr;
+    if (stopping) {
+        qInfo().noquote() << "Application is terminating - the response will not be sent";
+        qInfo().noquote() << "Application is ready to terminate";
+        emit readyToTerminate();
+        return;
+    }
+    emitFinished(finished, result.first, result.second);
+    hideWindowWhenDue();
+}
+
+void ScrivaPkcs11::emitFinished(AsyncOperation operation, const QString& error, const QString& result)
+{
+    switch (operation) {
+    case AsyncOperation::GetSlots:
+        emit getSlotsFinished(error, result);
+        break;
+    case AsyncOperation::GetCertificates:
+        emit getCertificatesFinished(error, result);
+        break;
+    case AsyncOperation::GenerateCsr:
+        emit generateCsrFinished(error, result);
+        break;
+    case AsyncOperation::CreateObject:
+        emit createObjectFinished(error, result);
+        break;
+    case AsyncOperation::None:
+        qWarning().noquote() << "Received result of an unknown async method";
+        break;
+    }
+}
+
+void ScrivaPkcs11::showWindow(const QString& descriptionKey)
+{
+    mainWindow->setDescription(descriptionKey);
+    if (!mainWindow->isVisible()) {
+        mainWindow->show();
+        windowShown.start();
+    }
+}
+
+void ScrivaPkcs11::hideWindowWhenDue()
+{
+    const qint64 remaining = qint64(minimalDisplayTime.value_or(0)) - (windowShown.isValid() ? windowShown.elapsed() : 0);
+    if (remaining <= 0)
+        onMinimalOpenWindowTimeReached();
+    else
+        QTimer::singleShot(remaining, this, &ScrivaPkcs11::onMinimalOpenWindowTimeReached);
+}
+
+void ScrivaPkcs11::onMinimalOpenWindowTimeReached()
+{
+    // A newer operation keeps the window; its own result hides it.
+    if (runningOperation() != AsyncOperation::None)
+        return;
+    mainWindow->hide();
+    windowShown.invalidate();
+}
+
+void ScrivaPkcs11::onPinDialogShown()
+{
+    if (mainWindow->isVisible()) {
+        mainWindow->raise();
+        mainWindow->activateWindow();
+    }
 }
 
 void ScrivaPkcs11::setProperty(QString& properties)
@@ -207,10 +393,7 @@ void ScrivaPkcs11::bringToFront()
 {
     if (isTerminating())
         throw APP_EXCEPTION(QStringLiteral("The ScrivaPkcs11 is terminating!"));
-    if (mainWindow->isVisible()) {
-        mainWindow->raise();
-        mainWindow->activateWindow();
-    }
+    onPinDialogShown();
 }
 
 void ScrivaPkcs11::beginTermination()
@@ -223,6 +406,12 @@ void ScrivaPkcs11::beginTermination()
     }
     if (!ready) {
         qInfo().noquote() << "Application is not ready to terminate yet. Waiting for async operation to finish";
+        // A worker waiting for the user is released: it sees the flag and ends without the token.
+        TerminatingFlag::set();
+        if (PinForm* form = PinForm::openForm())
+            form->reject();
+        if (!watcher)
+            mainWindow->fileDialog()->reject();
         return;
     }
     qInfo().noquote() << "Application is ready to terminate";
