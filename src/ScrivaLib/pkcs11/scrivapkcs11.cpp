@@ -159,6 +159,8 @@ void ScrivaPkcs11::startOperation(AsyncOperation operation, const QString& args)
 
 void ScrivaPkcs11::onUserDefinedPathReceived(QString path)
 {
+    if (runningOperation() == AsyncOperation::None || !pendingJob)
+        return;
     qInfo().noquote() << "PKCS#11 library chosen by the user:" << path;
     launchAsyncOperation(path);
 }
