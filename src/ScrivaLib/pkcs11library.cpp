@@ -1,0 +1,554 @@
+#include "pkcs11library.h"
+
+#include "pkcs11logger.h"
+#include "pkcs11sessionguard.h"
+#include "terminatingflag.h"
+#include "ui/pinformlauncher.h"
+
+#include <QApplication>
+#include <QDebug>
+#include <QLibrary>
+#include <QMessageBox>
+#include <QThread>
+
+#include <vector>
+
+namespace {
+
+// A PIN held by this layer; its characters are overwritten when it goes out of scope.
+struct SecretPin
+{
+    QString text;
+    ~SecretPin() { text.fill(QChar(0)); }
+};
+
+// The PIN as the bytes the token receives; overwritten before the buffer is released.
+struct PinBytes
+{
+    explicit PinBytes(const QString& pin) : bytes(pin.toUtf8()) {}
+    ~PinBytes() { bytes.fill(0); }
+    QByteArray bytes;
+};
+
+// A launcher lives on the GUI thread; one answered there may still be finishing its slot, so a
+// worker leaves the deletion to the GUI thread.
+struct LauncherDeleter
+{
+    void operator()(PinFormLauncher* launcher) const
+    {
+        if (launcher->thread() == QThread::currentThread())
+            delete launcher;
+        else
+            launcher->deleteLater();
+    }
+};
+
+std::vector<CK_ATTRIBUTE> contiguous(const QList<CK_ATTRIBUTE>& attributes)
+{
+    return std::vector<CK_ATTRIBUTE>(attributes.cbegin(), attributes.cend());
+}
+
+AppException operationCanceled(const char* file, int line, const char* function)
+{
+    return AppException(QStringLiteral("OperationCanceled"), QString::fromUtf8(file), line,
+                        QString::fromUtf8(function), AppException::generalExceptionMessage());
+}
+
+#define OPERATION_CANCELED() operationCanceled(__FILE__, __LINE__, Q_FUNC_INFO)
+
+// A failure to get at the module itself: the general word of this layer with the detail.
+#define LOAD_EXCEPTION(detail) \
+    AppException((detail), QStringLiteral(__FILE__), __LINE__, QString::fromUtf8(Q_FUNC_INFO), \
+                 Pkcs11Exception::pkcs11GeneralExceptionMessage())
+
+} // namespace
+
+Pkcs11Library::Pkcs11Library(const QString& path, SignatureType signatureType, bool rememberContextPin,
+                             const QString& pin1Name, const QString& pin2Name, const QString& vendorExtensions)
+    : path(path),
+      signatureType(signatureType),
+      rememberContextPin(rememberContextPin),
+      pin1Name(pin1Name),
+      pin2Name(pin2Name),
+      vendorExtensions(vendorExtensions)
+{
+    qDebug().noquote() << Q_FUNC_INFO;
+    qInfo().noquote() << QStringLiteral("Loading PKCS#11 library ") + path;
+    load();
+}
+
+Pkcs11Library::~Pkcs11Library()
+{
+    if (initialized)
+        functions->C_Finalize(nullptr);
+    qInfo().noquote() << QStringLiteral("Unloading PKCS#11 library ") + path;
+    for (QString& pin : contextPinCache)
+        pin.fill(QChar(0));
+    unload();
+}
+
+void Pkcs11Library::load()
+{
+    library = std::make_unique<QLibrary>(path);
+    if (!library->load()) {
+        const QString error = library->errorString();
+        library.reset();
+        throw LOAD_EXCEPTION(fillIn(tr("UnableToLoad"), {path, error}, true));
+    }
+    auto getFunctionList = reinterpret_cast<CK_C_GetFunctionList>(library->resolve("C_GetFunctionList"));
+    if (!getFunctionList) {
+        unload();
+        throw LOAD_EXCEPTION(fillIn(tr("UnableToFind"), {QStringLiteral("C_GetFunctionList()"), path}, true));
+    }
+    CK_FUNCTION_LIST_PTR list = nullptr;
+    if (getFunctionList(&list) != CKR_OK || !list) {
+        unload();
+        throw LOAD_EXCEPTION(fillIn(tr("UnableToCall"), {QStringLiteral("C_GetFunctionList()"), path}, true));
+    }
+    functions = std::make_unique<Pkcs11Logger>(list);
+
+    CK_C_INITIALIZE_ARGS args{};
+    args.flags = CKF_OS_LOCKING_OK;
+    CK_RV rv = functions->C_Initialize(&args);
+    // A module that cannot use the system's locking may still work with its own.
+    if (rv == CKR_CANT_LOCK) {
+        args.flags = 0;
+        rv = functions->C_Initialize(&args);
+    }
+    if (rv != CKR_OK) {
+        // Not initialised by us, so not ours to finalise: only unloaded.
+        unload();
+        throw PKCS11_EXCEPTION("C_Initialize", rv);
+    }
+    initialized = true;
+}
+
+void Pkcs11Library::unload()
+{
+    if (library)
+        library->unload();
+    functions.reset();
+    library.reset();
+}
+
+QString Pkcs11Library::fillIn(const QString& text, const QStringList& values, bool appendMissing)
+{
+    if (text.contains(QLatin1String("%1"))) {
+        QString filled = text;
+        for (const QString& value : values)
+            filled = filled.arg(value);
+        return filled;
+    }
+    if (!appendMissing || values.isEmpty())
+        return text;
+    return text + QStringLiteral(": ") + values.join(QStringLiteral(": "));
+}
+
+QList<unsigned long> Pkcs11Library::getSlots(CK_BBOOL tokenPresent)
+{
+    qDebug().noquote() << Q_FUNC_INFO;
+    CK_ULONG count = 0;
+    CK_RV rv = functions->C_GetSlotList(tokenPresent, nullptr, &count);
+    if (rv != CKR_OK)
+        throw PKCS11_EXCEPTION("C_GetSlotList", rv);
+    std::vector<CK_SLOT_ID> slotIds(count);
+    rv = functions->C_GetSlotList(tokenPresent, slotIds.data(), &count);
+    if (rv != CKR_OK)
+        throw PKCS11_EXCEPTION("C_GetSlotList", rv);
+    QList<unsigned long> result;
+    for (CK_ULONG i = 0; i < count && i < slotIds.size(); ++i)
+        result.append(slotIds[i]);
+    return result;
+}
+
+Pkcs11SlotInfo Pkcs11Library::getSlotInfo(CK_SLOT_ID slotId)
+{
+    qDebug().noquote() << Q_FUNC_INFO;
+    CK_SLOT_INFO info{};
+    const CK_RV rv = functions->C_GetSlotInfo(slotId, &info);
+    if (rv != CKR_OK)
+        throw PKCS11_EXCEPTION("C_GetSlotInfo", rv);
+    return Pkcs11SlotInfo(slotId, info);
+}
+
+Pkcs11TokenInfo Pkcs11Library::getTokenInfo(CK_SLOT_ID slotId)
+{
+    qDebug().noquote() << Q_FUNC_INFO;
+    CK_TOKEN_INFO info{};
+    const CK_RV rv = functions->C_GetTokenInfo(slotId, &info);
+    if (rv != CKR_OK)
+        throw PKCS11_EXCEPTION("C_GetTokenInfo", rv);
+    return Pkcs11TokenInfo(slotId, info);
+}
+
+CK_SESSION_HANDLE Pkcs11Library::openReadOnlySession(CK_SLOT_ID slotId)
+{
+    qDebug().noquote() << Q_FUNC_INFO;
+    CK_SESSION_HANDLE session = 0;
+    const CK_RV rv = functions->C_OpenSession(slotId, CKF_SERIAL_SESSION, nullptr, nullptr, &session);
+    if (rv != CKR_OK)
+        throw PKCS11_EXCEPTION("C_OpenSession", rv);
+    return session;
+}
+
+CK_SESSION_HANDLE Pkcs11Library::openReadWriteSession(CK_SLOT_ID slotId)
+{
+    qDebug().noquote() << Q_FUNC_INFO;
+    CK_SESSION_HANDLE session = 0;
+    const CK_RV rv = functions->C_OpenSession(slotId, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session);
+    if (rv != CKR_OK)
+        throw PKCS11_EXCEPTION("C_OpenSession", rv);
+    return session;
+}
+
+void Pkcs11Library::closeSession(CK_SESSION_HANDLE session)
+{
+    qDebug().noquote() << Q_FUNC_INFO;
+    const CK_RV rv = functions->C_CloseSession(session);
+    if (rv != CKR_OK)
+        throw PKCS11_EXCEPTION("C_CloseSession", rv);
+}
+
+bool Pkcs11Library::isUserLoggedIn(CK_SESSION_HANDLE session)
+{
+    qDebug().noquote() << Q_FUNC_INFO;
+    CK_SESSION_INFO info{};
+    const CK_RV rv = functions->C_GetSessionInfo(session, &info);
+    if (rv != CKR_OK)
+        throw PKCS11_EXCEPTION("C_GetSessionInfo", rv);
+    return info.state == CKS_RO_USER_FUNCTIONS || info.state == CKS_RW_USER_FUNCTIONS;
+}
+
+void Pkcs11Library::throwIfTerminating()
+{
+    if (TerminatingFlag::isSet())
+        throw APP_EXCEPTION(QStringLiteral("Scriva is terminating"));
+}
+
+void Pkcs11Library::throwPinBlocked(const QString& pinName)
+{
+    throw APP_EXCEPTION(fillIn(tr("PinBlocked"), {pinName}, false));
+}
+
+QString Pkcs11Library::requestPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo,
+                                  const QString& pinName, bool contextForm)
+{
+    std::unique_ptr<PinFormLauncher, LauncherDeleter> launcher(
+        new PinFormLauncher(slotInfo, tokenInfo, pinName, rememberContextPin));
+    // The launcher emits from the asking thread; the host hears it through this object.
+    connect(launcher.get(), &PinFormLauncher::launchPinFormSignal, this, &Pkcs11Library::pinRequestedSignal,
+            Qt::DirectConnection);
+    connect(launcher.get(), &PinFormLauncher::launchContextPinFormSignal, this, &Pkcs11Library::pinRequestedSignal,
+            Qt::DirectConnection);
+    if (!contextForm)
+        return launcher->requestPin();
+    const QString pin = launcher->requestContextPin();
+    rememberContextPin = launcher->savePin();
+    return pin;
+}
+
+CK_RV Pkcs11Library::callLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType, const QString* pin)
+{
+    if (!pin)
+        return functions->C_Login(session, userType, nullptr, 0);
+    PinBytes bytes(*pin);
+    return functions->C_Login(session, userType, reinterpret_cast<CK_UTF8CHAR_PTR>(bytes.bytes.data()),
+                              static_cast<CK_ULONG>(bytes.bytes.size()));
+}
+
+void Pkcs11Library::showPinIncorrect(const QString& pinName)
+{
+    const QString title = tr("AppName");
+    const QString text = fillIn(tr("PinIncorrect"), {pinName}, false);
+    auto* application = qobject_cast<QApplication*>(QCoreApplication::instance());
+    if (!application) {
+        qWarning().noquote() << QStringLiteral("No user interface to report an incorrect PIN");
+        return;
+    }
+    auto show = [title, text] {
+        QMessageBox box(QMessageBox::Warning, title, text, QMessageBox::Ok, QApplication::activeWindow());
+        box.exec();
+    };
+    // Widgets exist only on the GUI thread; a worker waits there until the user has read it.
+    if (QThread::currentThread() == application->thread())
+        show();
+    else
+        QMetaObject::invokeMethod(application, show, Qt::BlockingQueuedConnection);
+}
+
+void Pkcs11Library::login(CK_SESSION_HANDLE session, const Pkcs11SlotInfo& slotInfo,
+                          const Pkcs11TokenInfo& tokenInfo, bool cancelIsError)
+{
+    qDebug().noquote() << Q_FUNC_INFO;
+    if (isUserLoggedIn(session))
+        return;
+    throwIfTerminating();
+    for (;;) {
+        CK_RV rv = CKR_OK;
+        if (tokenInfo.hasProtectedAuthPath()) {
+            // The token's own reader or pad collects the PIN.
+            rv = callLogin(session, CKU_USER, nullptr);
+        } else {
+            SecretPin pin{requestPin(slotInfo, tokenInfo, pin1Name, false)};
+            throwIfTerminating();
+            if (pin.text.isEmpty()) {
+                if (cancelIsError)
+                    throw OPERATION_CANCELED();
+                return;
+            }
+            rv = callLogin(session, CKU_USER, &pin.text);
+        }
+
+        switch (rv) {
+        case CKR_OK:
+        case CKR_USER_ALREADY_LOGGED_IN:
+            return;
+        case CKR_FUNCTION_CANCELED:
+            if (cancelIsError)
+                throw OPERATION_CANCELED();
+            return;
+        case CKR_PIN_INCORRECT:
+        case CKR_PIN_LEN_RANGE:
+            // Asked again until the token's own retry counter locks it.
+            showPinIncorrect(pin1Name);
+            throwIfTerminating();
+            break;
+        case CKR_PIN_LOCKED:
+            throwPinBlocked(pin1Name);
+        default:
+            throw PKCS11_EXCEPTION("C_Login", rv);
+        }
+    }
+}
+
+QString Pkcs11Library::cachedContextPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo)
+{
+    const auto cached = contextPinCache.constFind(slotInfo.getSlotId());
+    if (cached != contextPinCache.constEnd())
+        return *cached;
+    SecretPin pin{requestPin(slotInfo, tokenInfo, pin2Name, true)};
+    throwIfTerminating();
+    if (pin.text.isEmpty())
+        throw OPERATION_CANCELED();
+    if (rememberContextPin)
+        contextPinCache.insert(slotInfo.getSlotId(), pin.text);
+    return pin.text;
+}
+
+void Pkcs11Library::forgetContextPin(CK_SLOT_ID slotId)
+{
+    auto cached = contextPinCache.find(slotId);
+    if (cached == contextPinCache.end())
+        return;
+    cached->fill(QChar(0));
+    contextPinCache.erase(cached);
+}
+
+void Pkcs11Library::contextLogin(CK_SESSION_HANDLE session, const Pkcs11SlotInfo& slotInfo,
+                                 const Pkcs11TokenInfo& tokenInfo)
+{
+    qDebug().noquote() << Q_FUNC_INFO;
+    throwIfTerminating();
+    for (;;) {
+        SecretPin pin;
+        bool padCollectsPin = false;
+        if (signatureType == SignatureTypeCachedContextPin) {
+            pin.text = cachedContextPin(slotInfo, tokenInfo);
+        } else if (tokenInfo.hasProtectedAuthPath()) {
+            padCollectsPin = true;
+        } else {
+            pin.text = requestPin(slotInfo, tokenInfo, pin2Name, false);
+            throwIfTerminating();
+            if (pin.text.isEmpty())
+                throw OPERATION_CANCELED();
+        }
+
+        const CK_RV rv = callLogin(session, CKU_CONTEXT_SPECIFIC, padCollectsPin ? nullptr : &pin.text);
+        switch (rv) {
+        case CKR_OK:
+        case CKR_USER_ALREADY_LOGGED_IN:
+            return;
+        case CKR_FUNCTION_CANCELED:
+            throw OPERATION_CANCELED();
+        case CKR_PIN_INCORRECT:
+        case CKR_PIN_LEN_RANGE:
+            forgetContextPin(slotInfo.getSlotId());
+            showPinIncorrect(pin2Name);
+            throwIfTerminating();
+            break;
+        case CKR_PIN_LOCKED:
+            throwPinBlocked(pin2Name);
+        default:
+            throw PKCS11_EXCEPTION("C_Login", rv);
+        }
+    }
+}
+
+void Pkcs11Library::logout(CK_SESSION_HANDLE session)
+{
+    qDebug().noquote() << Q_FUNC_INFO;
+    const CK_RV rv = functions->C_Logout(session);
+    if (rv != CKR_OK)
+        throw PKCS11_EXCEPTION("C_Logout", rv);
+}
+
+QByteArray Pkcs11Library::readAttribute(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ULONG type,
+                                        bool queryUnavailable)
+{
+    CK_ATTRIBUTE attribute = {type, nullptr, 0};
+    CK_RV rv = functions->C_GetAttributeValue(session, object, &attribute, 1);
+    if (rv != CKR_OK)
+        throw PKCS11_EXCEPTION("C_GetAttributeValue", rv);
+    QByteArray value;
+    if (attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION) {
+        if (!queryUnavailable)
+            return value;
+        attribute.ulValueLen = 0;
+    } else {
+        value.resize(static_cast<qsizetype>(attribute.ulValueLen));
+        attribute.pValue = value.data();
+    }
+    rv = functions->C_GetAttributeValue(session, object, &attribute, 1);
+    if (rv != CKR_OK)
+        throw PKCS11_EXCEPTION("C_GetAttributeValue", rv);
+    if (attribute.pValue && attribute.ulValueLen <= static_cast<CK_ULONG>(value.size()))
+        value.truncate(static_cast<qsizetype>(attribute.ulValueLen));
+    return value;
+}
+
+QByteArray Pkcs11Library::getAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ULONG type)
+{
+    qDebug().noquote() << Q_FUNC_INFO;
+    return readAttribute(session, object, type, true);
+}
+
+bool Pkcs11Library::getCkaAlwaysAuthenticateValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object)
+{
+    qDebug().noquote() << Q_FUNC_INFO;
+    // A token that does not know the attribute does not ask for a context login.
+    try {
+        const QByteArray value = getAttributeValue(session, object, CKA_ALWAYS_AUTHENTICATE);
+        return value.size() == 1 && value.at(0) == 1;
+    } catch (const AppException& e) {
+        qInfo().noquote() << QStringLiteral("Recoverable exception: ") + e.toString(true);
+    } catch (...) {
+        qInfo().noquote() << QStringLiteral("Unidentified recoverable exception");
+    }
+    return false;
+}
+
+QByteArray Pkcs11Library::computeHash(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, const QByteArray& data)
+{
+    qDebug().noquote() << Q_FUNC_INFO;
+    CK_RV rv = functions->C_DigestInit(session, mechanism);
+    if (rv != CKR_OK)
+        throw PKCS11_EXCEPTION("C_DigestInit", rv);
+    QByteArray input = data;
+    auto* bytes = reinterpret_cast<CK_BYTE_PTR>(input.data());
+    const auto length = static_cast<CK_ULONG>(input.size());
+    CK_ULONG digestLength = 0;
+    rv = functions->C_Digest(session, bytes, length, nullptr, &digestLength);
+    if (rv != CKR_OK)
+        throw PKCS11_EXCEPTION("C_Digest", rv);
+    QByteArray digest(static_cast<qsizetype>(digestLength), '\0');
+    rv = functions->C_Digest(session, bytes, length, reinterpret_cast<CK_BYTE_PTR>(digest.data()), &digestLength);
+    if (rv != CKR_OK)
+        throw PKCS11_EXCEPTION("C_Digest", rv);
+    digest.truncate(static_cast<qsizetype>(digestLength));
+    return digest;
+}
+
+QByteArray Pkcs11Library::signHash(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key, CK_MECHANISM_PTR mechanism,
+                                   const QByteArray& data, bool alwaysAuthenticate, const Pkcs11SlotInfo& slotInfo,
+                                   const Pkcs11TokenInfo& tokenInfo)
+{
+    qDebug().noquote() << Q_FUNC_INFO;
+    CK_RV rv = functions->C_SignInit(session, mechanism, key);
+    if (rv == CKR_FUNCTION_CANCELED)
+        throw OPERATION_CANCELED();
+    if (rv != CKR_OK)
+        throw PKCS11_EXCEPTION("C_SignInit", rv);
+    if (alwaysAuthenticate)
+        contextLogin(session, slotInfo, tokenInfo);
+
+    QByteArray input = data;
+    auto* bytes = reinterpret_cast<CK_BYTE_PTR>(input.data());
+    const auto length = static_cast<CK_ULONG>(input.size());
+    CK_ULONG signatureLength = 0;
+    rv = functions->C_Sign(session, bytes, length, nullptr, &signatureLength);
+    if (rv != CKR_OK)
+        throw PKCS11_EXCEPTION("C_Sign", rv);
+    QByteArray signature(static_cast<qsizetype>(signatureLength), '\0');
+    rv = functions->C_Sign(session, bytes, length, reinterpret_cast<CK_BYTE_PTR>(signature.data()), &signatureLength);
+    if (rv == CKR_FUNCTION_CANCELED)
+        throw OPERATION_CANCELED();
+    if (rv != CKR_OK)
+        throw PKCS11_EXCEPTION("C_Sign", rv);
+    signature.truncate(static_cast<qsizetype>(signatureLength));
+    return signature;
+}
+
+QString Pkcs11Library::getTokenPlatform(CK_SLOT_ID slotId)
+{
+    qDebug().noquote() << Q_FUNC_INFO;
+    if (vendorExtensions.isEmpty())
+        return QString();
+    if (vendorExtensions != QLatin1String(monetProIdPlatform))
+        throw APP_EXCEPTION(QStringLiteral("Unsupported vendor extensions requested"));
+    Pkcs11SessionGuard session(this, openReadOnlySession(slotId));
+    // The platform is a vendor attribute of the token itself, reached through object handle 0.
+    const QByteArray value = readAttribute(session.handle(), 0, tokenPlatformAttribute, false);
+    session.close();
+    return QString::fromUtf8(value);
+}
+
+void Pkcs11Library::generateKeyPair(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
+                                    const QList<CK_ATTRIBUTE>& publicTemplate,
+                                    const QList<CK_ATTRIBUTE>& privateTemplate, CK_OBJECT_HANDLE_PTR publicKey,
+                                    CK_OBJECT_HANDLE_PTR privateKey)
+{
+    qDebug().noquote() << Q_FUNC_INFO;
+    std::vector<CK_ATTRIBUTE> publicAttributes = contiguous(publicTemplate);
+    std::vector<CK_ATTRIBUTE> privateAttributes = contiguous(privateTemplate);
+    const CK_RV rv = functions->C_GenerateKeyPair(
+        session, mechanism, publicAttributes.data(), static_cast<CK_ULONG>(publicAttributes.size()),
+        privateAttributes.data(), static_cast<CK_ULONG>(privateAttributes.size()), publicKey, privateKey);
+    if (rv != CKR_OK)
+        throw PKCS11_EXCEPTION("C_GenerateKeyPair", rv);
+}
+
+void Pkcs11Library::createObject(CK_SESSION_HANDLE session, const QList<CK_ATTRIBUTE>& attributes,
+                                 CK_OBJECT_HANDLE_PTR object)
+{
+    qDebug().noquote() << Q_FUNC_INFO;
+    std::vector<CK_ATTRIBUTE> objectTemplate = contiguous(attributes);
+    const CK_RV rv = functions->C_CreateObject(session, objectTemplate.data(),
+                                               static_cast<CK_ULONG>(objectTemplate.size()), object);
+    if (rv != CKR_OK)
+        throw PKCS11_EXCEPTION("C_CreateObject", rv);
+}
+
+QList<unsigned long> Pkcs11Library::findObjects(CK_SESSION_HANDLE session, CK_ATTRIBUTE_PTR searchTemplate,
+                                                CK_ULONG count)
+{
+    qDebug().noquote() << Q_FUNC_INFO;
+    CK_RV rv = functions->C_FindObjectsInit(session, searchTemplate, count);
+    if (rv != CKR_OK)
+        throw PKCS11_EXCEPTION("C_FindObjectsInit", rv);
+    constexpr CK_ULONG batchSize = 8;
+    CK_OBJECT_HANDLE batch[batchSize];
+    QList<unsigned long> handles;
+    CK_ULONG found = 0;
+    do {
+        found = 0;
+        rv = functions->C_FindObjects(session, batch, batchSize, &found);
+        if (rv != CKR_OK)
+            throw PKCS11_EXCEPTION("C_FindObjects", rv);
+        for (CK_ULONG i = 0; i < found && i < batchSize; ++i)
+            handles.append(batch[i]);
+    } while (found == batchSize);
+    rv = functions->C_FindObjectsFinal(session);
+    if (rv != CKR_OK)
+        throw PKCS11_EXCEPTION("C_FindObjectsFinal", rv);
+    return handles;
+}
