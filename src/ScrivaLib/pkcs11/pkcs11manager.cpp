@@ -157,7 +157,13 @@ QPair<QString, QString> Pkcs11Manager::getSlots(const QString& libraryPath,
             qInfo().noquote() << QStringLiteral("Recoverable exception: ") + e.toString(true);
             slot.tokenInfoRv = e.getRv();
         }
-        slot.tokenPlatform = library->getTokenPlatform(slotId);
+        // A token the module cannot open (for example one not yet initialised) is listed
+        // without its platform rather than failing the whole list.
+        try {
+            slot.tokenPlatform = library->getTokenPlatform(slotId);
+        } catch (const Pkcs11Exception& e) {
+            qInfo().noquote() << QStringLiteral("Recoverable exception: ") + e.toString(true);
+        }
         slotList.append(slot);
     }
 
