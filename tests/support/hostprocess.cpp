@@ -61,11 +61,20 @@ QStringList HostProcess::logLines() const
     return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
 }
 
+void HostProcess::setLauncher(const QString& program, const QStringList& arguments)
+{
+    launcher = program;
+    launcherArguments = arguments;
+}
+
 bool HostProcess::start(const QStringList& arguments)
 {
     process.setProcessEnvironment(env);
     process.setProcessChannelMode(QProcess::SeparateChannels);
-    process.start(executable(), arguments);
+    if (launcher.isEmpty())
+        process.start(executable(), arguments);
+    else
+        process.start(launcher, launcherArguments + QStringList{executable()} + arguments);
     return process.waitForStarted(10000);
 }
 

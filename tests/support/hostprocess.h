@@ -28,6 +28,9 @@ public:
     QString home() const { return homeDir.path(); }
     QProcessEnvironment& environment() { return env; }
 
+    // Runs the host under another program, such as a memory checker: program, its arguments,
+    // then the host's path and arguments (call before start).
+    void setLauncher(const QString& program, const QStringList& arguments = {});
     bool start(const QStringList& arguments = {});
     void send(const QJsonObject& message);
     void sendRaw(const QByteArray& bytes);
@@ -48,4 +51,6 @@ private:
     QProcessEnvironment env;
     QProcess process;
     QByteArray buffer;
+    QString launcher;
+    QStringList launcherArguments;
 };

@@ -1,0 +1,62 @@
+#pragma once
+
+#include "hostprocess.h"
+#include "softhsmtoken.h"
+
+#include <QJsonObject>
+#include <QMap>
+#include <QString>
+#include <QStringList>
+
+// The built host with a private SoftHSM token store holding one token. Requests come from
+// tests/data/requests, aimed at that token (its serial number, SoftHSM as the module, no vendor
+// extension) and signed by the development PKI, each with a fresh nonce.
+class TokenHost
+{
+public:
+    static constexpr const char* tokenLabel = "Scriva token";
+    static constexpr const char* userPin = "1234";
+    // The module path the sample requests name; a replacement of this key chooses another module.
+    static constexpr const char* sampleModule = "/usr/lib/x86_64-linux-gnu/softhsm/libsofthsm2.so";
+
+    SoftHsmToken& tokens() { return store; }
+    HostProcess& host() { return process; }
+    QString serialNumber() const { return serial; }
+    QString lastNonce() const { return nonce; }
+    QString lastError() const { return failure; }
+    // How long to wait for each answer (a host under a memory checker needs minutes).
+    void setAnswerTimeout(int milliseconds) { timeoutMs = milliseconds; }
+
+    // Writes a configuration for the forwarding test module and names it in the host's environment.
+    bool configureTestModule(const QByteArray& keyValues);
+    // Makes the token, starts the host and creates the instance; false with lastError().
+    bool start();
+
+    // The signed request tests/data/requests/<name>.xml with a fresh nonce; `replacements` are
+    // applied after the usual ones and may override them.
+    QString argument(const QString& name, const QMap<QString, QString>& replacements = {});
+    // The same with the sample's object template replaced by `attributes` (attribute elements).
+    QString createObjectArgument(const QString& name, const QString& attributes,
+                                 const QMap<QString, QString>& replacements = {});
+    // Sends the operation named by the request's file name ("getslots-2022" is GetSlots).
+    void send(const QString& name, const QString& argument);
+    QJsonObject call(const QString& name, const QMap<QString, QString>& replacements = {});
+    // A method without argument ("Terminate"), answered within the answer timeout.
+    QJsonObject callMethod(const QString& method);
+
+    static QString operation(const QString& requestName);
+    static QString error(const QJsonObject& answer) { return answer.value(QStringLiteral("error")).toString(); }
+    static QString result(const QJsonObject& answer) { return answer.value(QStringLiteral("result")).toString(); }
+    // The texts of every element with this local name in the answer document, in document order.
+    static QStringList texts(const QString& xml, const QString& element);
+    // Runs a command-line tool; false (output in *output either way) when it fails.
+    static bool runTool(const QString& program, const QStringList& arguments, QString* output = nullptr);
+
+private:
+    SoftHsmToken store;
+    HostProcess process;
+    QString serial;
+    QString nonce;
+    QString failure;
+    int timeoutMs = 60000;
+};
