@@ -12,7 +12,7 @@ packages=(
   xvfb xauth xdotool x11-utils
   clang llvm libclang-rt-14-dev
   valgrind python3 ccache
-  chromium
+  chromium lintian
 )
 
 missing=()
