@@ -1,0 +1,58 @@
+// A native-messaging host that does nothing but answer: every framed request gets a framed
+// answer of the host's shape ("error", "method", "result", "id") with its method and id echoed.
+// Through the browser it measures what the browser and the extension cost on their own.
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <cstdint>
+#include <unistd.h>
+#include <vector>
+
+static bool readAll(void* buffer, size_t size)
+{
+    auto* p = static_cast<char*>(buffer);
+    while (size > 0) {
+        const ssize_t n = read(0, p, size);
+        if (n <= 0)
+            return false;
+        p += n;
+        size -= size_t(n);
+    }
+    return true;
+}
+
+static bool writeAll(const void* buffer, size_t size)
+{
+    auto* p = static_cast<const char*>(buffer);
+    while (size > 0) {
+        const ssize_t n = write(1, p, size);
+        if (n <= 0)
+            return false;
+        p += n;
+        size -= size_t(n);
+    }
+    return true;
+}
+
+int main()
+{
+    std::vector<char> payload;
+    for (;;) {
+        uint32_t length = 0;
+        if (!readAll(&length, sizeof length))
+            return 0;
+        payload.resize(length);
+        if (!readAll(payload.data(), length))
+            return 0;
+        const QJsonObject request = QJsonDocument::fromJson(QByteArray::fromRawData(payload.data(), int(length))).object();
+        QJsonObject answer{{QStringLiteral("error"), QJsonValue::Null},
+                           {QStringLiteral("method"), request.value(QStringLiteral("method"))},
+                           {QStringLiteral("result"), QStringLiteral("echo")}};
+        if (request.contains(QStringLiteral("id")))
+            answer.insert(QStringLiteral("id"), request.value(QStringLiteral("id")));
+        const QByteArray out = QJsonDocument(answer).toJson(QJsonDocument::Compact);
+        const uint32_t outLength = uint32_t(out.size());
+        if (!writeAll(&outLength, sizeof outLength) || !writeAll(out.constData(), out.size()))
+            return 0;
+    }
+}
