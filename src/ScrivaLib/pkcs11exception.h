@@ -31,3 +31,11 @@ private:
 #define PKCS11_EXCEPTION(functionName, rv) \
     Pkcs11Exception(QStringLiteral(functionName), (rv), QStringLiteral(__FILE__), __LINE__, \
                     QString::fromUtf8(Q_FUNC_INFO))
+
+// Raises the Pkcs11Exception of the named function when the call did not return CKR_OK.
+#define PKCS11_CHECK(functionName, call) \
+    do { \
+        const CK_RV checkedRv = (call); \
+        if (checkedRv != CKR_OK) \
+            throw PKCS11_EXCEPTION(functionName, checkedRv); \
+    } while (false)

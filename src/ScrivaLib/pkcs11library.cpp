@@ -144,17 +144,14 @@ QString Pkcs11Library::fillIn(const QString& text, const QStringList& values, bo
     return text + QStringLiteral(": ") + values.join(QStringLiteral(": "));
 }
 
+// The wrappers of a single module call log no entry line of their own: the call trace records
+// them, and with the log off each line would still cost a look at the switch.
 QList<unsigned long> Pkcs11Library::getSlots(CK_BBOOL tokenPresent)
 {
-    qDebug().noquote() << Q_FUNC_INFO;
     CK_ULONG count = 0;
-    CK_RV rv = functions->C_GetSlotList(tokenPresent, nullptr, &count);
-    if (rv != CKR_OK)
-        throw PKCS11_EXCEPTION("C_GetSlotList", rv);
+    PKCS11_CHECK("C_GetSlotList", functions->C_GetSlotList(tokenPresent, nullptr, &count));
     std::vector<CK_SLOT_ID> slotIds(count);
-    rv = functions->C_GetSlotList(tokenPresent, slotIds.data(), &count);
-    if (rv != CKR_OK)
-        throw PKCS11_EXCEPTION("C_GetSlotList", rv);
+    PKCS11_CHECK("C_GetSlotList", functions->C_GetSlotList(tokenPresent, slotIds.data(), &count));
     QList<unsigned long> result;
     for (CK_ULONG i = 0; i < count && i < slotIds.size(); ++i)
         result.append(slotIds[i]);
@@ -163,59 +160,42 @@ QList<unsigned long> Pkcs11Library::getSlots(CK_BBOOL tokenPresent)
 
 Pkcs11SlotInfo Pkcs11Library::getSlotInfo(CK_SLOT_ID slotId)
 {
-    qDebug().noquote() << Q_FUNC_INFO;
     CK_SLOT_INFO info{};
-    const CK_RV rv = functions->C_GetSlotInfo(slotId, &info);
-    if (rv != CKR_OK)
-        throw PKCS11_EXCEPTION("C_GetSlotInfo", rv);
+    PKCS11_CHECK("C_GetSlotInfo", functions->C_GetSlotInfo(slotId, &info));
     return Pkcs11SlotInfo(slotId, info);
 }
 
 Pkcs11TokenInfo Pkcs11Library::getTokenInfo(CK_SLOT_ID slotId)
 {
-    qDebug().noquote() << Q_FUNC_INFO;
     CK_TOKEN_INFO info{};
-    const CK_RV rv = functions->C_GetTokenInfo(slotId, &info);
-    if (rv != CKR_OK)
-        throw PKCS11_EXCEPTION("C_GetTokenInfo", rv);
+    PKCS11_CHECK("C_GetTokenInfo", functions->C_GetTokenInfo(slotId, &info));
     return Pkcs11TokenInfo(slotId, info);
 }
 
 CK_SESSION_HANDLE Pkcs11Library::openReadOnlySession(CK_SLOT_ID slotId)
 {
-    qDebug().noquote() << Q_FUNC_INFO;
     CK_SESSION_HANDLE session = 0;
-    const CK_RV rv = functions->C_OpenSession(slotId, CKF_SERIAL_SESSION, nullptr, nullptr, &session);
-    if (rv != CKR_OK)
-        throw PKCS11_EXCEPTION("C_OpenSession", rv);
+    PKCS11_CHECK("C_OpenSession", functions->C_OpenSession(slotId, CKF_SERIAL_SESSION, nullptr, nullptr, &session));
     return session;
 }
 
 CK_SESSION_HANDLE Pkcs11Library::openReadWriteSession(CK_SLOT_ID slotId)
 {
-    qDebug().noquote() << Q_FUNC_INFO;
     CK_SESSION_HANDLE session = 0;
-    const CK_RV rv = functions->C_OpenSession(slotId, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session);
-    if (rv != CKR_OK)
-        throw PKCS11_EXCEPTION("C_OpenSession", rv);
+    PKCS11_CHECK("C_OpenSession",
+                 functions->C_OpenSession(slotId, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session));
     return session;
 }
 
 void Pkcs11Library::closeSession(CK_SESSION_HANDLE session)
 {
-    qDebug().noquote() << Q_FUNC_INFO;
-    const CK_RV rv = functions->C_CloseSession(session);
-    if (rv != CKR_OK)
-        throw PKCS11_EXCEPTION("C_CloseSession", rv);
+    PKCS11_CHECK("C_CloseSession", functions->C_CloseSession(session));
 }
 
 bool Pkcs11Library::isUserLoggedIn(CK_SESSION_HANDLE session)
 {
-    qDebug().noquote() << Q_FUNC_INFO;
     CK_SESSION_INFO info{};
-    const CK_RV rv = functions->C_GetSessionInfo(session, &info);
-    if (rv != CKR_OK)
-        throw PKCS11_EXCEPTION("C_GetSessionInfo", rv);
+    PKCS11_CHECK("C_GetSessionInfo", functions->C_GetSessionInfo(session, &info));
     return info.state == CKS_RO_USER_FUNCTIONS || info.state == CKS_RW_USER_FUNCTIONS;
 }
 
@@ -386,19 +366,14 @@ void Pkcs11Library::contextLogin(CK_SESSION_HANDLE session, const Pkcs11SlotInfo
 
 void Pkcs11Library::logout(CK_SESSION_HANDLE session)
 {
-    qDebug().noquote() << Q_FUNC_INFO;
-    const CK_RV rv = functions->C_Logout(session);
-    if (rv != CKR_OK)
-        throw PKCS11_EXCEPTION("C_Logout", rv);
+    PKCS11_CHECK("C_Logout", functions->C_Logout(session));
 }
 
 QByteArray Pkcs11Library::readAttribute(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ULONG type,
                                         bool queryUnavailable)
 {
     CK_ATTRIBUTE attribute = {type, nullptr, 0};
-    CK_RV rv = functions->C_GetAttributeValue(session, object, &attribute, 1);
-    if (rv != CKR_OK)
-        throw PKCS11_EXCEPTION("C_GetAttributeValue", rv);
+    PKCS11_CHECK("C_GetAttributeValue", functions->C_GetAttributeValue(session, object, &attribute, 1));
     QByteArray value;
     if (attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION) {
         if (!queryUnavailable)
@@ -408,9 +383,7 @@ QByteArray Pkcs11Library::readAttribute(CK_SESSION_HANDLE session, CK_OBJECT_HAN
         value.resize(static_cast<qsizetype>(attribute.ulValueLen));
         attribute.pValue = value.data();
     }
-    rv = functions->C_GetAttributeValue(session, object, &attribute, 1);
-    if (rv != CKR_OK)
-        throw PKCS11_EXCEPTION("C_GetAttributeValue", rv);
+    PKCS11_CHECK("C_GetAttributeValue", functions->C_GetAttributeValue(session, object, &attribute, 1));
     if (attribute.pValue && attribute.ulValueLen <= static_cast<CK_ULONG>(value.size()))
         value.truncate(static_cast<qsizetype>(attribute.ulValueLen));
     return value;
@@ -418,13 +391,11 @@ QByteArray Pkcs11Library::readAttribute(CK_SESSION_HANDLE session, CK_OBJECT_HAN
 
 QByteArray Pkcs11Library::getAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ULONG type)
 {
-    qDebug().noquote() << Q_FUNC_INFO;
     return readAttribute(session, object, type, true);
 }
 
 bool Pkcs11Library::getCkaAlwaysAuthenticateValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object)
 {
-    qDebug().noquote() << Q_FUNC_INFO;
     // A token that does not know the attribute does not ask for a context login.
     try {
         const QByteArray value = getAttributeValue(session, object, CKA_ALWAYS_AUTHENTICATE);
@@ -440,20 +411,15 @@ bool Pkcs11Library::getCkaAlwaysAuthenticateValue(CK_SESSION_HANDLE session, CK_
 QByteArray Pkcs11Library::computeHash(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, const QByteArray& data)
 {
     qDebug().noquote() << Q_FUNC_INFO;
-    CK_RV rv = functions->C_DigestInit(session, mechanism);
-    if (rv != CKR_OK)
-        throw PKCS11_EXCEPTION("C_DigestInit", rv);
+    PKCS11_CHECK("C_DigestInit", functions->C_DigestInit(session, mechanism));
     QByteArray input = data;
     auto* bytes = reinterpret_cast<CK_BYTE_PTR>(input.data());
     const auto length = static_cast<CK_ULONG>(input.size());
     CK_ULONG digestLength = 0;
-    rv = functions->C_Digest(session, bytes, length, nullptr, &digestLength);
-    if (rv != CKR_OK)
-        throw PKCS11_EXCEPTION("C_Digest", rv);
+    PKCS11_CHECK("C_Digest", functions->C_Digest(session, bytes, length, nullptr, &digestLength));
     QByteArray digest(static_cast<qsizetype>(digestLength), '\0');
-    rv = functions->C_Digest(session, bytes, length, reinterpret_cast<CK_BYTE_PTR>(digest.data()), &digestLength);
-    if (rv != CKR_OK)
-        throw PKCS11_EXCEPTION("C_Digest", rv);
+    PKCS11_CHECK("C_Digest", functions->C_Digest(session, bytes, length, reinterpret_cast<CK_BYTE_PTR>(digest.data()),
+                                                 &digestLength));
     digest.truncate(static_cast<qsizetype>(digestLength));
     return digest;
 }
@@ -475,9 +441,7 @@ QByteArray Pkcs11Library::signHash(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE k
     auto* bytes = reinterpret_cast<CK_BYTE_PTR>(input.data());
     const auto length = static_cast<CK_ULONG>(input.size());
     CK_ULONG signatureLength = 0;
-    rv = functions->C_Sign(session, bytes, length, nullptr, &signatureLength);
-    if (rv != CKR_OK)
-        throw PKCS11_EXCEPTION("C_Sign", rv);
+    PKCS11_CHECK("C_Sign", functions->C_Sign(session, bytes, length, nullptr, &signatureLength));
     QByteArray signature(static_cast<qsizetype>(signatureLength), '\0');
     rv = functions->C_Sign(session, bytes, length, reinterpret_cast<CK_BYTE_PTR>(signature.data()), &signatureLength);
     if (rv == CKR_FUNCTION_CANCELED)
@@ -510,11 +474,9 @@ void Pkcs11Library::generateKeyPair(CK_SESSION_HANDLE session, CK_MECHANISM_PTR 
     qDebug().noquote() << Q_FUNC_INFO;
     std::vector<CK_ATTRIBUTE> publicAttributes = contiguous(publicTemplate);
     std::vector<CK_ATTRIBUTE> privateAttributes = contiguous(privateTemplate);
-    const CK_RV rv = functions->C_GenerateKeyPair(
+    PKCS11_CHECK("C_GenerateKeyPair", functions->C_GenerateKeyPair(
         session, mechanism, publicAttributes.data(), static_cast<CK_ULONG>(publicAttributes.size()),
-        privateAttributes.data(), static_cast<CK_ULONG>(privateAttributes.size()), publicKey, privateKey);
-    if (rv != CKR_OK)
-        throw PKCS11_EXCEPTION("C_GenerateKeyPair", rv);
+        privateAttributes.data(), static_cast<CK_ULONG>(privateAttributes.size()), publicKey, privateKey));
 }
 
 void Pkcs11Library::createObject(CK_SESSION_HANDLE session, const QList<CK_ATTRIBUTE>& attributes,
@@ -522,33 +484,25 @@ void Pkcs11Library::createObject(CK_SESSION_HANDLE session, const QList<CK_ATTRI
 {
     qDebug().noquote() << Q_FUNC_INFO;
     std::vector<CK_ATTRIBUTE> objectTemplate = contiguous(attributes);
-    const CK_RV rv = functions->C_CreateObject(session, objectTemplate.data(),
-                                               static_cast<CK_ULONG>(objectTemplate.size()), object);
-    if (rv != CKR_OK)
-        throw PKCS11_EXCEPTION("C_CreateObject", rv);
+    PKCS11_CHECK("C_CreateObject", functions->C_CreateObject(session, objectTemplate.data(),
+                                               static_cast<CK_ULONG>(objectTemplate.size()), object));
 }
 
 QList<unsigned long> Pkcs11Library::findObjects(CK_SESSION_HANDLE session, CK_ATTRIBUTE_PTR searchTemplate,
                                                 CK_ULONG count)
 {
     qDebug().noquote() << Q_FUNC_INFO;
-    CK_RV rv = functions->C_FindObjectsInit(session, searchTemplate, count);
-    if (rv != CKR_OK)
-        throw PKCS11_EXCEPTION("C_FindObjectsInit", rv);
+    PKCS11_CHECK("C_FindObjectsInit", functions->C_FindObjectsInit(session, searchTemplate, count));
     constexpr CK_ULONG batchSize = 8;
     CK_OBJECT_HANDLE batch[batchSize];
     QList<unsigned long> handles;
     CK_ULONG found = 0;
     do {
         found = 0;
-        rv = functions->C_FindObjects(session, batch, batchSize, &found);
-        if (rv != CKR_OK)
-            throw PKCS11_EXCEPTION("C_FindObjects", rv);
+        PKCS11_CHECK("C_FindObjects", functions->C_FindObjects(session, batch, batchSize, &found));
         for (CK_ULONG i = 0; i < found && i < batchSize; ++i)
             handles.append(batch[i]);
     } while (found == batchSize);
-    rv = functions->C_FindObjectsFinal(session);
-    if (rv != CKR_OK)
-        throw PKCS11_EXCEPTION("C_FindObjectsFinal", rv);
+    PKCS11_CHECK("C_FindObjectsFinal", functions->C_FindObjectsFinal(session));
     return handles;
 }
