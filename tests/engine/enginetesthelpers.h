@@ -1,10 +1,9 @@
 #pragma once
 
-// What the engine's test programs share: a user who answers PIN forms and message boxes, running
-// engine calls on a worker thread as the host does, and the trace switch.
+// What the engine's test programs share: a user who answers PIN forms and message boxes, engine
+// calls run on a worker thread as the host runs them, the trace switch, and the test module.
 
 #include "../pkcs11/pkcs11testhelpers.h"
-#include "appexception.h"
 #include "loghandler.h"
 #include "pkcs11exception.h"
 #include "softhsmtoken.h"
@@ -23,110 +22,90 @@
 #include <QtConcurrent>
 
 #include <functional>
-#include <optional>
 
 namespace EngineTest {
 
-// A user in front of the screen: answers each PIN form and message box as it appears, in the
-// order scripted, from a timer that fires inside their modal loops, and notes what was shown.
+// A user in front of the screen. Each step answers the next PIN form ("pin:<PIN>", with ":save"
+// to tick the save box, or "cancel") or message box ("ok"); the answers come from a timer that
+// fires inside the modal loops. `shown` notes "form", "context form" (with the save box),
+// "box: <title>: <text>", and "unexpected ..." for whatever the script did not foresee.
 class ScriptedUser : public QObject
 {
 public:
-    struct Step
-    {
-        enum Kind { TypePin, Cancel, Acknowledge } kind;
-        QString pin;
-        std::optional<bool> save;
-    };
-    static Step type(const QString& pin, std::optional<bool> save = std::nullopt) { return {Step::TypePin, pin, save}; }
-    static Step cancel() { return {Step::Cancel, {}, {}}; }
-    static Step acknowledge() { return {Step::Acknowledge, {}, {}}; }
-
-    explicit ScriptedUser(QList<Step> steps) : steps(std::move(steps))
+    explicit ScriptedUser(QStringList steps) : steps(std::move(steps))
     {
         connect(&timer, &QTimer::timeout, this, &ScriptedUser::poll);
         timer.start(20);
     }
 
-    // "form" or "context form" (with the save box) per PIN form, "box: <title>: <text>" per
-    // message box, and "unexpected ..." for anything shown beyond the script.
     QStringList shown;
 
 private:
     void poll()
     {
-        if (PinForm* form = PinForm::openForm(); form && form->isVisible())
-            answerForm(form);
-        for (QWidget* widget : QApplication::topLevelWidgets())
-            if (auto* box = qobject_cast<QMessageBox*>(widget); box && box->isVisible())
-                answerBox(box);
-    }
-
-    void answerForm(PinForm* form)
-    {
-        const bool context = !form->findChild<QCheckBox*>(QStringLiteral("chbSavePIN"))->isHidden();
-        const bool expected = !steps.isEmpty() && steps.first().kind != Step::Acknowledge;
-        shown.append(QString::fromLatin1(expected ? "" : "unexpected ") + (context ? "context form" : "form"));
-        const Step step = expected ? steps.takeFirst() : cancel();
-        if (step.kind == Step::TypePin) {
-            QTest::keyClicks(form->findChild<QLineEdit*>(QStringLiteral("lePin")), step.pin);
-            if (step.save)
-                form->findChild<QCheckBox*>(QStringLiteral("chbSavePIN"))->setChecked(*step.save);
+        if (PinForm* form = PinForm::openForm(); form && form->isVisible()) {
+            auto* save = form->findChild<QCheckBox*>(QStringLiteral("chbSavePIN"));
+            const bool expected = !steps.isEmpty() && steps.first() != QLatin1String("ok");
+            const QStringList step = (expected ? steps.takeFirst() : QStringLiteral("cancel")).split(QLatin1Char(':'));
+            shown.append(QLatin1String(expected ? "" : "unexpected ") + (save->isHidden() ? "form" : "context form"));
+            if (step.first() == QLatin1String("pin")) {
+                QTest::keyClicks(form->findChild<QLineEdit*>(QStringLiteral("lePin")), step.value(1));
+                save->setChecked(step.value(2) == QLatin1String("save"));
+            }
+            const QString button = step.first() == QLatin1String("pin") ? "btnOk" : "btnCancel";
+            QTest::mouseClick(form->findChild<QPushButton*>(button), Qt::LeftButton);
         }
-        const char* button = step.kind == Step::TypePin ? "btnOk" : "btnCancel";
-        QTest::mouseClick(form->findChild<QPushButton*>(QString::fromLatin1(button)), Qt::LeftButton);
+        for (QWidget* widget : QApplication::topLevelWidgets()) {
+            auto* box = qobject_cast<QMessageBox*>(widget);
+            if (!box || !box->isVisible())
+                continue;
+            const bool expected = !steps.isEmpty() && steps.first() == QLatin1String("ok");
+            if (expected)
+                steps.removeFirst();
+            shown.append(QLatin1String(expected ? "box: " : "unexpected box: ") + box->windowTitle() + ": "
+                         + box->text());
+            QTest::mouseClick(box->button(QMessageBox::Ok), Qt::LeftButton);
+        }
     }
 
-    void answerBox(QMessageBox* box)
-    {
-        const bool expected = !steps.isEmpty() && steps.first().kind == Step::Acknowledge;
-        if (expected)
-            steps.removeFirst();
-        shown.append(QString::fromLatin1(expected ? "box: " : "unexpected box: ") + box->windowTitle()
-                     + QStringLiteral(": ") + box->text());
-        QTest::mouseClick(box->button(QMessageBox::Ok), Qt::LeftButton);
-    }
-
-    QList<Step> steps;
+    QStringList steps;
     QTimer timer;
 };
 
-// What an engine call on a worker thread ended with.
+// What an engine call on a worker thread ended with: the exception's message (empty on success),
+// a Pkcs11Exception's return value, and what the call returned.
 struct Outcome
 {
-    QString error;     // the exception's message, empty on success
-    QString className; // the exception's class
-    CK_RV rv = CKR_OK; // a Pkcs11Exception's return value
-    QString document;  // what the call returned
+    QString error;
+    CK_RV rv = CKR_OK;
+    QString document;
 };
 
-// Runs the call on a pool thread, as the host's instance does, while this (GUI) thread keeps
-// serving the PIN forms and message boxes it asks for.
-inline Outcome runOnWorker(std::function<QString()> call, int timeoutMs = 120000)
+// Runs the call on a pool thread, as the host's instance does, while this GUI thread serves the
+// PIN forms and message boxes it asks for.
+inline Outcome runOnWorker(std::function<QString()> call)
 {
     QFutureWatcher<Outcome> watcher;
     QSignalSpy finished(&watcher, &QFutureWatcher<Outcome>::finished);
     watcher.setFuture(QtConcurrent::run([call] {
-        Outcome outcome;
         try {
-            outcome.document = call();
+            return Outcome{{}, CKR_OK, call()};
         } catch (const Pkcs11Exception& e) {
-            outcome = {e.getMessage(), e.className(), e.getRv(), {}};
+            return Outcome{e.getMessage(), e.getRv(), {}};
         } catch (const AppException& e) {
-            outcome = {e.getMessage(), e.className(), CKR_OK, {}};
+            return Outcome{e.getMessage(), CKR_OK, {}};
         }
-        return outcome;
     }));
-    if (!watcher.isFinished() && !finished.wait(timeoutMs))
+    if (!watcher.isFinished() && !finished.wait(120000))
         qFatal("The engine call did not finish");
     return watcher.result();
 }
 
-// The host log (and so the PKCS#11 trace) under a private data directory; on while the file exists.
+// The host log, and with it the PKCS#11 trace, in a private data directory: on while the file exists.
 class TraceSwitch
 {
 public:
-    // Call from initTestCase: the test framework installs its own message handler before that.
+    // From initTestCase: the test framework installs its own message handler before that.
     void install()
     {
         qputenv("XDG_DATA_HOME", home.path().toUtf8());
@@ -136,13 +115,12 @@ public:
     ~TraceSwitch() { LogHandler::shutdown(); }
 
     // Starts an empty log, or removes it.
-    void set(bool on) const
+    static void set(bool on)
     {
         QFile::remove(LogHandler::hostLogPath());
-        if (on) {
-            QFile file(LogHandler::hostLogPath());
+        QFile file(LogHandler::hostLogPath());
+        if (on)
             file.open(QIODevice::WriteOnly);
-        }
     }
     static QString text()
     {
@@ -155,13 +133,20 @@ private:
     QTemporaryDir home;
 };
 
-// Keeps both modules loaded for the whole process: SoftHSM does not survive being unloaded and
-// loaded again, and each engine operation unloads its module at the end.
-inline bool holdModulesLoaded()
+// Keeps both modules loaded for the whole process (SoftHSM does not survive being unloaded and
+// loaded again, and every engine operation unloads its module) and points the test module at
+// its configuration file in `dir`.
+inline bool prepareModules(const QTemporaryDir& dir)
 {
     static QLibrary softHsm(SoftHsmToken::softHsmModulePath());
     static QLibrary testModule(SoftHsmToken::testModulePath());
+    qputenv("SCRIVA_TEST_P11_CONFIG", dir.filePath(QStringLiteral("module.conf")).toUtf8());
     return softHsm.load() && testModule.load();
+}
+
+inline bool configureModule(const QTemporaryDir& dir, const QStringList& config)
+{
+    return Pkcs11TestHelpers::writeModuleConfig(dir.filePath(QStringLiteral("module.conf")), config);
 }
 
 } // namespace EngineTest
