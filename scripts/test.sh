@@ -17,7 +17,6 @@ bash "$root/scripts/build.sh" "$root/build-asan" -DSCRIVA_SANITIZE=ON -DCMAKE_BU
 export ASAN_OPTIONS="detect_leaks=1"
 export LSAN_OPTIONS="suppressions=$root/tests/lsan.supp:print_suppressions=0"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
-# Tests labelled slow (real windows on a private X server) run in the normal build only.
-(cd "$root/build-asan" && ctest --output-on-failure -j2 -LE slow) || status=1
+(cd "$root/build-asan" && ctest --output-on-failure -j2) || status=1
 
 exit $status
