@@ -97,8 +97,8 @@ private slots:
         QVERIFY(th.host().waitForExit(300000));
         QCOMPARE(th.host().exitCode(), 0);
 
-        const QList<Finding> findings = readFindings(report);
         QVERIFY2(QFile::exists(report), "valgrind wrote no report");
+        const QList<Finding> findings = readFindings(report);
         qint64 lostBytes = 0, lostBlocks = 0;
         int otherErrors = 0;
         QStringList ours;
