@@ -29,7 +29,7 @@ const explanations = {
   NativeHostNotAvailable: "The ScrivaPkcs11 program is not installed for this browser.",
   NativeHostDisconnected: "The ScrivaPkcs11 program ended before it answered.",
   Timeout: "No answer came in time.",
-  InvalidRequest: "The extension refused a malformed request.",
+  InvalidRequest: "The request is malformed.",
 };
 
 export class ScrivaError extends Error {
