@@ -8,6 +8,7 @@ import select
 import shutil
 import subprocess
 import sys
+import tempfile
 import time
 
 CHROMIUM = os.environ.get("SCRIVA_CHROMIUM", "/usr/lib/chromium/chromium")
@@ -27,6 +28,10 @@ class Chromium:
         self.profile = os.path.join(workdir, "profile")
         home = os.path.join(workdir, "home")
         tmp = os.path.join(workdir, "tmp")
+        self.own_tmp = None
+        # Chromium puts its singleton socket under TMPDIR; a socket path has room for 107 bytes.
+        if len(tmp) + len("/.org.chromium.Chromium.XXXXXX/SingletonSocket") > 107:
+            tmp = self.own_tmp = tempfile.mkdtemp(prefix="scriva-chromium-")
         hosts = os.path.join(self.profile, "NativeMessagingHosts")
         for folder in (hosts, home, tmp):
             os.makedirs(folder, exist_ok=True)
@@ -168,6 +173,8 @@ class Chromium:
                 os.close(fd)
             except OSError:
                 pass
+        if self.own_tmp:
+            shutil.rmtree(self.own_tmp, ignore_errors=True)
 
 
 def serve_demo(source, build, modules, log=None):
