@@ -380,7 +380,8 @@ QByteArray Pkcs11Library::readAttribute(CK_SESSION_HANDLE session, CK_OBJECT_HAN
             return value;
         attribute.ulValueLen = 0;
     } else {
-        value.resize(static_cast<qsizetype>(attribute.ulValueLen));
+        // Zeroed: the trace dumps the buffer as it goes in, and old heap contents must not show.
+        value.fill('\0', static_cast<qsizetype>(attribute.ulValueLen));
         attribute.pValue = value.data();
     }
     PKCS11_CHECK("C_GetAttributeValue", functions->C_GetAttributeValue(session, object, &attribute, 1));
