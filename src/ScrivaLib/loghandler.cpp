@@ -10,6 +10,7 @@
 #include <QThread>
 
 #include <cstdlib>
+#include <sys/stat.h>
 
 namespace {
 
@@ -21,6 +22,7 @@ struct LogState
     QString dataDirectory;
     QString logDirectory;
     QString hostLogPath;
+    QByteArray encodedHostLogPath; // for stat(): the check runs before every message and traced call
     QString certStoreLogPath;
     QString keyChainLogPath;
 };
@@ -48,6 +50,7 @@ void LogHandler::init(const QString& fileName)
                       + QLatin1Char('/');
     s.logDirectory = s.dataDirectory + QStringLiteral("Logs") + QLatin1Char('/');
     s.hostLogPath = QDir::cleanPath(s.logDirectory + QLatin1Char('/') + fileName);
+    s.encodedHostLogPath = QFile::encodeName(s.hostLogPath);
     s.certStoreLogPath = QDir::cleanPath(s.logDirectory + QStringLiteral("/CertStoreLog.txt"));
     s.keyChainLogPath = QDir::cleanPath(s.logDirectory + QStringLiteral("/KeyChainLog.txt"));
     s.enabled = true;
@@ -72,8 +75,8 @@ bool LogHandler::hostLogExists()
     const LogState& s = state();
     if (!s.enabled)
         return false;
-    const QFileInfo info(s.hostLogPath);
-    return info.exists() && info.isFile();
+    struct stat info;
+    return ::stat(s.encodedHostLogPath.constData(), &info) == 0 && S_ISREG(info.st_mode);
 }
 
 QString LogHandler::formatLine(QtMsgType type, const QMessageLogContext& context, const QString& message)
