@@ -8,9 +8,10 @@
 #include <QXmlStreamReader>
 
 // One whole conversation (CreateInstance, GetNonce, GetSlots on SoftHSM, Terminate) with the
-// host running under valgrind's memcheck: no block definitely lost, and no memory error, may
-// have our code on its stack. Leaks and errors that stay inside system libraries are counted
-// and printed, not judged.
+// host running under valgrind's memcheck: no block definitely lost may have our code on its
+// stack, and no memory error may happen in our code. Leaks and errors inside libraries (Qt's
+// vectorised string code reads whole words past the end of a string, which memcheck may flag)
+// are counted and printed, not judged.
 class TestHostLeaks : public QObject
 {
     Q_OBJECT
@@ -21,7 +22,9 @@ class TestHostLeaks : public QObject
         qint64 bytes = 0;
         qint64 blocks = 0;
         QStringList frames; // "function (file:line)"
-        bool ours = false;
+        bool ours = false; // some frame is ours
+        bool inOurs = false; // the innermost frame outside the C library and valgrind is ours
+        bool placed = false;
     };
 
     static bool isOurs(const QString& directory)
@@ -38,7 +41,7 @@ class TestHostLeaks : public QObject
             return findings;
         QXmlStreamReader xml(&file);
         Finding current;
-        QString function, directory, fileName, line;
+        QString function, directory, fileName, line, object;
         while (!xml.atEnd()) {
             xml.readNext();
             const QStringView name = xml.name();
@@ -52,7 +55,9 @@ class TestHostLeaks : public QObject
                 else if (name == QLatin1String("leakedblocks"))
                     current.blocks = xml.readElementText().toLongLong();
                 else if (name == QLatin1String("frame"))
-                    function = directory = fileName = line = QString();
+                    function = directory = fileName = line = object = QString();
+                else if (name == QLatin1String("obj"))
+                    object = xml.readElementText();
                 else if (name == QLatin1String("fn"))
                     function = xml.readElementText();
                 else if (name == QLatin1String("dir"))
@@ -65,6 +70,11 @@ class TestHostLeaks : public QObject
                 if (name == QLatin1String("frame")) {
                     current.frames.append(QStringLiteral("%1 (%2:%3)").arg(function, fileName, line));
                     current.ours = current.ours || isOurs(directory);
+                    if (!current.placed && !object.contains(QLatin1String("vgpreload"))
+                        && !object.contains(QLatin1String("/libc.so"))) {
+                        current.placed = true;
+                        current.inOurs = isOurs(directory);
+                    }
                 } else if (name == QLatin1String("error")) {
                     findings.append(current);
                 }
@@ -110,7 +120,7 @@ private slots:
             } else if (!finding.kind.startsWith(QLatin1String("Leak_"))) {
                 ++otherErrors;
             }
-            if (finding.ours && (leak || !finding.kind.startsWith(QLatin1String("Leak_"))))
+            if ((leak && finding.ours) || (!finding.kind.startsWith(QLatin1String("Leak_")) && finding.inOurs))
                 ours.append(QStringLiteral("%1, %2 bytes in %3 blocks:\n    ").arg(finding.kind).arg(finding.bytes).arg(finding.blocks)
                             + finding.frames.join(QStringLiteral("\n    ")));
         }
