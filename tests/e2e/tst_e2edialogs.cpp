@@ -170,10 +170,14 @@ private slots:
         QCOMPARE(TokenHost::error(th.host().readAnswer(60000)), QStringLiteral("UserRejectedFileDialog"));
     }
 
-    void terminateWhileTheFormWaitsDropsTheOperation()
+    void terminateWhileTheUserIsAskedDropsTheOperation()
     {
+        // The wrong-PIN message is open: termination must not wait for the user to dismiss it.
         const QString form = startLoginOperation(QStringLiteral("never stored"));
         QVERIFY(!form.isEmpty());
+        QVERIFY(display.type(form, QStringLiteral("9999")));
+        QVERIFY(display.key(form, QStringLiteral("Return")));
+        QVERIFY(!display.waitForWindow(QString::fromLatin1(formTitle), {form}).isEmpty());
         const QJsonObject answer = th.host().call(QStringLiteral("Terminate"));
         QCOMPARE(answer.value(QStringLiteral("method")).toString(), HostProcess::method(QStringLiteral("Terminate")));
         QCOMPARE(answer.value(QStringLiteral("error")), QJsonValue(QJsonValue::Null));

@@ -12,7 +12,9 @@
 #include "ui/pinform.h"
 #include "x509certificate2ultra.h"
 
+#include <QApplication>
 #include <QCoreApplication>
+#include <QMessageBox>
 #include <QDir>
 #include <QFileInfo>
 #include <QJsonDocument>
@@ -45,8 +47,7 @@ ScrivaPkcs11::~ScrivaPkcs11()
 {
     // A running worker keeps what it needs and its result is dropped. A PIN form it is waiting
     // for is cancelled; the window goes once any dialog running on it has returned.
-    if (PinForm* form = PinForm::openForm())
-        form->reject();
+    releaseWaitingWorker();
     mainWindow->disconnect(this);
     mainWindow->fileDialog()->reject();
     mainWindow->hide();
@@ -280,6 +281,15 @@ void ScrivaPkcs11::onMinimalOpenWindowTimeReached()
     windowShown.invalidate();
 }
 
+void ScrivaPkcs11::releaseWaitingWorker()
+{
+    // The worker may wait for the PIN form or for the user to acknowledge a wrong PIN.
+    if (PinForm* form = PinForm::openForm())
+        form->reject();
+    if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget()))
+        box->done(QMessageBox::Ok);
+}
+
 void ScrivaPkcs11::onPinDialogShown()
 {
     if (mainWindow->isVisible()) {
@@ -410,8 +420,7 @@ void ScrivaPkcs11::beginTermination()
         qInfo().noquote() << "Application is not ready to terminate yet. Waiting for async operation to finish";
         // A worker waiting for the user is released: it sees the flag and ends without the token.
         TerminatingFlag::set();
-        if (PinForm* form = PinForm::openForm())
-            form->reject();
+        releaseWaitingWorker();
         if (!watcher)
             mainWindow->fileDialog()->reject();
         return;

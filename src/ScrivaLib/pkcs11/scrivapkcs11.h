@@ -78,6 +78,7 @@ private:
     void emitFinished(AsyncOperation operation, const QString& error, const QString& result);
     void showWindow(const QString& descriptionKey);
     void hideWindowWhenDue();
+    void releaseWaitingWorker();
     static QString translationsPath();
 
     mutable QMutex mutex;
