@@ -9,7 +9,9 @@
 #include <QTextStream>
 #include <QThread>
 
+#include <atomic>
 #include <cstdlib>
+#include <ctime>
 #include <sys/stat.h>
 
 namespace {
@@ -77,6 +79,26 @@ bool LogHandler::hostLogExists()
         return false;
     struct stat info;
     return ::stat(s.encodedHostLogPath.constData(), &info) == 0 && S_ISREG(info.st_mode);
+}
+
+namespace {
+std::atomic<qint64> hostLogCheckedAt{-1};
+std::atomic<bool> hostLogSeen{false};
+} // namespace
+
+void LogHandler::refreshHostLogCheck()
+{
+    hostLogCheckedAt.store(-1);
+}
+
+bool LogHandler::hostLogExistsNow()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const qint64 millisecond = qint64(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+    if (hostLogCheckedAt.exchange(millisecond) != millisecond)
+        hostLogSeen.store(hostLogExists());
+    return hostLogSeen.load();
 }
 
 QString LogHandler::formatLine(QtMsgType type, const QMessageLogContext& context, const QString& message)

@@ -24,6 +24,11 @@ public:
     static QString keyChainLogPath();
     // True when the host log file exists, which also switches the PKCS#11 call trace on.
     static bool hostLogExists();
+    // The same answer, looked up at most once a millisecond: for checks made around every
+    // PKCS#11 call, where a file system lookup each time would cost more than the call.
+    static bool hostLogExistsNow();
+    // Makes the next hostLogExistsNow() look again, e.g. right after the log file was created.
+    static void refreshHostLogCheck();
 
     static constexpr const char* hostLogFileName = "ScrivaPkcs11Log.txt";
 };

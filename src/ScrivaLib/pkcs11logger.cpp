@@ -45,7 +45,7 @@ Pkcs11Logger::Pkcs11Logger(CK_FUNCTION_LIST_PTR functionList)
 {
 }
 
-bool Pkcs11Logger::isTracing() { return LogHandler::hostLogExists(); }
+bool Pkcs11Logger::isTracing() { return LogHandler::hostLogExistsNow(); }
 
 // A missing list (or entry) answers CKR_GENERAL_ERROR without calling or tracing anything.
 #define PKCS11_REQUIRE(name) \

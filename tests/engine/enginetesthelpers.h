@@ -121,6 +121,7 @@ public:
         QFile file(LogHandler::hostLogPath());
         if (on)
             file.open(QIODevice::WriteOnly);
+        LogHandler::refreshHostLogCheck();
     }
     static QString text()
     {

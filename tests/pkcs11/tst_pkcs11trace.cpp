@@ -79,6 +79,7 @@ class TestPkcs11Trace : public QObject
             QFile file(LogHandler::hostLogPath());
             QVERIFY(file.open(QIODevice::WriteOnly));
         }
+        LogHandler::refreshHostLogCheck();
     }
 
 private slots:
