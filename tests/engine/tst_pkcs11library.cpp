@@ -105,8 +105,6 @@ private slots:
         QCOMPARE(TraceSwitch::trace().filter(QRegularExpression("^(  Flags|C_Initialize ret|C_Finalize ret)")),
                  QStringList({"  Flags: 2", "C_Initialize returned 10 (CKR_CANT_LOCK)", "  Flags: 0",
                               "C_Initialize returned 0 (CKR_OK)", "C_Finalize returned 0 (CKR_OK)"}));
-        QVERIFY(TraceSwitch::text().contains(" - Loading PKCS#11 library " + SoftHsmToken::testModulePath() + " - "));
-        QVERIFY(TraceSwitch::text().contains(" - Unloading PKCS#11 library " + SoftHsmToken::testModulePath() + " - "));
 
         TraceSwitch::set(true);
         QVERIFY(configureModule(work, {"initialize_rv=0x191"}));
@@ -118,7 +116,6 @@ private slots:
             QCOMPARE(e.getMessage(),
                      "PKCS#11 method C_Initialize returned error CKR_CRYPTOKI_ALREADY_INITIALIZED (0x00000191)");
             QCOMPARE(e.getGeneralMessage(), "Pkcs11GeneralExceptionMessage");
-            QCOMPARE(std::unique_ptr<AppException>(e.clone())->className(), "Pkcs11Exception");
         }
         QVERIFY(TraceSwitch::trace().filter("C_Finalize").isEmpty());
 

@@ -144,12 +144,7 @@ private slots:
             list.append(Location(work.filePath(location.section(':', 0, 0)),
                                  Location::Architecture(architectures.indexOf(location.section(':', 1)))));
         Pkcs11LibraryData data(list, "1", "2", true, false, {});
-        TraceSwitch::set(true);
         QCOMPARE(Pkcs11Manager::findUsablePkcs11Library(data), chosen.isEmpty() ? QString() : work.filePath(chosen));
-        const QString log = TraceSwitch::text();
-        QCOMPARE(log.contains("Skipping PKCS#11 library " + work.filePath("missing") + " because it was not found."),
-                 locations.first().startsWith("missing"));
-        QCOMPARE(log.contains(" because of architecture mismatch."), locations.join(',').contains("x86"));
     }
 
     void getSlotsAnswersEveryTokenInTheRequestVersion_data()
@@ -219,17 +214,11 @@ private slots:
             QCOMPARE(values(outcome.document, "TokenPlatform"), version2026 ? QStringList("") : QStringList());
         }
 
-        // In the 2026-02-04 version the label must match as well.
+        // In the 2026-02-04 version the label must match as well; the module is finalised all the same.
         TraceSwitch::set(true);
         RequestFrame mismatch = frameFor("Alpha");
         mismatch.label = "Beta";
         QCOMPARE(getCertificates(mismatch).error, "SpecifiedTokenNotFound");
-        const QString log = TraceSwitch::text();
-        QVERIFY(log.contains("Looking for token with serial number " + mismatch.serialNumber
-                             + " and possibly label Beta"));
-        QVERIFY(log.contains("Examining slot with slotId "));
-        QVERIFY(log.contains("Matching slot not found"));
-        QVERIFY(log.contains("Unloading PKCS#11 library "));
         QCOMPARE(TraceSwitch::trace().count("Going to call C_Finalize"), 1);
     }
 
@@ -237,14 +226,22 @@ private slots:
     {
         QTest::addColumn<bool>("version2026");
         QTest::addColumn<bool>("testModule");
-        QTest::newRow("2022-12-29 on SoftHSM") << false << false;
-        QTest::newRow("2026-02-04, KovData and a signature PIN") << true << true;
+        QTest::addColumn<CK_MECHANISM_TYPE>("digest");
+        QTest::addColumn<int>("signatureNid");
+        QTest::newRow("2022-12-29 on SoftHSM, SHA-1") << false << false << CKM_SHA_1 << NID_sha1WithRSAEncryption;
+        QTest::newRow("2022-12-29 on SoftHSM, SHA-384") << false << false << CKM_SHA384 << NID_sha384WithRSAEncryption;
+        QTest::newRow("2026-02-04, KovData and a signature PIN, SHA-256")
+            << true << true << CKM_SHA256 << NID_sha256WithRSAEncryption;
+        QTest::newRow("2026-02-04, KovData and a signature PIN, SHA-512")
+            << true << true << CKM_SHA512 << NID_sha512WithRSAEncryption;
     }
 
     void generatedCsrIsSignedByTheNewTokenKeyAndItsCertificateIsStored()
     {
         QFETCH(bool, version2026);
         QFETCH(bool, testModule);
+        QFETCH(CK_MECHANISM_TYPE, digest);
+        QFETCH(int, signatureNid);
         QVERIFY(configureModule(work, {"kov_data_hex=3003020101", "always_authenticate=1", "context_pin=sig-pin"}));
         const RequestFrame frame =
             frameFor("Alpha", version2026, testModule ? QString() : SoftHsmToken::softHsmModulePath());
@@ -258,7 +255,7 @@ private slots:
                              + "</PrivateKeyAttributes><CsrType>PKCS10</CsrType><CsrSubject>" + subjectHex
                              + "</CsrSubject><CsrAttributes>" + (testModule ? "<KovData/>" : "")
                              + "<EnrollmentCspProvider>Test CSP</EnrollmentCspProvider></CsrAttributes>"
-                             + "<CsrDigestMechanism>592</CsrDigestMechanism>"
+                             + "<CsrDigestMechanism>" + QString::number(digest) + "</CsrDigestMechanism>"
                              + "<CsrSigningMechanism>1</CsrSigningMechanism>";
         QSignalSpy pinRequests(&manager, &Pkcs11Manager::pinRequestedSignal);
         const QStringList pins({"pin:" + userPin, "pin:sig-pin"});
@@ -275,10 +272,11 @@ private slots:
                      && verified.contains("verify OK"),
                  qPrintable(verified));
 
-        // The requested subject, the token's new key, and the KovData the token holds for it.
+        // The requested digest and subject, the token's new key, and the KovData the token holds for it.
         Owned<BIO, BIO_free> bio(BIO_new_mem_buf(csrPem.constData(), int(csrPem.size())));
         Owned<X509_REQ, X509_REQ_free> csr(PEM_read_bio_X509_REQ(bio.get(), nullptr, nullptr, nullptr));
         QVERIFY(csr);
+        QCOMPARE(X509_REQ_get_signature_nid(csr.get()), signatureNid);
         QByteArray subject(i2d_X509_NAME(X509_REQ_get_subject_name(csr.get()), nullptr), '\0');
         auto* out = reinterpret_cast<unsigned char*>(subject.data());
         i2d_X509_NAME(X509_REQ_get_subject_name(csr.get()), &out);
@@ -292,6 +290,13 @@ private slots:
         const int kovData = X509_REQ_get_attr_by_OBJ(
             csr.get(), Owned<ASN1_OBJECT, ASN1_OBJECT_free>(OBJ_txt2obj("1.2.203.7064.1.1.12.20180406", 1)).get(), -1);
         QCOMPARE(kovData >= 0, testModule);
+        if (testModule) {
+            ASN1_TYPE* value = X509_ATTRIBUTE_get0_type(X509_REQ_get_attr(csr.get(), kovData), 0);
+            QByteArray der(i2d_ASN1_TYPE(value, nullptr), '\0');
+            auto* end = reinterpret_cast<unsigned char*>(der.data());
+            i2d_ASN1_TYPE(value, &end);
+            QCOMPARE(der.toHex(), "3003020101");
+        }
 
         // A certificate issued for the request is stored on the token and found there.
         QVERIFY(openssl({"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout",
@@ -349,11 +354,7 @@ private slots:
         const QStringList trace = TraceSwitch::trace();
         QCOMPARE(trace.count("Going to call C_OpenSession"), trace.count("Going to call C_CloseSession"));
         QCOMPARE(trace.count("C_Finalize returned 0 (CKR_OK)"), 1);
-        const QString log = TraceSwitch::text();
-        QVERIFY(log.contains("Looking for token with serial number " + frame.serialNumber
-                             + " and possibly label Alpha"));
-        QVERIFY(log.contains("Matching slot found"));
-        QVERIFY(!log.contains(userPin));
+        QVERIFY(!TraceSwitch::text().contains(userPin));
     }
 };
 

@@ -1,7 +1,7 @@
 #pragma once
 
-// Small helpers the PKCS#11 test programs share: loading a module, finding a token, writing the
-// test module's configuration and reading the host log.
+// Small helpers the PKCS#11 test programs share: loading a module, writing the test module's
+// configuration and reading the trace out of the host log.
 
 #include <QFile>
 #include <QLibrary>
@@ -11,7 +11,6 @@
 
 #include <p11-kit/pkcs11.h>
 
-#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -32,71 +31,6 @@ inline CK_FUNCTION_LIST_PTR loadFunctionList(const QString& path)
     if (!getFunctionList || getFunctionList(&functions) != CKR_OK)
         return nullptr;
     return functions;
-}
-
-inline QByteArray paddedText(const unsigned char* text, int size)
-{
-    return QByteArray(reinterpret_cast<const char*>(text), size);
-}
-
-// Slot of the token whose (blank-padded) label is the given text.
-inline bool findSlotByLabel(CK_FUNCTION_LIST_PTR functions, const QByteArray& label, CK_SLOT_ID* slot)
-{
-    CK_ULONG count = 0;
-    if (functions->C_GetSlotList(CK_TRUE, nullptr, &count) != CKR_OK)
-        return false;
-    QList<CK_SLOT_ID> slotIds(static_cast<int>(count));
-    if (functions->C_GetSlotList(CK_TRUE, slotIds.data(), &count) != CKR_OK)
-        return false;
-    for (CK_ULONG i = 0; i < count; ++i) {
-        CK_TOKEN_INFO info;
-        std::memset(&info, 0, sizeof(info));
-        if (functions->C_GetTokenInfo(slotIds[int(i)], &info) == CKR_OK
-            && paddedText(info.label, sizeof(info.label)).trimmed() == label) {
-            *slot = slotIds[int(i)];
-            return true;
-        }
-    }
-    return false;
-}
-
-// Generates an RSA key pair for signing in the session; the handles come back through the pointers.
-inline CK_RV generateRsaKeyPair(CK_FUNCTION_LIST_PTR functions, CK_SESSION_HANDLE session, CK_ULONG bits,
-                                CK_OBJECT_HANDLE* publicKey, CK_OBJECT_HANDLE* privateKey)
-{
-    CK_MECHANISM mechanism = {CKM_RSA_PKCS_KEY_PAIR_GEN, nullptr, 0};
-    CK_BBOOL yes = CK_TRUE;
-    CK_BYTE exponent[] = {0x01, 0x00, 0x01};
-    CK_ATTRIBUTE publicTemplate[] = {
-        {CKA_TOKEN, &yes, sizeof(yes)},
-        {CKA_VERIFY, &yes, sizeof(yes)},
-        {CKA_MODULUS_BITS, &bits, sizeof(bits)},
-        {CKA_PUBLIC_EXPONENT, exponent, sizeof(exponent)},
-    };
-    CK_ATTRIBUTE privateTemplate[] = {
-        {CKA_TOKEN, &yes, sizeof(yes)},
-        {CKA_PRIVATE, &yes, sizeof(yes)},
-        {CKA_SIGN, &yes, sizeof(yes)},
-    };
-    return functions->C_GenerateKeyPair(session, &mechanism, publicTemplate, 4, privateTemplate, 3, publicKey,
-                                        privateKey);
-}
-
-// One attribute's bytes with the two-call length protocol; empty on failure.
-inline QByteArray readAttribute(CK_FUNCTION_LIST_PTR functions, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
-                                CK_ATTRIBUTE_TYPE type, CK_RV* result = nullptr)
-{
-    CK_ATTRIBUTE attribute = {type, nullptr, 0};
-    CK_RV rv = functions->C_GetAttributeValue(session, object, &attribute, 1);
-    QByteArray value;
-    if (rv == CKR_OK) {
-        value.resize(static_cast<int>(attribute.ulValueLen));
-        attribute.pValue = value.data();
-        rv = functions->C_GetAttributeValue(session, object, &attribute, 1);
-    }
-    if (result)
-        *result = rv;
-    return rv == CKR_OK ? value : QByteArray();
 }
 
 // Writes the test module's key=value configuration file.

@@ -1,6 +1,5 @@
 #include "loghandler.h"
 #include "pkcs11logger.h"
-#include "pkcs11names.h"
 #include "pkcs11testhelpers.h"
 #include "softhsmtoken.h"
 
@@ -47,25 +46,19 @@ CK_FUNCTION_LIST stubList()
 
 QString pointer(const void* p) { return QString::asprintf("%p", p); }
 
-int countNamed(const char* (*name)(unsigned long), unsigned long from, unsigned long to)
+// Each expected message appears, in this order, with anything between.
+QString missingInOrder(const QStringList& messages, const QStringList& expected)
 {
-    int named = 0;
-    for (unsigned long value = from; value <= to; ++value)
-        named += qstrcmp(name(value), Pkcs11Names::unknownName) != 0;
-    return named;
-}
-
-int countDoubleNames(const char* (*name)(unsigned long), unsigned long to)
-{
-    int doubles = 0;
-    for (unsigned long value = 0; value <= to; ++value)
-        doubles += QByteArray(name(value)).contains(" or ");
-    return doubles;
+    int at = 0;
+    for (const QString& message : expected)
+        if ((at = messages.indexOf(message, at)) < 0)
+            return message;
+    return QString();
 }
 
 } // namespace
 
-// The PKCS#11 call trace: its name tables, its line layouts and its switch.
+// The PKCS#11 call trace: its switch, one dump of each line layout, and no PIN in it.
 class TestPkcs11Trace : public QObject
 {
     Q_OBJECT
@@ -91,39 +84,6 @@ private slots:
     }
 
     void cleanupTestCase() { LogHandler::shutdown(); }
-
-    void nameTablesHoldTheStandardEntriesAndFallBackToUnknown()
-    {
-        const unsigned long vendor = 0x80000000UL;
-        QCOMPARE(countNamed(Pkcs11Names::returnValueName, 0, 0x1000) + 1, 88);
-        QCOMPARE(countNamed(Pkcs11Names::mechanismName, 0, 0x5000) + 1, 248);
-        QCOMPARE(countNamed(Pkcs11Names::attributeTypeName, 0, 0x1000)
-                     + countNamed(Pkcs11Names::attributeTypeName, 0x40000000UL, 0x40001000UL) + 1,
-                 98);
-        QCOMPARE(countDoubleNames(Pkcs11Names::mechanismName, 0x5000), 9);
-        QCOMPARE(countDoubleNames(Pkcs11Names::attributeTypeName, 0x1000), 2);
-
-        QCOMPARE(Pkcs11Names::returnValueName(vendor), "CKR_VENDOR_DEFINED");
-        QCOMPARE(Pkcs11Names::returnValueName(vendor + 1), "Unknown");
-        QCOMPARE(Pkcs11Names::returnValueName(0x4), "Unknown");
-        QCOMPARE(Pkcs11Names::returnValueName(0x1B8), "Unknown"); // added after v2.30
-        QCOMPARE(Pkcs11Names::returnValueName(0x191), "CKR_CRYPTOKI_ALREADY_INITIALIZED");
-        QCOMPARE(Pkcs11Names::mechanismName(CKM_EC_KEY_PAIR_GEN), "CKM_ECDSA_KEY_PAIR_GEN or CKM_EC_KEY_PAIR_GEN");
-        QCOMPARE(Pkcs11Names::mechanismName(0x3A5), "CKM_PBE_SHA1_CAST5_CBC or CKM_PBE_SHA1_CAST128_CBC");
-        QCOMPARE(Pkcs11Names::mechanismName(CKM_SHA256), "CKM_SHA256");
-        QCOMPARE(Pkcs11Names::mechanismName(0x1087), "Unknown"); // AES-GCM came with v2.40
-        QCOMPARE(Pkcs11Names::mechanismName(vendor), "CKM_VENDOR_DEFINED");
-        QCOMPARE(Pkcs11Names::mechanismName(vendor + 0x1070), "Unknown");
-        QCOMPARE(Pkcs11Names::attributeTypeName(0x180), "CKA_EC_PARAMS or CKA_ECDSA_PARAMS");
-        QCOMPARE(Pkcs11Names::attributeTypeName(0x134), "CKA_SUBPRIME_BITS or CKA_SUB_PRIME_BITS");
-        QCOMPARE(Pkcs11Names::attributeTypeName(CKA_UNWRAP_TEMPLATE), "CKA_UNWRAP_TEMPLATE");
-        QCOMPARE(Pkcs11Names::attributeTypeName(0x211), "Unknown"); // without the array bit
-        QCOMPARE(Pkcs11Names::attributeTypeName(0x80001070UL), "Unknown");
-        QCOMPARE(Pkcs11Names::userTypeName(2), "CKU_CONTEXT_SPECIFIC");
-        QCOMPARE(Pkcs11Names::userTypeName(3), "Unknown");
-        QCOMPARE(Pkcs11Names::sessionStateName(4), "CKS_RW_SO_FUNCTIONS");
-        QCOMPARE(Pkcs11Names::sessionStateName(5), "Unknown");
-    }
 
     void forwardsSilentlyWhileTheLogFileIsAbsent()
     {
@@ -218,16 +178,13 @@ private slots:
         QCOMPARE(publicKey, 11UL);
 
         const QStringList messages = traceMessages(LogHandler::hostLogPath());
-        const QStringList expectedTail{
-            QStringLiteral("Output"),
-            QStringLiteral(" phPublicKey: ") + pointer(&publicKey), QStringLiteral(" *phPublicKey: 11"),
-            QStringLiteral(" phPrivateKey: ") + pointer(&privateKey), QStringLiteral(" *phPrivateKey: 12"),
-            QStringLiteral("C_GenerateKeyPair returned 0 (CKR_OK)")};
-        QCOMPARE(messages.mid(messages.size() - expectedTail.size()), expectedTail);
-        QVERIFY(messages.contains(QStringLiteral("  mechanism: 4160 (CKM_ECDSA_KEY_PAIR_GEN or CKM_EC_KEY_PAIR_GEN)")));
-        QVERIFY(messages.contains(QStringLiteral("  *pParameter: HEX(06082A8648CE3D030107)")));
-        QVERIFY(messages.contains(QStringLiteral("  ulParameterLen: 0xa")));
-        QVERIFY(messages.contains(QStringLiteral(" ulPublicKeyAttributeCount: 0")));
+        QCOMPARE(missingInOrder(messages, {QStringLiteral("  mechanism: 4160 (CKM_ECDSA_KEY_PAIR_GEN or CKM_EC_KEY_PAIR_GEN)"),
+                                           QStringLiteral("  *pParameter: HEX(06082A8648CE3D030107)"),
+                                           QStringLiteral("  ulParameterLen: 0xa"),
+                                           QStringLiteral(" ulPublicKeyAttributeCount: 0"), QStringLiteral("Output"),
+                                           QStringLiteral(" *phPublicKey: 11"), QStringLiteral(" *phPrivateKey: 12"),
+                                           QStringLiteral("C_GenerateKeyPair returned 0 (CKR_OK)")}),
+                 QString());
         QVERIFY(!messages.contains(QStringLiteral("  *** Begin attribute template ***")));
     }
 
@@ -254,8 +211,6 @@ private slots:
         QCOMPARE(logger.C_GetSlotList(CK_TRUE, slotIds.data(), &count), CKR_OK);
         const CK_SLOT_ID slot = static_cast<CK_SLOT_ID>(store.slotId(QStringLiteral("Trace Token")));
         QVERIFY(slotIds.contains(slot));
-        CK_SLOT_INFO slotInfo;
-        QCOMPARE(logger.C_GetSlotInfo(slot, &slotInfo), CKR_OK);
         CK_TOKEN_INFO tokenInfo;
         QCOMPARE(logger.C_GetTokenInfo(slot, &tokenInfo), CKR_OK);
         CK_SESSION_HANDLE session = 0;
@@ -264,16 +219,6 @@ private slots:
         QCOMPARE(logger.C_Login(session, CKU_USER, reinterpret_cast<CK_UTF8CHAR_PTR>(pinBytes.data()),
                                 static_cast<CK_ULONG>(pinBytes.size())),
                  CKR_OK);
-        CK_SESSION_INFO sessionInfo;
-        QCOMPARE(logger.C_GetSessionInfo(session, &sessionInfo), CKR_OK);
-        CK_OBJECT_CLASS certificateClass = CKO_CERTIFICATE;
-        CK_ATTRIBUTE search[] = {{CKA_CLASS, &certificateClass, sizeof(certificateClass)}};
-        QCOMPARE(logger.C_FindObjectsInit(session, search, 1), CKR_OK);
-        CK_OBJECT_HANDLE found[8];
-        CK_ULONG foundCount = 99;
-        QCOMPARE(logger.C_FindObjects(session, found, 8, &foundCount), CKR_OK);
-        QCOMPARE(foundCount, 0UL);
-        QCOMPARE(logger.C_FindObjectsFinal(session), CKR_OK);
         QCOMPARE(logger.C_Logout(session), CKR_OK);
         QCOMPARE(logger.C_CloseSession(session), CKR_OK);
         QCOMPARE(logger.C_Finalize(nullptr), CKR_OK);
@@ -285,8 +230,6 @@ private slots:
             QStringLiteral("C_Initialize returned 0 (CKR_OK)"),
             QStringLiteral(" pSlotList: (nil)"), QStringLiteral(" *pulCount: 0"),
             QStringLiteral(" pSlotList[0]: %1").arg(slotIds[0]),
-            QStringLiteral("  manufacturerID: ") + QStringLiteral("SoftHSM project").leftJustified(32),
-            QStringLiteral("   CKF_TOKEN_PRESENT: TRUE"),
             QStringLiteral("  label: ") + QStringLiteral("Trace Token").leftJustified(32),
             QStringLiteral("  serialNumber: ") + serial, QStringLiteral("   CKF_LOGIN_REQUIRED: TRUE"),
             QStringLiteral("   CKF_PROTECTED_AUTHENTICATION_PATH: FALSE"),
@@ -294,15 +237,8 @@ private slots:
             QStringLiteral("Going to call C_Login"), QStringLiteral(" userType: 1 (CKU_USER)"),
             QStringLiteral(" pPin: ") + pointer(pinBytes.constData()), QStringLiteral(" ulPinLen: 19"),
             QStringLiteral("C_Login returned 0 (CKR_OK)"),
-            QStringLiteral("  state: 3 (CKS_RW_USER_FUNCTIONS)"),
-            QStringLiteral("   Attribute: 0 (CKA_CLASS)"), QStringLiteral("   *pValue: HEX(0100000000000000)"),
-            QStringLiteral(" *pulObjectCount: 0"), QStringLiteral("C_FindObjectsFinal returned 0 (CKR_OK)"),
             QStringLiteral("C_Finalize returned 0 (CKR_OK)")};
-        int at = 0;
-        for (const QString& expected : expectedSubsequence) {
-            at = messages.indexOf(expected, at);
-            QVERIFY2(at >= 0, qPrintable(QStringLiteral("missing or out of order: ") + expected));
-        }
+        QCOMPARE(missingInOrder(messages, expectedSubsequence), QString());
 
         QFile log(LogHandler::hostLogPath());
         QVERIFY(log.open(QIODevice::ReadOnly));

@@ -9,6 +9,8 @@
 #include <QFile>
 #include <QRegularExpression>
 #include <QString>
+#include <QStringList>
+#include <QtGlobal>
 
 #include <functional>
 
@@ -57,3 +59,30 @@ inline QByteArray ulongBytes(CK_ULONG value)
 {
     return QByteArray(reinterpret_cast<const char*>(&value), sizeof(value));
 }
+
+// Collects the warnings logged while it lives, instead of printing them.
+class WarningLog
+{
+public:
+    WarningLog() : previous(qInstallMessageHandler(&WarningLog::handler)) { lines().clear(); }
+    ~WarningLog() { qInstallMessageHandler(previous); }
+    WarningLog(const WarningLog&) = delete;
+    WarningLog& operator=(const WarningLog&) = delete;
+
+    const QStringList& warnings() const { return lines(); }
+    bool contains(const QString& text) const { return lines().contains(text); }
+
+private:
+    static QStringList& lines()
+    {
+        static QStringList collected;
+        return collected;
+    }
+    static void handler(QtMsgType type, const QMessageLogContext&, const QString& message)
+    {
+        if (type == QtWarningMsg)
+            lines().append(message);
+    }
+
+    QtMessageHandler previous;
+};
