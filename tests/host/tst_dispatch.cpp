@@ -14,14 +14,6 @@ private:
     static QString error(const QJsonObject& answer) { return answer.value(QStringLiteral("error")).toString(); }
     static QJsonValue result(const QJsonObject& answer) { return answer.value(QStringLiteral("result")); }
 
-    static bool logContains(const HostProcess& host, const QString& text)
-    {
-        for (const QString& line : host.logLines())
-            if (line.contains(text))
-                return true;
-        return false;
-    }
-
     static void startWithInstance(HostProcess& host)
     {
         host.enableLog();
@@ -59,7 +51,7 @@ private slots:
         QVERIFY(host.waitForExit());
         QCOMPARE(host.exitCode(), 0);
         QVERIFY(host.pendingOutput().isEmpty());
-        QVERIFY2(logContains(host, QStringLiteral("Unable to initialize NativeMessagingAdapter: AppException: ") + reason),
+        QVERIFY2(host.logContains(QStringLiteral("Unable to initialize NativeMessagingAdapter: AppException: ") + reason),
                  qPrintable(host.logLines().join('\n')));
     }
 
@@ -159,8 +151,8 @@ private slots:
         QCOMPARE(answer.value(QStringLiteral("id")).toString(), QStringLiteral("bye"));
         QVERIFY(host.waitForExit());
         QCOMPARE(host.exitCode(), 0);
-        QVERIFY(logContains(host, QStringLiteral("Terminating...")));
-        QVERIFY(logContains(host, QStringLiteral("Application quits with exit code: 0")));
+        QVERIFY(host.logContains(QStringLiteral("Terminating...")));
+        QVERIFY(host.logContains(QStringLiteral("Application quits with exit code: 0")));
     }
 
     void disposeInstanceAnswersAndEndsTheHost()

@@ -18,14 +18,6 @@ private:
         return bytes;
     }
 
-    static bool logContains(const HostProcess& host, const QString& text)
-    {
-        for (const QString& line : host.logLines())
-            if (line.contains(text))
-                return true;
-        return false;
-    }
-
     static void startWithInstance(HostProcess& host)
     {
         host.enableLog();
@@ -57,7 +49,7 @@ private slots:
         QVERIFY(host.waitForExit());
         QCOMPARE(host.exitCode(), 0);
         QVERIFY(host.pendingOutput().isEmpty());
-        QVERIFY2(logContains(host, QStringLiteral("Exiting read thread because of exception: AppException: ") + reason),
+        QVERIFY2(host.logContains(QStringLiteral("Exiting read thread because of exception: AppException: ") + reason),
                  qPrintable(host.logLines().join('\n')));
     }
 
@@ -74,8 +66,8 @@ private slots:
         QCOMPARE(host.exitCode(), 0);
         QCOMPARE(host.readAnswer().value(QStringLiteral("method")).toString(), QString::fromLatin1(HostProcess::createInstance));
         QCOMPARE(host.readAnswer().value(QStringLiteral("result")).toString(), QStringLiteral("2.6.1 (qt)"));
-        QVERIFY(logContains(host, QStringLiteral("End of file reached")));
-        QVERIFY(logContains(host, QStringLiteral("Exiting write thread without an exception")));
+        QVERIFY(host.logContains(QStringLiteral("End of file reached")));
+        QVERIFY(host.logContains(QStringLiteral("Exiting write thread without an exception")));
     }
 
     void framesArrivingInPiecesAndLargeFramesAreReadWhole()
@@ -135,7 +127,7 @@ private slots:
                               {QStringLiteral("id"), QString(idForLimit + 1, QLatin1Char('a'))}});
         QVERIFY(host.waitForExit());
         QVERIFY(host.pendingOutput().isEmpty());
-        QVERIFY(logContains(host, QStringLiteral(
+        QVERIFY(host.logContains(QStringLiteral(
                                       "Exiting write thread because of exception: AppException: Outgoing JSON message size "
                                       "1048576 exceedes maximum allowed size 1048576")));
     }

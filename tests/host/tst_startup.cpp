@@ -12,15 +12,6 @@ class TestStartup : public QObject
 {
     Q_OBJECT
 
-private:
-    static bool logContains(const HostProcess& host, const QString& text)
-    {
-        for (const QString& line : host.logLines())
-            if (line.contains(text))
-                return true;
-        return false;
-    }
-
 private slots:
     void versionAndHelpArePrintedAndUnknownOptionsOnlyWarned()
     {
@@ -42,8 +33,8 @@ private slots:
         unknown.enableLog();
         QVERIFY(unknown.start({QStringLiteral("--bogus"), QStringLiteral("chrome-extension://abc/")}));
         QCOMPARE(unknown.call(QStringLiteral("CreateInstance")).value(QStringLiteral("error")), QJsonValue(QJsonValue::Null));
-        QVERIFY(logContains(unknown, QStringLiteral("CommandLineParser error: Unknown option 'bogus'.")));
-        QVERIFY(logContains(unknown, QStringLiteral("with arguments: ")));
+        QVERIFY(unknown.logContains(QStringLiteral("CommandLineParser error: Unknown option 'bogus'.")));
+        QVERIFY(unknown.logContains(QStringLiteral("with arguments: ")));
     }
 
     void missingDefaultCatalogueEndsWithExitCodeOne()
@@ -61,7 +52,7 @@ private slots:
         host.qprocess().start(copy, {});
         QVERIFY(host.qprocess().waitForFinished(10000));
         QCOMPARE(host.qprocess().exitCode(), 1);
-        QVERIFY(logContains(host, QStringLiteral("Unable to load translation file")));
+        QVERIFY(host.logContains(QStringLiteral("Unable to load translation file")));
     }
 
     void worksFromAnyWorkingDirectoryAndSaysSo()
@@ -72,14 +63,14 @@ private slots:
         host.qprocess().setWorkingDirectory(elsewhere.path());
         QVERIFY(host.start());
         QCOMPARE(host.call(QStringLiteral("CreateInstance")).value(QStringLiteral("error")), QJsonValue(QJsonValue::Null));
-        QVERIFY(logContains(host, QStringLiteral("Working directory was not set before the application has started")));
+        QVERIFY(host.logContains(QStringLiteral("Working directory was not set before the application has started")));
 
         HostProcess inPlace;
         inPlace.enableLog();
         inPlace.qprocess().setWorkingDirectory(QFileInfo(HostProcess::executable()).path());
         QVERIFY(inPlace.start());
         QCOMPARE(inPlace.call(QStringLiteral("CreateInstance")).value(QStringLiteral("error")), QJsonValue(QJsonValue::Null));
-        QVERIFY(!logContains(inPlace, QStringLiteral("Working directory was not set")));
+        QVERIFY(!inPlace.logContains(QStringLiteral("Working directory was not set")));
     }
 
     void logLinesHaveTheDocumentedShapeInUtc()

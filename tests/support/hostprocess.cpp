@@ -67,6 +67,14 @@ void HostProcess::setLauncher(const QString& program, const QStringList& argumen
     launcherArguments = arguments;
 }
 
+bool HostProcess::logContains(const QString& text) const
+{
+    for (const QString& line : logLines())
+        if (line.contains(text))
+            return true;
+    return false;
+}
+
 bool HostProcess::start(const QStringList& arguments)
 {
     process.setProcessEnvironment(env);

@@ -25,6 +25,7 @@ public:
     void enableLog();
     QString logPath() const;
     QStringList logLines() const;
+    bool logContains(const QString& text) const;
     QString home() const { return homeDir.path(); }
     QProcessEnvironment& environment() { return env; }
 
