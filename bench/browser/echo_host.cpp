@@ -4,35 +4,11 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include "../common/stdiofull.h"
+
 #include <cstdint>
 #include <unistd.h>
 #include <vector>
-
-static bool readAll(void* buffer, size_t size)
-{
-    auto* p = static_cast<char*>(buffer);
-    while (size > 0) {
-        const ssize_t n = read(0, p, size);
-        if (n <= 0)
-            return false;
-        p += n;
-        size -= size_t(n);
-    }
-    return true;
-}
-
-static bool writeAll(const void* buffer, size_t size)
-{
-    auto* p = static_cast<const char*>(buffer);
-    while (size > 0) {
-        const ssize_t n = write(1, p, size);
-        if (n <= 0)
-            return false;
-        p += n;
-        size -= size_t(n);
-    }
-    return true;
-}
 
 int main()
 {

@@ -1,35 +1,12 @@
 // The least a native-messaging host can do: read each frame whole with blocking reads and
 // answer it with a small framed JSON object. The baseline the host's figures are compared with.
+#include "../common/stdiofull.h"
+
 #include <cstdint>
 #include <cstdio>
 #include <string>
 #include <unistd.h>
 #include <vector>
-
-static bool readAll(void* buffer, size_t size)
-{
-    auto* p = static_cast<char*>(buffer);
-    while (size > 0) {
-        const ssize_t n = read(0, p, size);
-        if (n <= 0)
-            return false;
-        p += n;
-        size -= size_t(n);
-    }
-    return true;
-}
-
-static void writeAll(const void* buffer, size_t size)
-{
-    auto* p = static_cast<const char*>(buffer);
-    while (size > 0) {
-        const ssize_t n = write(1, p, size);
-        if (n <= 0)
-            return;
-        p += n;
-        size -= size_t(n);
-    }
-}
 
 int main()
 {
