@@ -9,6 +9,7 @@
 #include <QTextStream>
 #include <QThread>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <ctime>
@@ -130,4 +131,28 @@ void LogHandler::messageHandler(QtMsgType type, const QMessageLogContext& contex
     }
     if (type == QtFatalMsg)
         std::abort();
+}
+
+QString LogHandler::escaped(const QString& text)
+{
+    auto isControl = [](QChar c) { return c.unicode() < 0x20 || (c.unicode() >= 0x7F && c.unicode() < 0xA0)
+                                          || c.unicode() == 0x2028 || c.unicode() == 0x2029; };
+    if (std::none_of(text.cbegin(), text.cend(), isControl))
+        return text;
+    QString result;
+    result.reserve(text.size() + 16);
+    for (const QChar c : text) {
+        if (!isControl(c)) {
+            result.append(c);
+            continue;
+        }
+        switch (c.unicode()) {
+        case '\n': result.append(QLatin1String("\\n")); break;
+        case '\r': result.append(QLatin1String("\\r")); break;
+        case '\t': result.append(QLatin1String("\\t")); break;
+        default:
+            result.append(QStringLiteral("\\u%1").arg(c.unicode(), 4, 16, QLatin1Char('0')));
+        }
+    }
+    return result;
 }

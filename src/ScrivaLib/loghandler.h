@@ -30,5 +30,9 @@ public:
     // Makes the next hostLogExistsNow() look again, e.g. right after the log file was created.
     static void refreshHostLogCheck();
 
+    // Text that comes from outside (a page, a request, a module) as one log line: control
+    // characters are written as escapes (a newline as \n), so nobody can add lines to the log.
+    static QString escaped(const QString& text);
+
     static constexpr const char* hostLogFileName = "ScrivaPkcs11Log.txt";
 };
