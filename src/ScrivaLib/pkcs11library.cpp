@@ -1,47 +1,16 @@
 #include "pkcs11library.h"
 
+#include "pinprompt.h"
 #include "pkcs11logger.h"
 #include "pkcs11sessionguard.h"
 #include "terminatingflag.h"
-#include "ui/pinformlauncher.h"
 
-#include <QApplication>
 #include <QDebug>
 #include <QLibrary>
-#include <QMessageBox>
-#include <QThread>
 
 #include <vector>
 
 namespace {
-
-// A PIN held by this layer; its characters are overwritten when it goes out of scope.
-struct SecretPin
-{
-    QString text;
-    ~SecretPin() { text.fill(QChar(0)); }
-};
-
-// The PIN as the bytes the token receives; overwritten before the buffer is released.
-struct PinBytes
-{
-    explicit PinBytes(const QString& pin) : bytes(pin.toUtf8()) {}
-    ~PinBytes() { bytes.fill(0); }
-    QByteArray bytes;
-};
-
-// A launcher lives on the GUI thread; one answered there may still be finishing its slot, so a
-// worker leaves the deletion to the GUI thread.
-struct LauncherDeleter
-{
-    void operator()(PinFormLauncher* launcher) const
-    {
-        if (launcher->thread() == QThread::currentThread())
-            delete launcher;
-        else
-            launcher->deleteLater();
-    }
-};
 
 std::vector<CK_ATTRIBUTE> contiguous(const QList<CK_ATTRIBUTE>& attributes)
 {
@@ -82,8 +51,7 @@ Pkcs11Library::~Pkcs11Library()
     if (initialized)
         functions->C_Finalize(nullptr);
     qInfo().noquote() << QStringLiteral("Unloading PKCS#11 library ") + path;
-    for (QString& pin : contextPinCache)
-        pin.fill(QChar(0));
+    contextPinCache.clear();
     unload();
 }
 
@@ -145,9 +113,12 @@ QString Pkcs11Library::fillIn(const QString& text, const QStringList& values, bo
 }
 
 // The wrappers of a single module call log no entry line of their own: the call trace records
-// them, and with the log off each line would still cost a look at the switch.
+// them, and with the log off each line would still cost a look at the switch. The calls that do
+// work on the token are not made once the operation has been abandoned; closing and finalising
+// still are.
 QList<unsigned long> Pkcs11Library::getSlots(CK_BBOOL tokenPresent)
 {
+    throwIfTerminating();
     CK_ULONG count = 0;
     PKCS11_CHECK("C_GetSlotList", functions->C_GetSlotList(tokenPresent, nullptr, &count));
     std::vector<CK_SLOT_ID> slotIds(count);
@@ -174,6 +145,7 @@ Pkcs11TokenInfo Pkcs11Library::getTokenInfo(CK_SLOT_ID slotId)
 
 CK_SESSION_HANDLE Pkcs11Library::openReadOnlySession(CK_SLOT_ID slotId)
 {
+    throwIfTerminating();
     CK_SESSION_HANDLE session = 0;
     PKCS11_CHECK("C_OpenSession", functions->C_OpenSession(slotId, CKF_SERIAL_SESSION, nullptr, nullptr, &session));
     return session;
@@ -181,6 +153,7 @@ CK_SESSION_HANDLE Pkcs11Library::openReadOnlySession(CK_SLOT_ID slotId)
 
 CK_SESSION_HANDLE Pkcs11Library::openReadWriteSession(CK_SLOT_ID slotId)
 {
+    throwIfTerminating();
     CK_SESSION_HANDLE session = 0;
     PKCS11_CHECK("C_OpenSession",
                  functions->C_OpenSession(slotId, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session));
@@ -199,9 +172,9 @@ bool Pkcs11Library::isUserLoggedIn(CK_SESSION_HANDLE session)
     return info.state == CKS_RO_USER_FUNCTIONS || info.state == CKS_RW_USER_FUNCTIONS;
 }
 
-void Pkcs11Library::throwIfTerminating()
+void Pkcs11Library::throwIfTerminating() const
 {
-    if (TerminatingFlag::isSet())
+    if (TerminatingFlag::isSet() || (prompt && prompt->isClosed()))
         throw APP_EXCEPTION(QStringLiteral("Scriva is terminating"));
 }
 
@@ -210,50 +183,37 @@ void Pkcs11Library::throwPinBlocked(const QString& pinName)
     throw APP_EXCEPTION(fillIn(tr("PinBlocked"), {pinName}, false));
 }
 
-QString Pkcs11Library::requestPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo,
-                                  const QString& pinName, bool contextForm)
+SecretPin Pkcs11Library::requestPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo,
+                                    const QString& pinName, bool contextForm)
 {
-    std::unique_ptr<PinFormLauncher, LauncherDeleter> launcher(
-        new PinFormLauncher(slotInfo, tokenInfo, pinName, rememberContextPin));
-    // The launcher emits from the asking thread; the host hears it through this object.
-    connect(launcher.get(), &PinFormLauncher::launchPinFormSignal, this, &Pkcs11Library::pinRequestedSignal,
-            Qt::DirectConnection);
-    connect(launcher.get(), &PinFormLauncher::launchContextPinFormSignal, this, &Pkcs11Library::pinRequestedSignal,
-            Qt::DirectConnection);
+    if (!prompt) {
+        qWarning().noquote() << QStringLiteral("No user interface to ask for a PIN");
+        return SecretPin();
+    }
+    // The host raises its window for the form.
+    emit pinRequestedSignal();
     if (!contextForm)
-        return launcher->requestPin();
-    const QString pin = launcher->requestContextPin();
-    rememberContextPin = launcher->savePin();
-    return pin;
+        return prompt->requestPin(slotInfo, tokenInfo, pinName);
+    return prompt->requestContextPin(slotInfo, tokenInfo, pinName, &rememberContextPin);
 }
 
-CK_RV Pkcs11Library::callLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType, const QString* pin)
+CK_RV Pkcs11Library::callLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType, const SecretPin* pin)
 {
     if (!pin)
         return functions->C_Login(session, userType, nullptr, 0);
-    PinBytes bytes(*pin);
-    return functions->C_Login(session, userType, reinterpret_cast<CK_UTF8CHAR_PTR>(bytes.bytes.data()),
-                              static_cast<CK_ULONG>(bytes.bytes.size()));
+    // The module only reads the PIN; the pointer type of the standard is not const.
+    return functions->C_Login(session, userType, const_cast<CK_UTF8CHAR_PTR>(pin->utf8()),
+                              static_cast<CK_ULONG>(pin->size()));
 }
 
 void Pkcs11Library::showPinIncorrect(const QString& pinName)
 {
-    const QString title = tr("AppName");
     const QString text = fillIn(tr("PinIncorrect"), {pinName}, false);
-    auto* application = qobject_cast<QApplication*>(QCoreApplication::instance());
-    if (!application) {
+    if (!prompt) {
         qWarning().noquote() << QStringLiteral("No user interface to report an incorrect PIN");
         return;
     }
-    auto show = [title, text] {
-        QMessageBox box(QMessageBox::Warning, title, text, QMessageBox::Ok, QApplication::activeWindow());
-        box.exec();
-    };
-    // Widgets exist only on the GUI thread; a worker waits there until the user has read it.
-    if (QThread::currentThread() == application->thread())
-        show();
-    else
-        QMetaObject::invokeMethod(application, show, Qt::BlockingQueuedConnection);
+    prompt->showPinIncorrect(tr("AppName"), text);
 }
 
 void Pkcs11Library::login(CK_SESSION_HANDLE session, const Pkcs11SlotInfo& slotInfo,
@@ -269,14 +229,14 @@ void Pkcs11Library::login(CK_SESSION_HANDLE session, const Pkcs11SlotInfo& slotI
             // The token's own reader or pad collects the PIN.
             rv = callLogin(session, CKU_USER, nullptr);
         } else {
-            SecretPin pin{requestPin(slotInfo, tokenInfo, pin1Name, false)};
+            const SecretPin pin = requestPin(slotInfo, tokenInfo, pin1Name, false);
             throwIfTerminating();
-            if (pin.text.isEmpty()) {
+            if (pin.isEmpty()) {
                 if (cancelIsError)
                     throw OPERATION_CANCELED();
                 return;
             }
-            rv = callLogin(session, CKU_USER, &pin.text);
+            rv = callLogin(session, CKU_USER, &pin);
         }
 
         switch (rv) {
@@ -301,27 +261,21 @@ void Pkcs11Library::login(CK_SESSION_HANDLE session, const Pkcs11SlotInfo& slotI
     }
 }
 
-QString Pkcs11Library::cachedContextPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo)
+const SecretPin& Pkcs11Library::cachedContextPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo,
+                                                  SecretPin& unsaved)
 {
-    const auto cached = contextPinCache.constFind(slotInfo.getSlotId());
-    if (cached != contextPinCache.constEnd())
-        return *cached;
-    SecretPin pin{requestPin(slotInfo, tokenInfo, pin2Name, true)};
+    const auto cached = contextPinCache.find(slotInfo.getSlotId());
+    if (cached != contextPinCache.end())
+        return cached->second;
+    SecretPin pin = requestPin(slotInfo, tokenInfo, pin2Name, true);
     throwIfTerminating();
-    if (pin.text.isEmpty())
+    if (pin.isEmpty())
         throw OPERATION_CANCELED();
-    if (rememberContextPin)
-        contextPinCache.insert(slotInfo.getSlotId(), pin.text);
-    return pin.text;
-}
-
-void Pkcs11Library::forgetContextPin(CK_SLOT_ID slotId)
-{
-    auto cached = contextPinCache.find(slotId);
-    if (cached == contextPinCache.end())
-        return;
-    cached->fill(QChar(0));
-    contextPinCache.erase(cached);
+    if (!rememberContextPin) {
+        unsaved = std::move(pin);
+        return unsaved;
+    }
+    return contextPinCache.insert_or_assign(slotInfo.getSlotId(), std::move(pin)).first->second;
 }
 
 void Pkcs11Library::contextLogin(CK_SESSION_HANDLE session, const Pkcs11SlotInfo& slotInfo,
@@ -330,20 +284,20 @@ void Pkcs11Library::contextLogin(CK_SESSION_HANDLE session, const Pkcs11SlotInfo
     qDebug().noquote() << Q_FUNC_INFO;
     throwIfTerminating();
     for (;;) {
-        SecretPin pin;
-        bool padCollectsPin = false;
+        SecretPin asked;
+        const SecretPin* pin = &asked;
         if (signatureType == SignatureTypeCachedContextPin) {
-            pin.text = cachedContextPin(slotInfo, tokenInfo);
+            pin = &cachedContextPin(slotInfo, tokenInfo, asked);
         } else if (tokenInfo.hasProtectedAuthPath()) {
-            padCollectsPin = true;
+            pin = nullptr;
         } else {
-            pin.text = requestPin(slotInfo, tokenInfo, pin2Name, false);
+            asked = requestPin(slotInfo, tokenInfo, pin2Name, false);
             throwIfTerminating();
-            if (pin.text.isEmpty())
+            if (asked.isEmpty())
                 throw OPERATION_CANCELED();
         }
 
-        const CK_RV rv = callLogin(session, CKU_CONTEXT_SPECIFIC, padCollectsPin ? nullptr : &pin.text);
+        const CK_RV rv = callLogin(session, CKU_CONTEXT_SPECIFIC, pin);
         switch (rv) {
         case CKR_OK:
         case CKR_USER_ALREADY_LOGGED_IN:
@@ -352,7 +306,8 @@ void Pkcs11Library::contextLogin(CK_SESSION_HANDLE session, const Pkcs11SlotInfo
             throw OPERATION_CANCELED();
         case CKR_PIN_INCORRECT:
         case CKR_PIN_LEN_RANGE:
-            forgetContextPin(slotInfo.getSlotId());
+            // The cached PIN dies here, overwritten.
+            contextPinCache.erase(slotInfo.getSlotId());
             showPinIncorrect(pin2Name);
             throwIfTerminating();
             break;
@@ -411,6 +366,7 @@ bool Pkcs11Library::getCkaAlwaysAuthenticateValue(CK_SESSION_HANDLE session, CK_
 
 QByteArray Pkcs11Library::computeHash(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, const QByteArray& data)
 {
+    throwIfTerminating();
     qDebug().noquote() << Q_FUNC_INFO;
     PKCS11_CHECK("C_DigestInit", functions->C_DigestInit(session, mechanism));
     QByteArray input = data;
@@ -429,6 +385,7 @@ QByteArray Pkcs11Library::signHash(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE k
                                    const QByteArray& data, bool alwaysAuthenticate, const Pkcs11SlotInfo& slotInfo,
                                    const Pkcs11TokenInfo& tokenInfo)
 {
+    throwIfTerminating();
     qDebug().noquote() << Q_FUNC_INFO;
     CK_RV rv = functions->C_SignInit(session, mechanism, key);
     if (rv == CKR_FUNCTION_CANCELED)
@@ -472,6 +429,7 @@ void Pkcs11Library::generateKeyPair(CK_SESSION_HANDLE session, CK_MECHANISM_PTR 
                                     const QList<CK_ATTRIBUTE>& privateTemplate, CK_OBJECT_HANDLE_PTR publicKey,
                                     CK_OBJECT_HANDLE_PTR privateKey)
 {
+    throwIfTerminating();
     qDebug().noquote() << Q_FUNC_INFO;
     std::vector<CK_ATTRIBUTE> publicAttributes = contiguous(publicTemplate);
     std::vector<CK_ATTRIBUTE> privateAttributes = contiguous(privateTemplate);
@@ -483,6 +441,7 @@ void Pkcs11Library::generateKeyPair(CK_SESSION_HANDLE session, CK_MECHANISM_PTR 
 void Pkcs11Library::createObject(CK_SESSION_HANDLE session, const QList<CK_ATTRIBUTE>& attributes,
                                  CK_OBJECT_HANDLE_PTR object)
 {
+    throwIfTerminating();
     qDebug().noquote() << Q_FUNC_INFO;
     std::vector<CK_ATTRIBUTE> objectTemplate = contiguous(attributes);
     PKCS11_CHECK("C_CreateObject", functions->C_CreateObject(session, objectTemplate.data(),
@@ -492,6 +451,7 @@ void Pkcs11Library::createObject(CK_SESSION_HANDLE session, const QList<CK_ATTRI
 QList<unsigned long> Pkcs11Library::findObjects(CK_SESSION_HANDLE session, CK_ATTRIBUTE_PTR searchTemplate,
                                                 CK_ULONG count)
 {
+    throwIfTerminating();
     qDebug().noquote() << Q_FUNC_INFO;
     PKCS11_CHECK("C_FindObjectsInit", functions->C_FindObjectsInit(session, searchTemplate, count));
     constexpr CK_ULONG batchSize = 8;

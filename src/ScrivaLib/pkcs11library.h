@@ -3,25 +3,29 @@
 #include "pkcs11exception.h"
 #include "pkcs11slotinfo.h"
 #include "pkcs11tokeninfo.h"
+#include "secretpin.h"
 
 #include <QByteArray>
 #include <QList>
-#include <QMap>
 #include <QObject>
 #include <QString>
 #include <QStringList>
 
 #include <p11-kit/pkcs11.h>
 
+#include <map>
 #include <memory>
 
+class PinPrompt;
 class QLibrary;
 class Pkcs11Logger;
 
 // One loaded and initialised PKCS#11 module for the duration of one operation. Every call goes
 // through the traced function list; every failing call becomes a Pkcs11Exception naming the
-// function. The object also runs the user's login dialogue: PIN form, wrong-PIN retries,
-// protected authentication path and context-specific login.
+// function. The object also runs the user's login dialogue: PIN requests, wrong-PIN retries,
+// protected authentication path and context-specific login. It reaches the user only through
+// its PinPrompt, and stops at its next token or PIN step once that prompt has been closed or the
+// host is terminating.
 class Pkcs11Library : public QObject
 {
     Q_OBJECT
@@ -40,6 +44,9 @@ public:
     Pkcs11Library& operator=(const Pkcs11Library&) = delete;
 
     const QString& getPath() const { return path; }
+    // Where PINs are asked for and wrong ones reported; without one every PIN request counts as
+    // cancelled. Not owned: it outlives the operation.
+    void setPinPrompt(PinPrompt* pinPrompt) { prompt = pinPrompt; }
 
     QList<unsigned long> getSlots(CK_BBOOL tokenPresent);
     Pkcs11SlotInfo getSlotInfo(CK_SLOT_ID slotId);
@@ -89,18 +96,19 @@ signals:
 private:
     void load();
     void unload();
-    // Asks the user through a fresh launcher on the GUI thread; empty when cancelled.
-    QString requestPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo, const QString& pinName,
-                       bool contextForm);
+    // Asks the user through the prompt; empty when cancelled.
+    SecretPin requestPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo, const QString& pinName,
+                         bool contextForm);
     // The context PIN of signature type 1: cached per slot when the user asked to save it.
-    QString cachedContextPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo);
-    CK_RV callLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType, const QString* pin);
-    void forgetContextPin(CK_SLOT_ID slotId);
+    const SecretPin& cachedContextPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo,
+                                      SecretPin& unsaved);
+    CK_RV callLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType, const SecretPin* pin);
     void showPinIncorrect(const QString& pinName);
     // Two-call length protocol of C_GetAttributeValue for one attribute.
     QByteArray readAttribute(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ULONG type,
                              bool queryUnavailable);
-    static void throwIfTerminating();
+    // The host is quitting or the operation has been abandoned: no further token or PIN step.
+    void throwIfTerminating() const;
     [[noreturn]] static void throwPinBlocked(const QString& pinName);
 
     QString path;
@@ -111,6 +119,7 @@ private:
     QString vendorExtensions;
     std::unique_ptr<QLibrary> library;
     std::unique_ptr<Pkcs11Logger> functions;
-    QMap<CK_SLOT_ID, QString> contextPinCache;
+    std::map<CK_SLOT_ID, SecretPin> contextPinCache;
+    PinPrompt* prompt = nullptr;
     bool initialized = false;
 };

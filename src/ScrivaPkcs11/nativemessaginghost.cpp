@@ -2,11 +2,15 @@
 
 #include "Protocol1/nativemessaging1.h"
 #include "appexception.h"
+#include "pkcs11/scrivapkcs11.h"
 #include "readthread.h"
+#include "terminatingflag.h"
+#include "ui/pinformlauncher.h"
 #include "writethread.h"
 
 #include <QDeadlineTimer>
 #include <QRegularExpression>
+#include <QThreadPool>
 
 NativeMessagingHost::NativeMessagingHost(int& argc, char** argv)
     : QApplication(argc, argv), translator(new QTranslator)
@@ -17,6 +21,13 @@ NativeMessagingHost::NativeMessagingHost(int& argc, char** argv)
 NativeMessagingHost::~NativeMessagingHost()
 {
     qInfo().noquote() << "Destroying NativeMessagingHost";
+    // The application object outlives every worker. A worker still in a module call finishes it
+    // and stops at its next step; from here on nothing it does reaches the user interface, and
+    // what it left for this thread to delete is deleted.
+    abandonOperations();
+    QThreadPool::globalInstance()->waitForDone();
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+
     qInfo().noquote() << "Requesting the interruption of the threads";
     if (readThread)
         readThread->requestInterruption();
@@ -40,6 +51,23 @@ NativeMessagingHost::~NativeMessagingHost()
     if (readThread && !readThread->isRunning())
         delete readThread;
     delete translator;
+}
+
+bool NativeMessagingHost::event(QEvent* event)
+{
+    if (event->type() == QEvent::Quit)
+        abandonOperations();
+    return QApplication::event(event);
+}
+
+void NativeMessagingHost::abandonOperations()
+{
+    TerminatingFlag::set();
+    if (auto* protocol = qobject_cast<NativeMessaging1*>(nativeMessagingAdapter); protocol && protocol->instance())
+        protocol->instance()->abandonOperation();
+    // Also the worker of an instance that was replaced and is still finishing.
+    if (auto* launcher = findChild<PinFormLauncher*>(QString(), Qt::FindDirectChildrenOnly))
+        launcher->closeDialogs();
 }
 
 bool NativeMessagingHost::initDefaultLanguage()

@@ -29,7 +29,14 @@ public:
 public slots:
     void processMessage(QJsonObject obj);
 
+protected:
+    bool event(QEvent* event) override;
+
 private:
+    // Every way out (Terminate, the browser closing the pipe, a broken frame) comes here when the
+    // application starts to quit: the running operation is abandoned and its dialogs close.
+    void abandonOperations();
+
     NativeMessagingAdapter* nativeMessagingAdapter = nullptr;
     ReadThread* readThread = nullptr;
     WriteThread* writeThread = nullptr;

@@ -1,75 +1,106 @@
 #pragma once
 
-// What the engine's test programs share: a user who answers PIN forms and message boxes, engine
+// What the engine's test programs share: a user who answers PIN requests and wrong-PIN messages, engine
 // calls run on a worker thread as the host runs them, the trace switch, and the test module.
 
 #include "../pkcs11/pkcs11testhelpers.h"
 #include "loghandler.h"
 #include "pkcs11exception.h"
+#include "pinprompt.h"
 #include "softhsmtoken.h"
-#include "ui/pinform.h"
 
-#include <QApplication>
-#include <QCheckBox>
 #include <QDir>
 #include <QFutureWatcher>
-#include <QLineEdit>
-#include <QMessageBox>
-#include <QPushButton>
+#include <QMutex>
 #include <QSignalSpy>
 #include <QTest>
-#include <QTimer>
 #include <QtConcurrent>
 
 #include <functional>
 
 namespace EngineTest {
 
-// A user in front of the screen. Each step answers the next PIN form ("pin:<PIN>", with ":save"
-// to tick the save box, or "cancel") or message box ("ok"); the answers come from a timer that
-// fires inside the modal loops. `shown` notes "form", "context form" (with the save box),
-// "box: <title>: <text>", and "unexpected ..." for whatever the script did not foresee.
-class ScriptedUser : public QObject
+// A user in front of the screen, as the engine sees one: through its PIN prompt. Each step answers
+// the next PIN request ("pin:<PIN>", with ":save" to tick the save box, or "cancel") or wrong-PIN
+// message ("ok"). `shown` notes "form", "context form" (with the save box), "box: <title>:
+// <text>", and "unexpected ..." for whatever the script did not foresee (a form is then cancelled).
+// The user of the moment is the last one made; the engine is given `prompt()`, which asks them.
+class ScriptedUser : public PinPrompt
 {
 public:
-    explicit ScriptedUser(QStringList steps) : steps(std::move(steps))
+    explicit ScriptedUser(QStringList steps) : steps(std::move(steps)) { current() = this; }
+    ~ScriptedUser() override { current() = nullptr; }
+
+    static PinPrompt* prompt()
     {
-        connect(&timer, &QTimer::timeout, this, &ScriptedUser::poll);
-        timer.start(20);
+        static Forwarder forwarder;
+        return &forwarder;
     }
+
+    SecretPin requestPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo&, const QString&) override
+    {
+        return answer(false, nullptr);
+    }
+    SecretPin requestContextPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo&, const QString&, bool* save) override
+    {
+        return answer(true, save);
+    }
+    void showPinIncorrect(const QString& title, const QString& text) override
+    {
+        QMutexLocker locker(&mutex);
+        const bool expected = !steps.isEmpty() && steps.first() == QLatin1String("ok");
+        if (expected)
+            steps.removeFirst();
+        shown.append(QLatin1String(expected ? "box: " : "unexpected box: ") + title + ": " + text);
+    }
+    void closeDialogs() override {}
+    bool isClosed() const override { return false; }
 
     QStringList shown;
 
 private:
-    void poll()
+    // Hands every request to the user of the moment; without one a form counts as cancelled.
+    struct Forwarder : PinPrompt
     {
-        if (PinForm* form = PinForm::openForm(); form && form->isVisible()) {
-            auto* save = form->findChild<QCheckBox*>(QStringLiteral("chbSavePIN"));
-            const bool expected = !steps.isEmpty() && steps.first() != QLatin1String("ok");
-            const QStringList step = (expected ? steps.takeFirst() : QStringLiteral("cancel")).split(QLatin1Char(':'));
-            shown.append(QLatin1String(expected ? "" : "unexpected ") + (save->isHidden() ? "form" : "context form"));
-            if (step.first() == QLatin1String("pin")) {
-                QTest::keyClicks(form->findChild<QLineEdit*>(QStringLiteral("lePin")), step.value(1));
-                save->setChecked(step.value(2) == QLatin1String("save"));
-            }
-            const QString button = step.first() == QLatin1String("pin") ? "btnOk" : "btnCancel";
-            QTest::mouseClick(form->findChild<QPushButton*>(button), Qt::LeftButton);
+        SecretPin requestPin(const Pkcs11SlotInfo& s, const Pkcs11TokenInfo& t, const QString& n) override
+        {
+            return current() ? current()->requestPin(s, t, n) : SecretPin();
         }
-        for (QWidget* widget : QApplication::topLevelWidgets()) {
-            auto* box = qobject_cast<QMessageBox*>(widget);
-            if (!box || !box->isVisible())
-                continue;
-            const bool expected = !steps.isEmpty() && steps.first() == QLatin1String("ok");
-            if (expected)
-                steps.removeFirst();
-            shown.append(QLatin1String(expected ? "box: " : "unexpected box: ") + box->windowTitle() + ": "
-                         + box->text());
-            QTest::mouseClick(box->button(QMessageBox::Ok), Qt::LeftButton);
+        SecretPin requestContextPin(const Pkcs11SlotInfo& s, const Pkcs11TokenInfo& t, const QString& n,
+                                    bool* save) override
+        {
+            return current() ? current()->requestContextPin(s, t, n, save) : SecretPin();
         }
+        void showPinIncorrect(const QString& title, const QString& text) override
+        {
+            if (current())
+                current()->showPinIncorrect(title, text);
+        }
+        void closeDialogs() override {}
+        bool isClosed() const override { return false; }
+    };
+
+    static ScriptedUser*& current()
+    {
+        static ScriptedUser* user = nullptr;
+        return user;
+    }
+
+    SecretPin answer(bool context, bool* save)
+    {
+        QMutexLocker locker(&mutex);
+        const bool expected = !steps.isEmpty() && steps.first() != QLatin1String("ok");
+        const QStringList step = (expected ? steps.takeFirst() : QStringLiteral("cancel")).split(QLatin1Char(':'));
+        shown.append(QLatin1String(expected ? "" : "unexpected ") + (context ? "context form" : "form"));
+        if (step.first() != QLatin1String("pin"))
+            return SecretPin();
+        if (save)
+            *save = step.value(2) == QLatin1String("save");
+        return SecretPin::fromText(step.value(1));
     }
 
     QStringList steps;
-    QTimer timer;
+    QMutex mutex;
 };
 
 // What an engine call on a worker thread ended with: the exception's message (empty on success),
@@ -81,8 +112,7 @@ struct Outcome
     QString document;
 };
 
-// Runs the call on a pool thread, as the host's instance does, while this GUI thread serves the
-// PIN forms and message boxes it asks for.
+// Runs the call on a pool thread, as the host's instance does.
 inline Outcome runOnWorker(std::function<QString()> call)
 {
     QFutureWatcher<Outcome> watcher;

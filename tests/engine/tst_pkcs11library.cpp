@@ -38,6 +38,7 @@ class TestPkcs11Library : public QObject
         library.reset();
         library = std::make_unique<Pkcs11Library>(SoftHsmToken::testModulePath(), type, false, "User PIN",
                                                   "Signature PIN", vendorExtensions);
+        library->setPinPrompt(ScriptedUser::prompt());
         const CK_SLOT_ID slot = CK_SLOT_ID(store->slotId("Engine Token"));
         slotInfo = library->getSlotInfo(slot);
         tokenInfo = library->getTokenInfo(slot);

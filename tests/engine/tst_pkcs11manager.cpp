@@ -108,6 +108,7 @@ class TestPkcs11Manager : public QObject
 private slots:
     void initTestCase()
     {
+        manager.setPinPrompt(ScriptedUser::prompt());
         Q_INIT_RESOURCE(scriva);
         QVERIFY(prepareModules(work));
         traceSwitch.install();

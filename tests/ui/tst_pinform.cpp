@@ -3,6 +3,7 @@
 #include "ui/pinformlauncher.h"
 #include "ui/titlebar.h"
 
+#include <QApplication>
 #include <QCheckBox>
 #include <QFuture>
 #include <QLabel>
@@ -35,8 +36,10 @@ Pkcs11TokenInfo tokenInfo()
     return Pkcs11TokenInfo(3, info);
 }
 
-// Answers the form that is open now, as a user would: type, then press a button.
-void answerForm(const QString& pin, const char* button, std::optional<bool> save = std::nullopt)
+// Answers the form that is open now, as a user would: type, then press a button. `field` receives
+// a string that shares the field's buffer, so the caller can see what was left in it.
+void answerForm(const QString& pin, const char* button, std::optional<bool> save = std::nullopt,
+                QString* fieldText = nullptr)
 {
     PinForm* form = PinForm::openForm();
     QVERIFY(form);
@@ -44,6 +47,8 @@ void answerForm(const QString& pin, const char* button, std::optional<bool> save
     auto* field = form->findChild<QLineEdit*>(QStringLiteral("lePin"));
     QCOMPARE(field->echoMode(), QLineEdit::Password);
     QTest::keyClicks(field, pin);
+    if (fieldText)
+        *fieldText = field->text();
     if (save)
         form->findChild<QCheckBox*>(QStringLiteral("chbSavePIN"))->setChecked(*save);
     QTest::mouseClick(form->findChild<QPushButton*>(button), Qt::LeftButton);
@@ -64,6 +69,11 @@ void answerWhenOpen(QObject* context, std::function<void(PinForm*)> answer)
     timer->start(20);
 }
 
+QString text(const SecretPin& pin)
+{
+    return QString::fromUtf8(reinterpret_cast<const char*>(pin.utf8()), qsizetype(pin.size()));
+}
+
 } // namespace
 
 // The PIN form and its launcher: the real dialog, typed into, from the GUI thread and from a worker.
@@ -75,7 +85,7 @@ private slots:
     void requestOnTheGuiThreadShowsTheFormDirectly()
     {
         MainWindowPkcs11 window;
-        PinFormLauncher launcher(slotInfo(), tokenInfo(), QStringLiteral("user PIN"));
+        PinFormLauncher launcher;
         QSignalSpy launched(&launcher, &PinFormLauncher::launchPinFormSignal);
         QTimer::singleShot(0, this, [&] {
             PinForm* form = PinForm::openForm();
@@ -86,12 +96,12 @@ private slots:
             QVERIFY(form->findChild<QCheckBox*>(QStringLiteral("chbSavePIN"))->isHidden());
             answerForm(QStringLiteral("1234"), "btnOk");
         });
-        QCOMPARE(launcher.requestPin(), QStringLiteral("1234"));
+        QCOMPARE(text(launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN"))), QStringLiteral("1234"));
         QCOMPARE(launched.count(), 0);
         QVERIFY(!PinForm::openForm());
     }
 
-    void workerWaitsForTheAnswer_data()
+    void workerWaitsForTheAnswerAndTheFieldIsOverwritten_data()
     {
         QTest::addColumn<QString>("typed");
         QTest::addColumn<QByteArray>("button");
@@ -101,50 +111,56 @@ private slots:
         QTest::newRow("ok with nothing typed") << "" << QByteArray("btnOk") << "";
     }
 
-    void workerWaitsForTheAnswer()
+    void workerWaitsForTheAnswerAndTheFieldIsOverwritten()
     {
         QFETCH(QString, typed);
         QFETCH(QByteArray, button);
         QFETCH(QString, expected);
-        PinFormLauncher launcher(slotInfo(), tokenInfo(), QStringLiteral("user PIN"));
+        PinFormLauncher launcher;
         QFuture<QString> pin;
         bool finishedEarly = true;
+        QString field;
         answerWhenOpen(this, [&](PinForm*) {
             finishedEarly = pin.isFinished();
-            answerForm(typed, button.constData());
+            answerForm(typed, button.constData(), std::nullopt, &field);
         });
-        pin = QtConcurrent::run([&] { return launcher.requestPin(); });
+        pin = QtConcurrent::run([&] { return text(launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("PIN"))); });
         QTRY_VERIFY(pin.isFinished());
         QVERIFY(!finishedEarly);
         QCOMPARE(pin.result(), expected);
+        // The typed characters were overwritten in the field's own buffer, not in a copy.
+        QCOMPARE(field, QString(typed.size(), QChar(0)));
     }
 
     void contextFormCarriesTheSaveBoxBothWays()
     {
-        PinFormLauncher launcher(slotInfo(), tokenInfo(), QStringLiteral("signature PIN"), true);
+        PinFormLauncher launcher;
         bool shownChecked = false;
         answerWhenOpen(this, [&](PinForm* form) {
             auto* save = form->findChild<QCheckBox*>(QStringLiteral("chbSavePIN"));
             shownChecked = !save->isHidden() && save->isChecked();
             answerForm(QStringLiteral("9999"), "btnOk", false);
         });
-        QFuture<QString> pin = QtConcurrent::run([&] { return launcher.requestContextPin(); });
+        bool savePin = true;
+        QFuture<QString> pin = QtConcurrent::run([&] {
+            return text(launcher.requestContextPin(slotInfo(), tokenInfo(), QStringLiteral("signature PIN"), &savePin));
+        });
         QTRY_VERIFY(pin.isFinished());
         QVERIFY(shownChecked);
         QCOMPARE(pin.result(), QStringLiteral("9999"));
-        QVERIFY(!launcher.savePin());
+        QVERIFY(!savePin);
     }
 
     void secondRequestWhileAFormIsOpenFailsInItsWorker()
     {
-        PinFormLauncher first(slotInfo(), tokenInfo(), QStringLiteral("user PIN"));
-        PinFormLauncher second(slotInfo(), tokenInfo(), QStringLiteral("user PIN"));
+        PinFormLauncher first;
+        PinFormLauncher second;
         QFuture<QString> secondPin;
         QString secondError;
         answerWhenOpen(this, [&](PinForm* form) {
             secondPin = QtConcurrent::run([&] {
                 try {
-                    second.requestPin();
+                    second.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN"));
                 } catch (const AppException& e) {
                     return e.getMessage();
                 }
@@ -156,10 +172,53 @@ private slots:
             // The title bar's close button cancels the open form.
             emit form->findChild<TitleBar*>()->closeBtnClicked();
         });
-        QFuture<QString> firstPin = QtConcurrent::run([&] { return first.requestPin(); });
+        QFuture<QString> firstPin =
+            QtConcurrent::run([&] { return text(first.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN"))); });
         QTRY_VERIFY(firstPin.isFinished());
         QCOMPARE(secondError, QStringLiteral("PinForm is already opened!"));
         QCOMPARE(firstPin.result(), QString());
+    }
+
+    // Closing releases a worker waiting for the form or for the wrong-PIN message at once, shows
+    // nothing more until the launcher is opened again for the next operation.
+    void closingReleasesTheWaitingWorker_data()
+    {
+        QTest::addColumn<bool>("message");
+        QTest::newRow("PIN form") << false;
+        QTest::newRow("wrong-PIN message") << true;
+    }
+
+    void closingReleasesTheWaitingWorker()
+    {
+        QFETCH(bool, message);
+        PinFormLauncher launcher;
+        QFuture<QString> asked = QtConcurrent::run([&] {
+            if (message) {
+                launcher.showPinIncorrect(QStringLiteral("AppName"), QStringLiteral("Wrong PIN"));
+                return QStringLiteral("acknowledged");
+            }
+            return text(launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN")));
+        });
+        // Closed from inside the dialog's own modal loop, as a Terminate arriving then would.
+        QTimer closer;
+        connect(&closer, &QTimer::timeout, this, [&] {
+            QWidget* open = QApplication::activeModalWidget();
+            if (open && open->isVisible())
+                launcher.closeDialogs();
+        });
+        closer.start(20);
+        QTRY_VERIFY(asked.isFinished());
+        closer.stop();
+        QCOMPARE(asked.result(), QString(message ? "acknowledged" : ""));
+        QTRY_VERIFY(!PinForm::openForm() && !QApplication::activeModalWidget());
+
+        QVERIFY(launcher.isClosed());
+        QVERIFY(launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN")).isEmpty());
+        QVERIFY(!PinForm::openForm());
+        launcher.reopen();
+        QVERIFY(!launcher.isClosed());
+        answerWhenOpen(this, [](PinForm*) { answerForm(QStringLiteral("4321"), "btnOk"); });
+        QCOMPARE(text(launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN"))), QStringLiteral("4321"));
     }
 };
 

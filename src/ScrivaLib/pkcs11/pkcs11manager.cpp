@@ -83,6 +83,7 @@ std::unique_ptr<Pkcs11Library> Pkcs11Manager::openLibrary(const QString& library
     auto library = std::make_unique<Pkcs11Library>(libraryPath, Pkcs11Library::SignatureTypeDefault, false,
                                                    libraryData.getPin1Name(), libraryData.getPin2Name(),
                                                    libraryData.getVendorExtensions());
+    library->setPinPrompt(prompt);
     // Emitted on the worker; whoever listens to the manager decides how it crosses threads.
     connect(library.get(), &Pkcs11Library::pinRequestedSignal, this, &Pkcs11Manager::pinRequestedSignal,
             Qt::DirectConnection);

@@ -17,6 +17,7 @@
 #include <memory>
 
 class Pkcs11Library;
+class PinPrompt;
 
 // Runs the four token operations against one PKCS#11 module on the caller's (worker) thread and
 // writes their answer documents. Each operation loads the module for its own duration only; every
@@ -29,6 +30,9 @@ class Pkcs11Manager : public QObject
 
 public:
     explicit Pkcs11Manager(QObject* parent = nullptr);
+
+    // Where the modules this manager loads ask for PINs; not owned.
+    void setPinPrompt(PinPrompt* pinPrompt) { prompt = pinPrompt; }
 
     // The first location whose file exists and whose architecture suits this process, or an
     // empty string.
@@ -70,4 +74,6 @@ private:
     static void loginAsRequested(Pkcs11Library* library, CK_SESSION_HANDLE session,
                                  const Pkcs11ResponseWriter::Slot& slot, bool showPinForm);
     static QString toPem(const QByteArray& der, const char* type);
+
+    PinPrompt* prompt = nullptr;
 };

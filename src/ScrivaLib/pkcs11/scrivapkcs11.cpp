@@ -8,13 +8,11 @@
 #include "pkcs11/XmlParser/scrivapkcs11inputxmlparser.h"
 #include "pkcs11/pkcs11manager.h"
 #include "pkcs11/ui/mainwindowpkcs11.h"
+#include "loghandler.h"
 #include "terminatingflag.h"
-#include "ui/pinform.h"
-#include "x509certificate2ultra.h"
+#include "ui/pinformlauncher.h"
 
-#include <QApplication>
 #include <QCoreApplication>
-#include <QMessageBox>
 #include <QDir>
 #include <QFileInfo>
 #include <QJsonDocument>
@@ -25,9 +23,13 @@
 #include <QUuid>
 #include <QtConcurrent>
 
+#include <atomic>
 #include <type_traits>
 
 namespace {
+
+// Set while a token worker runs, cleared by the worker itself before it reports its result.
+std::atomic<bool> tokenWorkerRunning{false};
 
 QString differentValueMessage(const QString& key, const QString& newValue, const QString& previousValue)
 {
@@ -45,11 +47,10 @@ ScrivaPkcs11::ScrivaPkcs11(QObject* parent) : QObject(parent), mainWindow(new Ma
 
 ScrivaPkcs11::~ScrivaPkcs11()
 {
-    // A running worker keeps what it needs and its result is dropped. A PIN form it is waiting
-    // for is cancelled; the window goes once any dialog running on it has returned.
-    releaseWaitingWorker();
+    // A running worker keeps what it needs and its result is dropped; its dialogs close now. The
+    // window goes once any dialog running on it has returned.
     mainWindow->disconnect(this);
-    mainWindow->fileDialog()->reject();
+    abandonOperation();
     mainWindow->hide();
     mainWindow->deleteLater();
     if (languageTranslator)
@@ -124,6 +125,11 @@ ScrivaPkcs11::Result runOnManager(Pkcs11Manager& manager, const QString& path, S
 
 } // namespace
 
+bool ScrivaPkcs11::isWorkerRunning()
+{
+    return tokenWorkerRunning.load();
+}
+
 template<typename T>
 void ScrivaPkcs11::startOperation(AsyncOperation operation, const QString& args)
 {
@@ -131,27 +137,67 @@ void ScrivaPkcs11::startOperation(AsyncOperation operation, const QString& args)
         QMutexLocker locker(&mutex);
         if (terminating)
             throw APP_EXCEPTION(QStringLiteral("The ScrivaPkcs11 is terminating!"));
-        if (currentOperation != AsyncOperation::None)
+        if (currentOperation != AsyncOperation::None || isWorkerRunning())
             throw APP_EXCEPTION(QStringLiteral("Another asynchronous method is already running"));
-    }
-    // Nothing of a request reaches the token before its signature, signer and nonce are checked.
-    X509Certificate2Ultra signer;
-    const std::shared_ptr<ScrivaPkcs11OperationData<T>> record(ScrivaPkcs11InputXmlParser<T>::parse(args, &signer));
-    processNonce(record->getNonce());
-
-    const QString libraryPath = Pkcs11Manager::findUsablePkcs11Library(*record->getLibraryData());
-    const bool allowManualSelection = record->getLibraryData()->getAllowManualSelection();
-    if (libraryPath.isEmpty() && !allowManualSelection)
-        throw APP_EXCEPTION(QStringLiteral("NoUsablePkcs11LibraryFound"));
-
-    {
-        QMutexLocker locker(&mutex);
         currentOperation = operation;
     }
-    pendingJob = [record](Pkcs11Manager& manager, const QString& path) { return runOnManager(manager, path, record.get()); };
-    mainWindow->updateWindowTitle(signer);
-    showWindow(ScrivaPkcs11InputXmlParser<T>::operationElementName() + QStringLiteral("Description"));
+    // Checking the signature, the signer and the document takes time in proportion to the
+    // request, so it runs off the GUI thread: the host keeps answering, and hears Terminate and
+    // the end of its input, meanwhile. Nothing of the request reaches the token before the
+    // check, the nonce included, has passed.
+    checking = new QFutureWatcher<CheckedRequest>(this);
+    connect(checking, &QFutureWatcher<CheckedRequest>::finished, this, &ScrivaPkcs11::onRequestChecked);
+    checking->setFuture(QtConcurrent::run([args] { return checkRequest<T>(args); }));
+}
 
+template<typename T>
+ScrivaPkcs11::CheckedRequest ScrivaPkcs11::checkRequest(const QString& args)
+{
+    CheckedRequest checked;
+    try {
+        const std::shared_ptr<ScrivaPkcs11OperationData<T>> record(
+            ScrivaPkcs11InputXmlParser<T>::parse(args, &checked.signer));
+        checked.nonce = record->getNonce();
+        checked.libraryData = std::shared_ptr<Pkcs11LibraryData>(record, record->getLibraryData());
+        checked.descriptionKey = ScrivaPkcs11InputXmlParser<T>::operationElementName() + QStringLiteral("Description");
+        checked.job = [record](Pkcs11Manager& manager, const QString& path) {
+            return runOnManager(manager, path, record.get());
+        };
+    } catch (const AppException& e) {
+        checked.failure = e;
+    }
+    return checked;
+}
+
+void ScrivaPkcs11::onRequestChecked()
+{
+    CheckedRequest checked = checking->result();
+    checking->deleteLater();
+    checking = nullptr;
+    if (isTerminating()) {
+        returnAsyncMethodResult(Result());
+        return;
+    }
+    try {
+        if (checked.failure)
+            throw *checked.failure;
+        continueOperation(checked);
+    } catch (const AppException& e) {
+        qWarning().noquote() << "Operation request refused: " + e.toString(true);
+        returnAsyncMethodResult(Result(e.getMessage(), QString()));
+    }
+}
+
+void ScrivaPkcs11::continueOperation(CheckedRequest& checked)
+{
+    processNonce(checked.nonce);
+    const QString libraryPath = Pkcs11Manager::findUsablePkcs11Library(*checked.libraryData);
+    if (libraryPath.isEmpty() && !checked.libraryData->getAllowManualSelection())
+        throw APP_EXCEPTION(QStringLiteral("NoUsablePkcs11LibraryFound"));
+
+    pendingJob = std::move(checked.job);
+    mainWindow->updateWindowTitle(checked.signer);
+    showWindow(checked.descriptionKey);
     if (libraryPath.isEmpty())
         mainWindow->showFileDialog(); // continues in onUserDefinedPathReceived or onUserRejectedDialog
     else
@@ -160,15 +206,15 @@ void ScrivaPkcs11::startOperation(AsyncOperation operation, const QString& args)
 
 void ScrivaPkcs11::onUserDefinedPathReceived(QString path)
 {
-    if (runningOperation() == AsyncOperation::None || !pendingJob)
+    if (runningOperation() == AsyncOperation::None || !pendingJob || isTerminating())
         return;
-    qInfo().noquote() << "PKCS#11 library chosen by the user:" << path;
+    qInfo().noquote() << "PKCS#11 library chosen by the user:" << LogHandler::escaped(path);
     launchAsyncOperation(path);
 }
 
 void ScrivaPkcs11::onUserRejectedDialog()
 {
-    if (runningOperation() == AsyncOperation::None || watcher)
+    if (runningOperation() == AsyncOperation::None || watcher || checking)
         return;
     returnAsyncMethodResult(Result(QStringLiteral("UserRejectedFileDialog"), QString()));
 }
@@ -178,20 +224,29 @@ void ScrivaPkcs11::launchAsyncOperation(const QString& libraryPath)
     if (runningOperation() == AsyncOperation::None || !pendingJob)
         throw APP_EXCEPTION(QStringLiteral("Current async operation is not defined"));
 
-    // Reaches this instance on the GUI thread, and only while it exists.
-    std::shared_ptr<QObject> relay(new QObject, [](QObject* object) { object->deleteLater(); });
-    QPointer<ScrivaPkcs11> self(this);
+    // The application's launcher outlives the worker; this instance raises its window when a
+    // PIN form opens, for as long as the instance exists.
+    PinFormLauncher* launcher = PinFormLauncher::forApplication();
+    launcher->reopen();
+    prompt = launcher;
+    connect(launcher, &PinFormLauncher::launchPinFormSignal, this, &ScrivaPkcs11::onPinDialogShown,
+            Qt::UniqueConnection);
+    connect(launcher, &PinFormLauncher::launchContextPinFormSignal, this, &ScrivaPkcs11::onPinDialogShown,
+            Qt::UniqueConnection);
+
     const Job job = std::move(pendingJob);
     pendingJob = nullptr;
-
+    tokenWorkerRunning.store(true);
     watcher = new QFutureWatcher<Result>(this);
     connect(watcher, &QFutureWatcher<Result>::resultReadyAt, this, &ScrivaPkcs11::onPkcs11ManagerResultReceived);
-    watcher->setFuture(QtConcurrent::run([job, libraryPath, relay, self]() -> Result {
+    watcher->setFuture(QtConcurrent::run([job, libraryPath, launcher]() -> Result {
+        // The process may start its next operation once this one has let go of the module.
+        struct Finished
+        {
+            ~Finished() { tokenWorkerRunning.store(false); }
+        } finished;
         Pkcs11Manager manager;
-        QObject::connect(&manager, &Pkcs11Manager::pinRequestedSignal, relay.get(), [self] {
-            if (self)
-                self->onPinDialogShown();
-        });
+        manager.setPinPrompt(launcher);
         try {
             return job(manager, libraryPath);
         } catch (const AppException& e) {
@@ -223,6 +278,7 @@ void ScrivaPkcs11::returnAsyncMethodResult(const Result& result)
         stopping = terminating;
     }
     pendingJob = nullptr;
+    prompt = nullptr;
     if (stopping) {
         qInfo().noquote() << "Application is terminating - the response will not be sent";
         qInfo().noquote() << "Application is ready to terminate";
@@ -281,15 +337,6 @@ void ScrivaPkcs11::onMinimalOpenWindowTimeReached()
     windowShown.invalidate();
 }
 
-void ScrivaPkcs11::releaseWaitingWorker()
-{
-    // The worker may wait for the PIN form or for the user to acknowledge a wrong PIN.
-    if (PinForm* form = PinForm::openForm())
-        form->reject();
-    if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget()))
-        box->done(QMessageBox::Ok);
-}
-
 void ScrivaPkcs11::onPinDialogShown()
 {
     if (mainWindow->isVisible()) {
@@ -311,7 +358,7 @@ void ScrivaPkcs11::setProperty(QString& properties)
         throw APP_EXCEPTION(QStringLiteral("Unable to parse properties as JSON structure"));
     if (!document.isObject())
         throw APP_EXCEPTION(QStringLiteral("Unable to convert properties to JSON object"));
-    qInfo().noquote() << "Properties to be set:" << properties;
+    qInfo().noquote() << "Properties to be set:" << LogHandler::escaped(properties);
     const QJsonObject object = document.object();
 
     // Every value is checked before any is applied, so a refused request changes nothing.
@@ -371,7 +418,7 @@ void ScrivaPkcs11::setProperty(QString& properties)
         minimalDisplayTime = newDisplayTime;
     if (newCertificate) {
         signingCertificate = newCertificate;
-        qInfo().noquote() << "Response signing certificate:" << signingCertificate->toString();
+        qInfo().noquote() << "Response signing certificate:" << LogHandler::escaped(signingCertificate->toString());
     }
 }
 
@@ -416,15 +463,27 @@ void ScrivaPkcs11::beginTermination()
         terminating = true;
         ready = currentOperation == AsyncOperation::None;
     }
+    // The process is about to end either way.
+    TerminatingFlag::set();
     if (!ready) {
         qInfo().noquote() << "Application is not ready to terminate yet. Waiting for async operation to finish";
-        // A worker waiting for the user is released: it sees the flag and ends without the token.
-        TerminatingFlag::set();
-        releaseWaitingWorker();
-        if (!watcher)
-            mainWindow->fileDialog()->reject();
+        abandonOperation();
         return;
     }
     qInfo().noquote() << "Application is ready to terminate";
     emit readyToTerminate();
+}
+
+void ScrivaPkcs11::abandonOperation()
+{
+    {
+        QMutexLocker locker(&mutex);
+        terminating = true;
+    }
+    // A worker waiting for the user is released: it sees the closed prompt and ends without
+    // the token. A module file still to be chosen is not.
+    if (prompt)
+        prompt->closeDialogs();
+    if (!watcher && !checking)
+        mainWindow->fileDialog()->reject();
 }

@@ -38,11 +38,17 @@ PinForm::PinForm(QWidget* parent, const Pkcs11SlotInfo& slotInfo, const Pkcs11To
     ui->frame->setStyleSheet(QStringLiteral("#frame { border: 1px solid black; }"));
     ui->chbSavePIN->setVisible(showSavePin);
     setInfo(slotInfo, tokenInfo, text);
+    // The field starts with room for any PIN, so typing never moves the characters to a new
+    // buffer and leaves the old one behind; the one buffer is overwritten when the form ends.
+    QString room;
+    room.reserve(maxPinLength);
+    ui->lePin->setMaxLength(maxPinLength);
+    ui->lePin->setText(room);
 }
 
 PinForm::~PinForm()
 {
-    wipePin();
+    wipeField();
     delete ui;
 }
 
@@ -71,7 +77,8 @@ void PinForm::setInfo(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tok
 void PinForm::on_btnOk_clicked()
 {
     qInfo().noquote() << "Button ok clicked";
-    pin = ui->lePin->text();
+    pin = SecretPin::fromText(ui->lePin->text());
+    wipeField();
 }
 
 void PinForm::on_btnCancel_clicked()
@@ -108,19 +115,16 @@ void PinForm::changeEvent(QEvent* event)
     QDialog::changeEvent(event);
 }
 
-void PinForm::wipePin()
+void PinForm::wipeField()
 {
-    // The PIN must not linger in memory we own once it has been handed over.
-    pin.fill(QChar(0));
-    pin.clear();
-    if (ui) {
-        ui->lePin->setText(QString(ui->lePin->text().size(), QChar(0)));
-        ui->lePin->clear();
-    }
+    // Overwrites the field's own buffer through a string that shares it, then empties the field.
+    QString text = ui->lePin->text();
+    SecretPin::wipe(text);
+    ui->lePin->clear();
 }
 
-QString PinForm::run(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo, const QString& text,
-                     bool* savePin)
+SecretPin PinForm::run(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo, const QString& text,
+                       bool* savePin)
 {
     if (currentForm.load())
         throw APP_EXCEPTION(QStringLiteral("PinForm is already opened!"));
@@ -132,16 +136,17 @@ QString PinForm::run(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& toke
     currentForm.store(nullptr);
     if (savePin)
         *savePin = form.ui->chbSavePIN->isChecked();
-    QString result = form.pin;
-    return result;
+    // Cancelled, closed or refused: whatever was typed is overwritten before the form goes.
+    form.wipeField();
+    return std::move(form.pin);
 }
 
-QString PinForm::needPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo, const QString& text)
+SecretPin PinForm::needPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo, const QString& text)
 {
     return run(slotInfo, tokenInfo, text, nullptr);
 }
 
-QString PinForm::needContextPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo,
+SecretPin PinForm::needContextPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo,
                                 const QString& text, bool* savePin)
 {
     return run(slotInfo, tokenInfo, text, savePin);

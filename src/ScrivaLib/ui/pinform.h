@@ -2,6 +2,7 @@
 
 #include "pkcs11slotinfo.h"
 #include "pkcs11tokeninfo.h"
+#include "secretpin.h"
 
 #include <QDialog>
 #include <QString>
@@ -21,8 +22,8 @@ public:
     ~PinForm() override;
 
     // Show the form modally on the GUI thread; an empty result means the user cancelled.
-    static QString needPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo, const QString& text);
-    static QString needContextPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo,
+    static SecretPin needPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo, const QString& text);
+    static SecretPin needContextPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo,
                                   const QString& text, bool* savePin);
     // The form that is open now, or null.
     static PinForm* openForm();
@@ -42,11 +43,13 @@ protected:
     void changeEvent(QEvent* event) override;
 
 private:
-    static QString run(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo, const QString& text,
+    static SecretPin run(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo, const QString& text,
                        bool* savePin);
-    void wipePin();
+    void wipeField();
+
+    static constexpr int maxPinLength = 256;
 
     Ui::PinForm* ui;
-    QString pin;
+    SecretPin pin;
     QString informationText;
 };

@@ -2,80 +2,183 @@
 
 #include "ui/pinform.h"
 
-#include <QCoreApplication>
+#include <QApplication>
+#include <QMessageBox>
+#include <QMutexLocker>
 #include <QThread>
 
-PinFormLauncher::PinFormLauncher(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo,
-                                 const QString& text, bool savePin)
-    : slotInfo(slotInfo), tokenInfo(tokenInfo), text(text), saveFlag(savePin)
+PinFormLauncher* PinFormLauncher::forApplication()
 {
-    moveToThread(QCoreApplication::instance()->thread());
+    QCoreApplication* application = QCoreApplication::instance();
+    auto* launcher = application->findChild<PinFormLauncher*>(QString(), Qt::FindDirectChildrenOnly);
+    return launcher ? launcher : new PinFormLauncher(application);
+}
+
+PinFormLauncher::PinFormLauncher(QObject* parent) : QObject(parent)
+{
     connect(this, &PinFormLauncher::launchPinFormSignal, this, &PinFormLauncher::launchPinForm, Qt::QueuedConnection);
     connect(this, &PinFormLauncher::launchContextPinFormSignal, this, &PinFormLauncher::launchContextPinForm,
             Qt::QueuedConnection);
+    connect(this, &PinFormLauncher::launchPinIncorrectSignal, this, &PinFormLauncher::launchPinIncorrect,
+            Qt::QueuedConnection);
 }
 
-PinFormLauncher::~PinFormLauncher()
+PinFormLauncher::~PinFormLauncher() = default;
+
+SecretPin PinFormLauncher::requestPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo,
+                                      const QString& pinName)
 {
-    result.fill(QChar(0));
+    return ask(Request{Kind::Pin, slotInfo, tokenInfo, pinName, QString(), false}, nullptr);
 }
 
-QString PinFormLauncher::requestPin()
+SecretPin PinFormLauncher::requestContextPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo,
+                                             const QString& pinName, bool* savePin)
 {
-    return request(false);
+    return ask(Request{Kind::ContextPin, slotInfo, tokenInfo, pinName, QString(), savePin && *savePin}, savePin);
 }
 
-QString PinFormLauncher::requestContextPin()
+void PinFormLauncher::showPinIncorrect(const QString& title, const QString& text)
 {
-    return request(true);
+    ask(Request{Kind::PinIncorrect, Pkcs11SlotInfo(), Pkcs11TokenInfo(), text, title, false}, nullptr);
 }
 
-QString PinFormLauncher::request(bool context)
+SecretPin PinFormLauncher::ask(Request request, bool* savePin)
 {
-    // On the GUI thread itself the form runs directly: waiting here would block its event loop.
-    if (QThread::currentThread() == QCoreApplication::instance()->thread())
-        return context ? PinForm::needContextPin(slotInfo, tokenInfo, text, &saveFlag)
-                       : PinForm::needPin(slotInfo, tokenInfo, text);
+    // On the GUI thread itself the dialog runs directly: waiting here would block its event loop.
+    if (QThread::currentThread() == thread()) {
+        if (isClosed())
+            return SecretPin();
+        return show(request, savePin, &openBox);
+    }
 
-    if (context)
+    const Kind kind = request.kind;
+    QMutexLocker locker(&mutex);
+    if (closed)
+        return SecretPin();
+    pending = std::move(request);
+    ++serial;
+    done = false;
+    failure.reset();
+    locker.unlock();
+    if (kind == Kind::Pin)
+        emit launchPinFormSignal();
+    else if (kind == Kind::ContextPin)
         emit launchContextPinFormSignal();
     else
-        emit launchPinFormSignal();
+        emit launchPinIncorrectSignal();
 
-    QMutexLocker locker(&mutex);
-    while (!done)
+    locker.relock();
+    while (!done && !closed)
         answered.wait(&mutex);
+    if (!done) {
+        // Closed before the user answered: the request is withdrawn, nothing is shown for it.
+        pending.reset();
+        return SecretPin();
+    }
     if (failure)
         throw *failure;
-    return result;
+    if (savePin)
+        *savePin = savePinResult;
+    return std::move(result);
+}
+
+SecretPin PinFormLauncher::show(const Request& request, bool* savePin, QPointer<QMessageBox>* openBox)
+{
+    switch (request.kind) {
+    case Kind::Pin:
+        return PinForm::needPin(request.slotInfo, request.tokenInfo, request.text);
+    case Kind::ContextPin:
+        return PinForm::needContextPin(request.slotInfo, request.tokenInfo, request.text, savePin);
+    case Kind::PinIncorrect: {
+        QMessageBox box(QMessageBox::Warning, request.title, request.text, QMessageBox::Ok,
+                        QApplication::activeWindow());
+        *openBox = &box;
+        box.exec();
+        return SecretPin();
+    }
+    }
+    return SecretPin();
 }
 
 void PinFormLauncher::launchPinForm()
 {
-    answer(false);
+    serve(Kind::Pin);
 }
 
 void PinFormLauncher::launchContextPinForm()
 {
-    answer(true);
+    serve(Kind::ContextPin);
 }
 
-void PinFormLauncher::answer(bool context)
+void PinFormLauncher::launchPinIncorrect()
 {
-    QString pin;
+    serve(Kind::PinIncorrect);
+}
+
+void PinFormLauncher::serve(Kind kind)
+{
+    std::optional<Request> request;
+    quint64 served = 0;
+    {
+        QMutexLocker locker(&mutex);
+        // Withdrawn, answered already, or closed: nothing to show.
+        if (closed || !pending || pending->kind != kind)
+            return;
+        request.swap(pending);
+        served = serial;
+    }
+    SecretPin pin;
+    bool save = request->savePin;
     std::optional<AppException> error;
-    bool save = saveFlag;
     try {
-        pin = context ? PinForm::needContextPin(slotInfo, tokenInfo, text, &save)
-                      : PinForm::needPin(slotInfo, tokenInfo, text);
+        pin = show(*request, &save, &openBox);
     } catch (const AppException& e) {
         // Handed to the waiting worker instead of leaving it waiting for ever.
         error = e;
     }
     QMutexLocker locker(&mutex);
-    result = pin;
-    saveFlag = save;
+    if (served != serial || closed)
+        return;
+    result = std::move(pin);
+    savePinResult = save;
     failure = error;
     done = true;
     answered.wakeAll();
+}
+
+void PinFormLauncher::closeDialogs()
+{
+    {
+        QMutexLocker locker(&mutex);
+        closed = true;
+        pending.reset();
+        answered.wakeAll();
+    }
+    // The widgets are closed on the GUI thread; their modal loops return and nothing is kept.
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            if (PinForm* form = PinForm::openForm())
+                form->reject();
+            if (openBox)
+                openBox->done(QMessageBox::Ok);
+        },
+        QThread::currentThread() == thread() ? Qt::DirectConnection : Qt::QueuedConnection);
+}
+
+bool PinFormLauncher::isClosed() const
+{
+    QMutexLocker locker(&mutex);
+    return closed;
+}
+
+void PinFormLauncher::reopen()
+{
+    QMutexLocker locker(&mutex);
+    closed = false;
+    done = false;
+    ++serial;
+    pending.reset();
+    failure.reset();
+    result = SecretPin();
 }
