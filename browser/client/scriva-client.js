@@ -30,6 +30,7 @@ const explanations = {
   NativeHostDisconnected: "The ScrivaPkcs11 program ended before it answered.",
   Timeout: "No answer came in time.",
   InvalidRequest: "The request is malformed.",
+  RequestTooLarge: "The request is larger than the 16 MiB the extension passes on.",
 };
 
 export class ScrivaError extends Error {

@@ -1,9 +1,14 @@
-// Keeps one connection to the ScrivaPkcs11 program and relays the pages' requests to it.
+// Relays each page's requests to a ScrivaPkcs11 program of its own.
+//
+// Every page (the document of a tab, with its origin) that connects gets its own native port, so
+// its own program and instance: one page cannot retire another's nonce, set its properties or end
+// its program. When the page goes away (tab closed, navigated, reloaded) its port to the program is
+// closed; the program reads the end of its input and quits.
 //
 // The program runs one operation at a time and answers a token operation under the id of the
-// latest request it received, so requests are sent one after the other: the next one leaves only
-// when the previous one has been answered. Every request travels under an id of our own, mapped
-// back to the page's id in the answer, so pages cannot see or collide with each other's ids.
+// latest request it received, so a page's requests are sent one after the other: the next one
+// leaves only when the previous one has been answered. Every request travels under an id of our
+// own, mapped back to the page's id in the answer.
 "use strict";
 
 if (typeof importScripts === "function")
@@ -14,14 +19,13 @@ const hostName = "com.corvant.scriva.pkcs11";
 const createInstance = /^ScrivaPkcs11\.[^.]+\.[^.]+\.[^.]+\.\w+\.QES\.CreateInstance$/;
 const endsHost = /\.QES\.(Terminate|DisposeInstance)$/;
 
-const pages = new Set();
-const queue = []; // { page, pageId, message }
-let inFlight = null; // the queue entry the program is working on, with its hostId
-let host = null; // { port, hasInstance, heard }
 let lastId = 0;
 
-function reply(entry, answer) {
-  if (!entry.page)
+// One per connected page: { page, open, queue: [{ pageId, message, hostId }], inFlight, host },
+// host being { port, hasInstance, heard } while the page has a program.
+
+function reply(session, entry, answer) {
+  if (!session.open)
     return; // the page went away while the program worked
   const out = { ...answer };
   if (entry.pageId === undefined)
@@ -29,91 +33,89 @@ function reply(entry, answer) {
   else
     out.id = entry.pageId;
   try {
-    entry.page.postMessage({ id: entry.pageId, answer: out });
+    session.page.postMessage({ id: entry.pageId, answer: out });
   } catch {
     // the page closed between our check and the answer
   }
 }
 
-function fail(entry, error, detail) {
-  reply(entry, { error, method: entry.message.method, result: null, detail });
+function fail(session, entry, error, detail) {
+  reply(session, entry, { error, method: entry.message.method, result: null, detail });
 }
 
-function closeHost() {
+function closeHost(session) {
+  const host = session.host;
   if (!host)
     return;
-  const port = host.port;
-  host = null;
-  port.disconnect(); // the program reads the end of its input and quits
+  session.host = null;
+  try {
+    host.port.disconnect(); // the program reads the end of its input and quits
+  } catch {
+    // already gone
+  }
 }
 
-function connectHost() {
-  const port = api.runtime.connectNative(hostName);
-  const connection = { port, hasInstance: false, heard: false };
-  port.onMessage.addListener((answer) => onHostAnswer(connection, answer));
-  port.onDisconnect.addListener(() => onHostGone(connection));
-  host = connection;
+function connectHost(session) {
+  const host = { port: api.runtime.connectNative(hostName), hasInstance: false, heard: false };
+  host.port.onMessage.addListener((answer) => onHostAnswer(session, host, answer));
+  host.port.onDisconnect.addListener(() => onHostGone(session, host));
+  session.host = host;
 }
 
-function onHostAnswer(connection, answer) {
-  connection.heard = true;
-  if (connection !== host || !inFlight || !answer || answer.id !== inFlight.hostId) {
+function onHostAnswer(session, host, answer) {
+  host.heard = true;
+  const entry = session.inFlight;
+  if (host !== session.host || !entry || !answer || answer.id !== entry.hostId) {
     console.warn("Scriva: dropping an answer nobody waits for", answer);
     return;
   }
-  const entry = inFlight;
-  inFlight = null;
+  session.inFlight = null;
   if (answer.error === null && createInstance.test(entry.message.method))
-    connection.hasInstance = true;
-  reply(entry, answer);
+    host.hasInstance = true;
+  reply(session, entry, answer);
   if (answer.error === null && endsHost.test(entry.message.method))
-    closeHost();
-  else if (pages.size === 0)
-    closeHost();
-  pump();
+    closeHost(session);
+  pump(session);
 }
 
-function onHostGone(connection) {
-  if (connection !== host)
+function onHostGone(session, host) {
+  if (host !== session.host)
     return;
-  host = null;
+  session.host = null;
   // Chromium reports through lastError, Firefox through the port.
-  const reason = (connection.port.error || api.runtime.lastError || {}).message || "";
-  if (inFlight) {
-    const entry = inFlight;
-    inFlight = null;
-    if (!connection.heard && /not found|forbidden|failed to start/i.test(reason))
-      fail(entry, "NativeHostNotAvailable", reason);
+  const reason = (host.port.error || api.runtime.lastError || {}).message || "";
+  const entry = session.inFlight;
+  if (entry) {
+    session.inFlight = null;
+    if (!host.heard && /not found|forbidden|failed to start/i.test(reason))
+      fail(session, entry, "NativeHostNotAvailable", reason);
     else
-      fail(entry, "NativeHostDisconnected", reason || "The ScrivaPkcs11 program ended.");
+      fail(session, entry, "NativeHostDisconnected", reason || "The ScrivaPkcs11 program ended.");
   }
-  pump();
+  pump(session);
 }
 
-function pump() {
-  while (!inFlight && queue.length > 0) {
-    const entry = queue.shift();
-    if (!entry.page)
-      continue;
-    const isCreate = createInstance.test(entry.message.method);
-    if (!isCreate && !(host && host.hasInstance)) {
+function pump(session) {
+  while (session.open && !session.inFlight && session.queue.length > 0) {
+    const entry = session.queue.shift();
+    if (!createInstance.test(entry.message.method) && !(session.host && session.host.hasInstance)) {
       // A fresh program ends without an answer when its first request is not CreateInstance.
-      fail(entry, "ScrivaInstanceDoesNotExist", "Call CreateInstance first.");
+      fail(session, entry, "ScrivaInstanceDoesNotExist", "Call CreateInstance first.");
       continue;
     }
-    if (!host)
-      connectHost();
+    if (!session.host)
+      connectHost(session);
     entry.hostId = String(++lastId);
     const message = { method: entry.message.method, id: entry.hostId };
     if (entry.message.args !== undefined)
       message.args = entry.message.args;
-    inFlight = entry;
+    session.inFlight = entry;
     try {
-      host.port.postMessage(message);
+      session.host.port.postMessage(message);
     } catch (error) {
-      inFlight = null;
-      host = null;
-      fail(entry, "NativeHostDisconnected", String(error));
+      session.inFlight = null;
+      closeHost(session);
+      fail(session, entry, "NativeHostDisconnected", String(error));
     }
   }
 }
@@ -130,25 +132,25 @@ api.runtime.onConnect.addListener((page) => {
     page.disconnect();
     return;
   }
-  pages.add(page);
+  const session = { page, open: true, queue: [], inFlight: null, host: null };
   page.onMessage.addListener((request) => {
-    const entry = { page, pageId: request && request.id, message: (request && request.message) || {} };
-    if (!validMessage(entry.message)) {
-      fail(entry, "InvalidRequest", "A request needs a method named ScrivaPkcs11.… and an args array.");
-      return;
+    const given = (request && request.message) || {};
+    const entry = { pageId: request && request.id, message: { method: given.method, args: given.args } };
+    if (!validMessage(entry.message))
+      fail(session, entry, "InvalidRequest", "A request needs a method named ScrivaPkcs11.… and an args array.");
+    else if (globalThis.scrivaRequestTooLarge(entry.message))
+      fail(session, entry, "RequestTooLarge", globalThis.SCRIVA_REQUEST_TOO_LARGE);
+    else {
+      session.queue.push(entry);
+      pump(session);
     }
-    queue.push(entry);
-    pump();
   });
   page.onDisconnect.addListener(() => {
-    pages.delete(page);
-    for (const entry of queue)
-      if (entry.page === page)
-        entry.page = null;
-    if (inFlight && inFlight.page === page)
-      inFlight.page = null;
-    // Without pages nobody can use the program's instance any more.
-    if (pages.size === 0 && !inFlight)
-      closeHost();
+    // Nobody can use this page's instance any more: its program goes at once, with any dialog
+    // it shows for an operation still running.
+    session.open = false;
+    session.queue.length = 0;
+    session.inFlight = null;
+    closeHost(session);
   });
 });

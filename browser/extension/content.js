@@ -1,6 +1,7 @@
 // Relays the page's requests (window.postMessage) to the background script over one extension
-// port, and the answers back to the page. The page sees only its own ids; the background assigns
-// the ids that travel to the token program.
+// port, and the answers back to the page. The port stands for this page: the background gives it a
+// token program of its own and ends that program when the port closes with the page. The page sees
+// only its own ids; the background assigns the ids that travel to the token program.
 "use strict";
 
 (() => {
@@ -50,11 +51,18 @@
       answerPage(data.id, method, "OriginNotAllowed", "Only https pages and pages of localhost may use the token.");
       return;
     }
-    if (!port)
-      connect();
-    pending.set(data.id, method);
+    // Only what the program reads travels on; an oversized request stops here, before the
+    // browser copies it to the background (which checks again).
+    const message = data.message && { method, args: data.message.args };
     try {
-      port.postMessage({ id: data.id, message: data.message });
+      if (message && globalThis.scrivaRequestTooLarge(message)) {
+        answerPage(data.id, method, "RequestTooLarge", globalThis.SCRIVA_REQUEST_TOO_LARGE);
+        return;
+      }
+      if (!port)
+        connect();
+      pending.set(data.id, method);
+      port.postMessage({ id: data.id, message });
     } catch (error) {
       pending.delete(data.id);
       answerPage(data.id, method, "ExtensionDisconnected", String(error));

@@ -77,10 +77,13 @@ class Chromium:
     # -- protocol ------------------------------------------------------------------------------
 
     def send(self, method, params=None, session=True, timeout=30):
+        """session: True for the page opened last, False for the browser, or a page's session id."""
         self.last_id += 1
         message = {"id": self.last_id, "method": method, "params": params or {}}
-        if session and self.session:
-            message["sessionId"] = self.session
+        if session is True:
+            session = self.session
+        if session:
+            message["sessionId"] = session
         os.write(self.to_browser, json.dumps(message).encode() + b"\0")
         deadline = time.monotonic() + timeout
         while True:
@@ -91,14 +94,16 @@ class Chromium:
                 return reply.get("result", {})
             self._event(reply)
 
-    def wait_event(self, method, timeout=30):
+    def wait_event(self, method, timeout=30, session=None):
+        def wanted(message):
+            return message.get("method") == method and session in (None, message.get("sessionId"))
         for index, event in enumerate(self.events):
-            if event["method"] == method:
+            if wanted(event):
                 return self.events.pop(index)
         deadline = time.monotonic() + timeout
         while True:
             message = self._read(deadline)
-            if message.get("method") == method:
+            if wanted(message):
                 return message
             self._event(message)
 
@@ -138,19 +143,28 @@ class Chromium:
         raise BrowserError(f"the extension {extension_id} did not start (see {self.stderr_path})")
 
     def open(self, url, timeout=30):
+        """Opens a page in a new tab; its session id, which later calls use unless told otherwise."""
         target = self.send("Target.createTarget", {"url": "about:blank"}, session=False)["targetId"]
         self.session = self.send("Target.attachToTarget", {"targetId": target, "flatten": True},
                                  session=False)["sessionId"]
         self.send("Page.enable")
         self.send("Runtime.enable")
         self.send("Page.navigate", {"url": url})
-        self.wait_event("Page.loadEventFired", timeout)
+        self.wait_event("Page.loadEventFired", timeout, self.session)
+        return self.session
 
-    def evaluate(self, expression, timeout=120):
-        """Evaluates in the page, awaiting a promise; the value, or BrowserError with the exception."""
-        result = self.send("Runtime.evaluate", {"expression": expression, "awaitPromise": True,
-                                                "returnByValue": True, "timeout": timeout * 1000},
-                           timeout=timeout + 5)
+    def reload(self, session, timeout=30):
+        self.send("Page.reload", session=session)
+        self.wait_event("Page.loadEventFired", timeout, session)
+
+    def evaluate(self, expression, timeout=120, session=True, context=None):
+        """Evaluates in the page (or in one of its script contexts), awaiting a promise; the value,
+        or BrowserError with the exception."""
+        params = {"expression": expression, "awaitPromise": True, "returnByValue": True,
+                  "timeout": timeout * 1000}
+        if context is not None:
+            params["contextId"] = context
+        result = self.send("Runtime.evaluate", params, session=session, timeout=timeout + 5)
         if "exceptionDetails" in result:
             details = result["exceptionDetails"]
             text = details.get("exception", {}).get("description") or details.get("text")

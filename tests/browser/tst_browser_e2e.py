@@ -6,6 +6,7 @@ test module, which gives the token a PIN pad so that no PIN has to be typed."""
 import argparse
 import json
 import os
+import select
 import shutil
 import subprocess
 import sys
@@ -53,9 +54,41 @@ def make_token(work, build):
     return env, stored
 
 
-def page_call(browser, expression):
+def page_call(browser, expression, page=True):
     """Runs an async expression in the page; its value, or { error, message } of a rejection."""
-    return browser.evaluate(f"({expression}).catch((e) => ({{ error: e.code || 'Error', message: String(e.message) }}))")
+    return browser.evaluate(f"({expression}).catch((e) => ({{ error: e.code || 'Error', message: String(e.message) }}))",
+                            session=page)
+
+
+class Hosts:
+    """The host processes of this build that the browser started for this test's token."""
+
+    def __init__(self, build, softhsm_conf):
+        self.program = os.path.realpath(os.path.join(build, "bin", "ScrivaPkcs11"))
+        self.marker = b"\0SOFTHSM2_CONF=" + softhsm_conf.encode() + b"\0"
+
+    def running(self):
+        found = set()
+        for pid in filter(str.isdigit, os.listdir("/proc")):
+            try:
+                with open(f"/proc/{pid}/environ", "rb") as file:
+                    if os.readlink(f"/proc/{pid}/exe") == self.program and self.marker in b"\0" + file.read():
+                        found.add(int(pid))
+            except OSError:
+                pass  # gone meanwhile
+        return found
+
+    @staticmethod
+    def ends(pid, timeout=20):
+        """Whether the process ends within the timeout."""
+        try:
+            handle = os.pidfd_open(pid)
+        except ProcessLookupError:
+            return True
+        try:
+            return bool(select.select([handle], [], [], timeout)[0])
+        finally:
+            os.close(handle)
 
 
 def main():
@@ -93,6 +126,7 @@ def main():
                                       env=browser_env, log=print)
     try:
         exercise(browser, url, stored)
+        exercise_pages(browser, url, Hosts(args.build, env["SOFTHSM2_CONF"]))
     except chromiumdriver.BrowserError as error:
         check(False, "the browser session ran to its end", error)
     finally:
@@ -168,6 +202,75 @@ def exercise(browser, url, stored):
     missing = page_call(browser, "scrivaDemo.client.createInstance()")
     os.rename(registered + ".off", registered)
     check(missing.get("error") == "NativeHostNotAvailable", "a missing host is reported as such", missing)
+
+
+SIGN_SLOTS = """scrivaDemo.client.getNonce().then((nonce) => fetch('/api/request', { method: 'POST',
+    body: JSON.stringify({ operation: 'GetSlots', nonce }) })).then((r) => r.json())
+    .then((r) => { window.signedSlots = r.argument; return true; })"""
+
+
+def exercise_pages(browser, url, hosts):
+    """Pages of two origins, each with a host of its own: what page A does to its host leaves page
+    B's nonce and instance alone, and a page that goes away takes its host with it."""
+    page_b = browser.session
+    page_a = browser.open(url.replace("//127.0.0.1:", "//localhost:"))
+    browser.evaluate("scrivaDemo.ready", session=page_a)
+
+    def create_instance(page):
+        """The host processes that the page's CreateInstance started."""
+        before = hosts.running()
+        created = page_call(browser, "scrivaDemo.client.createInstance()", page)
+        check(created is None, "CreateInstance on " + ("page A" if page == page_a else "page B"), created)
+        return hosts.running() - before
+
+    create_instance(page_b)
+    started = create_instance(page_a)
+    check(len(started) == 1, "page A gets a host of its own", started)
+    for name, call in (("GetNonce", "scrivaDemo.client.getNonce()"), ("Terminate", "scrivaDemo.client.terminate()")):
+        page_call(browser, SIGN_SLOTS, page_b)
+        done = page_call(browser, call, page_a)
+        check(not isinstance(done, dict), f"page A's {name}", done)
+        slots = page_call(browser, "scrivaDemo.client.getSlots(window.signedSlots)", page_b)
+        check(isinstance(slots, str) and LABEL in slots, f"page B's signed GetSlots survives page A's {name}", slots)
+    check(all(hosts.ends(pid) for pid in started), "page A's host ends with its Terminate", started)
+
+    for how in ("reloaded", "closed"):
+        started = create_instance(page_a)
+        if how == "reloaded":
+            browser.reload(page_a)
+        else:
+            browser.send("Page.close", session=page_a)
+        check(len(started) == 1 and hosts.ends(next(iter(started))), f"page A's host ends when the page is {how}",
+              started)
+    check(page_call(browser, "scrivaDemo.client.getVersion()", page_b) == "2.6.1 (qt)",
+          "page B keeps its host through all of page A's doings")
+
+    # The size of a request is that of its method and arguments as JSON, in UTF-8 bytes.
+    for what, argument, refused in (
+            ("a request of exactly 16 MiB reaches the host", "'A'.repeat(limit - empty)", False),
+            ("a request of 16 MiB and one byte is refused", "'A'.repeat(limit - empty + 1)", True),
+            ("16 MiB of UTF-8 in fewer characters is refused", "'\u00e9'.repeat(limit / 2)", True)):
+        answer = page_call(browser, f"""(() => {{
+            const limit = 16 * 1024 * 1024;
+            const empty = JSON.stringify({{ method: 'ScrivaPkcs11.1.0.0.qt.QES.GetSlots', args: [''] }}).length;
+            return scrivaDemo.client.getSlots({argument});
+        }})()""", page_b)
+        error = answer.get("error") if isinstance(answer, dict) else None
+        check((error == "RequestTooLarge") == refused and
+              error not in (None, "Error", "Timeout", "NativeHostDisconnected"), what, answer)
+    # A page whose renderer skips the content script's check still meets the background's.
+    world = [event["params"]["context"]["id"] for event in browser.events
+             if event["method"] == "Runtime.executionContextCreated" and event.get("sessionId") == page_b
+             and event["params"]["context"]["auxData"].get("type") == "isolated"][-1]
+    bypass = browser.evaluate("""new Promise((resolve) => {
+        const port = chrome.runtime.connect({ name: 'scriva-pkcs11' });
+        port.onMessage.addListener((reply) => { port.disconnect(); resolve(reply.answer.error); });
+        port.postMessage({ id: 1, message: { method: 'ScrivaPkcs11.1.0.0.qt.QES.GetSlots',
+                                             args: ['A'.repeat(16 * 1024 * 1024)] } });
+    })""", session=page_b, context=world)
+    check(bypass == "RequestTooLarge", "the background refuses a large request by itself", bypass)
+    check(page_call(browser, "scrivaDemo.client.getVersion()", page_b) == "2.6.1 (qt)",
+          "the host still serves the page after the large requests")
 
 
 if __name__ == "__main__":
