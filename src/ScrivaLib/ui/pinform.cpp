@@ -6,6 +6,7 @@
 
 #include <QApplication>
 #include <QEvent>
+#include <QPointer>
 #include <QTimer>
 
 #include <atomic>
@@ -128,17 +129,23 @@ SecretPin PinForm::run(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& to
 {
     if (currentForm.load())
         throw APP_EXCEPTION(QStringLiteral("PinForm is already opened!"));
-    PinForm form(hostWindow(), slotInfo, tokenInfo, text, savePin != nullptr);
+    // On the heap and watched: the host window it belongs to may be destroyed while the form is
+    // open (a new instance replaces the old one), and takes the form with it.
+    QPointer<PinForm> form = new PinForm(hostWindow(), slotInfo, tokenInfo, text, savePin != nullptr);
     if (savePin)
-        form.ui->chbSavePIN->setChecked(*savePin);
-    currentForm.store(&form);
-    form.exec();
+        form->ui->chbSavePIN->setChecked(*savePin);
+    currentForm.store(form.data());
+    form->exec();
     currentForm.store(nullptr);
+    if (!form)
+        return SecretPin();
     if (savePin)
-        *savePin = form.ui->chbSavePIN->isChecked();
+        *savePin = form->ui->chbSavePIN->isChecked();
     // Cancelled, closed or refused: whatever was typed is overwritten before the form goes.
-    form.wipeField();
-    return std::move(form.pin);
+    form->wipeField();
+    SecretPin pin = std::move(form->pin);
+    delete form.data();
+    return pin;
 }
 
 SecretPin PinForm::needPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo, const QString& text)

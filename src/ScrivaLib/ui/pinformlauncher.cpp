@@ -90,10 +90,12 @@ SecretPin PinFormLauncher::show(const Request& request, bool* savePin, QPointer<
     case Kind::ContextPin:
         return PinForm::needContextPin(request.slotInfo, request.tokenInfo, request.text, savePin);
     case Kind::PinIncorrect: {
-        QMessageBox box(QMessageBox::Warning, request.title, request.text, QMessageBox::Ok,
-                        QApplication::activeWindow());
-        *openBox = &box;
-        box.exec();
+        // Watched: its parent window may go while it is open.
+        QPointer<QMessageBox> box = new QMessageBox(QMessageBox::Warning, request.title, request.text,
+                                                    QMessageBox::Ok, QApplication::activeWindow());
+        *openBox = box;
+        box->exec();
+        delete box.data();
         return SecretPin();
     }
     }
