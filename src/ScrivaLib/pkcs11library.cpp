@@ -8,6 +8,7 @@
 #include <QDebug>
 #include <QLibrary>
 
+#include <algorithm>
 #include <vector>
 
 namespace {
@@ -25,10 +26,13 @@ AppException operationCanceled(const char* file, int line, const char* function)
 
 #define OPERATION_CANCELED() operationCanceled(__FILE__, __LINE__, Q_FUNC_INFO)
 
-// A failure to get at the module itself: the general word of this layer with the detail.
-#define LOAD_EXCEPTION(detail) \
-    AppException((detail), QStringLiteral(__FILE__), __LINE__, QString::fromUtf8(Q_FUNC_INFO), \
-                 Pkcs11Exception::pkcs11GeneralExceptionMessage())
+// A failure to get at the module itself. The answer carries the bare word; the path and the
+// loader's text go to the log as its cause.
+#define LOAD_EXCEPTION(word, values) \
+    AppException(QStringLiteral(word), QStringLiteral(__FILE__), __LINE__, QString::fromUtf8(Q_FUNC_INFO), \
+                 Pkcs11Exception::pkcs11GeneralExceptionMessage(), \
+                 AppException(fillIn(tr(word), (values), true), QStringLiteral(__FILE__), __LINE__, \
+                              QString::fromUtf8(Q_FUNC_INFO), Pkcs11Exception::pkcs11GeneralExceptionMessage()))
 
 } // namespace
 
@@ -61,17 +65,17 @@ void Pkcs11Library::load()
     if (!library->load()) {
         const QString error = library->errorString();
         library.reset();
-        throw LOAD_EXCEPTION(fillIn(tr("UnableToLoad"), {path, error}, true));
+        throw LOAD_EXCEPTION("UnableToLoad", QStringList({path, error}));
     }
     auto getFunctionList = reinterpret_cast<CK_C_GetFunctionList>(library->resolve("C_GetFunctionList"));
     if (!getFunctionList) {
         unload();
-        throw LOAD_EXCEPTION(fillIn(tr("UnableToFind"), {QStringLiteral("C_GetFunctionList()"), path}, true));
+        throw LOAD_EXCEPTION("UnableToFind", QStringList({QStringLiteral("C_GetFunctionList()"), path}));
     }
     CK_FUNCTION_LIST_PTR list = nullptr;
     if (getFunctionList(&list) != CKR_OK || !list) {
         unload();
-        throw LOAD_EXCEPTION(fillIn(tr("UnableToCall"), {QStringLiteral("C_GetFunctionList()"), path}, true));
+        throw LOAD_EXCEPTION("UnableToCall", QStringList({QStringLiteral("C_GetFunctionList()"), path}));
     }
     functions = std::make_unique<Pkcs11Logger>(list);
 
@@ -121,7 +125,8 @@ QList<unsigned long> Pkcs11Library::getSlots(CK_BBOOL tokenPresent)
     throwIfTerminating();
     CK_ULONG count = 0;
     PKCS11_CHECK("C_GetSlotList", functions->C_GetSlotList(tokenPresent, nullptr, &count));
-    std::vector<CK_SLOT_ID> slotIds(count);
+    // The second call always gets a buffer, an empty one when there are no slots.
+    std::vector<CK_SLOT_ID> slotIds(std::max<CK_ULONG>(count, 1));
     PKCS11_CHECK("C_GetSlotList", functions->C_GetSlotList(tokenPresent, slotIds.data(), &count));
     QList<unsigned long> result;
     for (CK_ULONG i = 0; i < count && i < slotIds.size(); ++i)

@@ -70,9 +70,15 @@ class TestPkcs11Library : public QObject
         return {};
     }
 
+    // The answer's word, then the detail its cause carries to the log.
     static QString load(const QString& path)
     {
-        return failure([&] { Pkcs11Library(path, Pkcs11Library::SignatureTypeDefault, false, "1", "2", {}); });
+        try {
+            Pkcs11Library(path, Pkcs11Library::SignatureTypeDefault, false, "1", "2", {});
+        } catch (const AppException& e) {
+            return e.getMessage() + " | " + (e.getCause() ? e.getCause()->getMessage() : QString());
+        }
+        return {};
     }
 
 private slots:
@@ -122,11 +128,13 @@ private slots:
 
         const QString missing = work.filePath("no-such-module.so");
         const QString notLoaded = load(missing);
-        QVERIFY2(notLoaded.startsWith("UnableToLoad: " + missing + ": ") && notLoaded.size() > missing.size() + 18,
+        QVERIFY2(notLoaded.startsWith("UnableToLoad | UnableToLoad: " + missing + ": ")
+                     && notLoaded.size() > missing.size() + 32,
                  qPrintable(notLoaded));
         Dl_info libc{};
         QVERIFY(dladdr(reinterpret_cast<void*>(&gnu_get_libc_version), &libc));
-        QCOMPARE(load(libc.dli_fname), "UnableToFind: C_GetFunctionList(): " + QString::fromLocal8Bit(libc.dli_fname));
+        QCOMPARE(load(libc.dli_fname),
+                 "UnableToFind | UnableToFind: C_GetFunctionList(): " + QString::fromLocal8Bit(libc.dli_fname));
     }
 
     void pinDialogue_data()

@@ -158,13 +158,8 @@ QPair<QString, QString> Pkcs11Manager::getSlots(const QString& libraryPath,
             qInfo().noquote() << QStringLiteral("Recoverable exception: ") + e.toString(true);
             slot.tokenInfoRv = e.getRv();
         }
-        // A token the module cannot open (for example one not yet initialised) is listed
-        // without its platform rather than failing the whole list.
-        try {
-            slot.tokenPlatform = library->getTokenPlatform(slotId);
-        } catch (const Pkcs11Exception& e) {
-            qInfo().noquote() << QStringLiteral("Recoverable exception: ") + e.toString(true);
-        }
+        // Only the two information reads may fail; a platform that cannot be read fails the list.
+        slot.tokenPlatform = library->getTokenPlatform(slotId);
         slotList.append(slot);
     }
 
@@ -229,8 +224,10 @@ QPair<QString, QString> Pkcs11Manager::generateCsr(const QString& libraryPath,
     library->generateKeyPair(session.handle(), &keyPairMechanism, request->getPublicKeyAttributes(),
                              request->getPrivateKeyAttributes(), &publicKey, &privateKey);
 
-    csr.setRsaPublicKey(library->getAttributeValue(session.handle(), publicKey, CKA_MODULUS),
-                        library->getAttributeValue(session.handle(), publicKey, CKA_PUBLIC_EXPONENT));
+    // The modulus is read first, then the exponent.
+    const QByteArray modulus = library->getAttributeValue(session.handle(), publicKey, CKA_MODULUS);
+    const QByteArray exponent = library->getAttributeValue(session.handle(), publicKey, CKA_PUBLIC_EXPONENT);
+    csr.setRsaPublicKey(modulus, exponent);
     if (request->getKovData()) {
         constexpr CK_ATTRIBUTE_TYPE kovDataAttribute = 0x80000007UL;
         csr.setKovDataAttibute(library->getAttributeValue(session.handle(), publicKey, kovDataAttribute));

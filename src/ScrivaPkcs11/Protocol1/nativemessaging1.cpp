@@ -81,8 +81,8 @@ void NativeMessaging1::processMethodMessage(QJsonObject& obj)
         throw APP_EXCEPTION(tr("ScrivaInstanceDoesNotExist"));
 
     if (method == disposeInstanceMethod) {
-        answer(method, QString(), QString());
         scrivaInstance->beginTermination();
+        answer(method, QString(), QString());
     } else if (method == getNonceMethod) {
         answer(method, QString(), scrivaInstance->generateNonce());
     } else if (method == getSlotsMethod) {
@@ -95,8 +95,8 @@ void NativeMessaging1::processMethodMessage(QJsonObject& obj)
         scrivaInstance->createObject(requireArgument(obj, QStringLiteral("CreateObject")));
     } else if (method == terminateMethod) {
         terminating = true;
-        answer(method, QString(), QString());
         scrivaInstance->beginTermination();
+        answer(method, QString(), QString());
     } else if (method == bringToFrontMethod) {
         scrivaInstance->bringToFront();
         answer(method, QString(), QString());
