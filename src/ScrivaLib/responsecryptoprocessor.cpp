@@ -136,5 +136,5 @@ QString ResponseCryptoProcessor::getOpenSslErrors()
     BIO_get_mem_ptr(bio.get(), &text);
     if (!text)
         return QString();
-    return QString::fromUtf8(text->data, static_cast<qsizetype>(text->length)).trimmed();
+    return QString::fromUtf8(text->data, static_cast<qsizetype>(text->length));
 }
