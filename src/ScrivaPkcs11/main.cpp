@@ -18,12 +18,13 @@ int main(int argc, char** argv)
     ::signal(SIGPIPE, SIG_IGN);
 
     // A large frame is read into, and parsed into, buffers of its own size. Served from the one
-    // main heap instead of fresh mappings, the next large frame reuses those pages rather than
-    // faulting them in again; the heap still returns anything beyond 128 MiB of free memory to
-    // the system. The host's few threads allocate little, so one arena costs nothing.
+    // main heap instead of fresh mappings, and kept there while frames come, the next large
+    // frame reuses those pages rather than faulting them in again; the read thread trims the
+    // heap once large frames stop coming. The host's few threads allocate little, so one arena
+    // costs nothing.
     mallopt(M_ARENA_MAX, 1);
     mallopt(M_MMAP_THRESHOLD, 1 << 30);
-    mallopt(M_TRIM_THRESHOLD, 128 << 20);
+    mallopt(M_TRIM_THRESHOLD, 1 << 30);
 
     // First, so that every later message can reach the log.
     LogHandler::init(QString::fromLatin1(LogHandler::hostLogFileName));
