@@ -1,9 +1,12 @@
 // Measures the host through real pipes, side by side with a minimal framed echo program:
-// round trip of GetNonce (p50, p99 of 1,000 calls), the intake of one 32 MiB frame, and the
-// time from start-up to the CreateInstance answer.
+// round trip of GetNonce (p50, p99 of 1,000 calls), the intake of one 32 MiB frame, the time
+// from start-up to the CreateInstance answer, and whether the host's resident memory comes back
+// after one 512 MiB frame.
 #include <QByteArray>
 #include <QElapsedTimer>
+#include <QFile>
 #include <QString>
+#include <QThread>
 
 #include <algorithm>
 #include <cstdio>
@@ -57,6 +60,8 @@ public:
         writeAll(&length, 4);
         writeAll(payload.constData(), size_t(payload.size()));
     }
+
+    pid_t processId() const { return pid; }
 
     QByteArray receive()
     {
@@ -132,6 +137,53 @@ double largeFrameMs(Peer& peer)
     return double(timer.nsecsElapsed()) / 1e6;
 }
 
+// A field of /proc/<pid>/status in MiB ("VmRSS", "VmHWM"), or -1.
+long statusMiB(pid_t pid, const QByteArray& field)
+{
+    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray& line : status.readAll().split('\n'))
+        if (line.startsWith(field + ':'))
+            return line.mid(field.size() + 1).trimmed().split(' ').first().toLong() / 1024;
+    return -1;
+}
+
+// One frame of the largest size the host accepts; then the resident size is sampled every
+// 10 ms for 3 s after the answer.
+void largestFrameMemory(Peer& peer)
+{
+    constexpr long boundMiB = 64;
+    QThread::msleep(1000);
+    const long idleMiB = statusMiB(peer.processId(), "VmRSS");
+    const QByteArray head = R"({"method":"ScrivaPkcs11.1.0.0.qt.QES.GetVersion","padding":")";
+    QByteArray frame = head + QByteArray(536870912 - head.size() - 2, 'x') + R"("})";
+    QElapsedTimer timer;
+    timer.start();
+    peer.send(frame);
+    peer.receive();
+    const double answerMs = double(timer.nsecsElapsed()) / 1e6;
+    frame.clear();
+    const long peakMiB = statusMiB(peer.processId(), "VmHWM");
+
+    timer.start();
+    long atOneSecondMiB = -1;
+    qint64 underBoundMs = -1;
+    while (timer.elapsed() < 3000) {
+        const long residentMiB = statusMiB(peer.processId(), "VmRSS");
+        if (underBoundMs < 0 && residentMiB >= 0 && residentMiB < boundMiB)
+            underBoundMs = timer.elapsed();
+        if (atOneSecondMiB < 0 && timer.elapsed() >= 1000)
+            atOneSecondMiB = residentMiB;
+        QThread::msleep(10);
+    }
+    std::printf("512 MiB incoming frame             answered in %.0f ms, peak resident %ld MiB, idle before %ld MiB\n",
+                answerMs, peakMiB, idleMiB);
+    std::printf("  resident 1 s after the answer: %ld MiB (bound < %ld MiB: %s); under the bound after %lld ms\n",
+                atOneSecondMiB, boundMiB, atOneSecondMiB >= 0 && atOneSecondMiB < boundMiB ? "met" : "MISSED",
+                static_cast<long long>(underBoundMs));
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -175,5 +227,7 @@ int main(int argc, char** argv)
     std::printf("32 MiB incoming frame (median/3)  host %8.1f ms  echo %8.1f ms   ratio %.2fx (target <= 3x)\n",
                 hostLargeMs, echoLargeMs, hostLargeMs / echoLargeMs);
     std::printf("start-up to CreateInstance answer median of 10: %.1f ms (target < 250 ms)\n", startup);
+    std::fflush(stdout);
+    largestFrameMemory(hostPeer);
     return 0;
 }

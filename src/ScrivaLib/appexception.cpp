@@ -1,5 +1,7 @@
 #include "appexception.h"
 
+#include "loghandler.h"
+
 AppException::AppException(const QString& message, const QString& file, qint32 line,
                            const QString& function, const QString& generalMessage)
     : message(message), file(file), line(line), function(function), generalMessage(generalMessage)
@@ -33,7 +35,9 @@ AppException* AppException::clone() const
 QString AppException::toString(bool withLocation) const
 {
     QString text = className() + QStringLiteral(": ");
-    text += message.isEmpty() ? QStringLiteral("<No message available>") : message;
+    // The message may carry outside text (a method name, a request's value); the line breaks
+    // of the location and the causes below are the only ones the text may contain.
+    text += message.isEmpty() ? QStringLiteral("<No message available>") : LogHandler::escaped(message);
     if (withLocation)
         text += QStringLiteral("\n  at %1 in %2 line %3").arg(function, file).arg(line);
     if (cause)

@@ -4,6 +4,7 @@
 #include "pkcs11names.h"
 #include "pkcs11tracewriter.h"
 
+#include <QDebug>
 #include <QtGlobal>
 
 #include <cstdarg>
@@ -33,7 +34,9 @@ void pkcs11_logger_log(const char* format, ...)
         qWarning("Unable to process va_message");
         return;
     }
-    qInfo("PKCS#11 - %s", text.get());
+    // A trace line is one line: a module's texts (labels, descriptions) are not ours and must
+    // not start lines of their own.
+    qInfo().noquote() << QStringLiteral("PKCS#11 - ") + LogHandler::escaped(QString::fromUtf8(text.get()));
 }
 
 namespace {

@@ -2,7 +2,8 @@
 
 #include <p11-kit/pkcs11.h>
 
-// Writes one info line "PKCS#11 - " + the printf-formatted text to the program's log.
+// Writes one info line "PKCS#11 - " + the printf-formatted text to the program's log, with any
+// control character in it escaped, so the line stays one line.
 void pkcs11_logger_log(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // Stands between the engine and a module's function list: every member forwards to the module

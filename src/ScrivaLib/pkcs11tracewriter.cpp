@@ -4,14 +4,11 @@
 #include "pkcs11names.h"
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <new>
 
 namespace {
-
-// Nested templates deeper than this are shown as bytes; a template that contains itself
-// must not recurse forever.
-constexpr int maxTemplateNesting = 8;
 
 // Upper-case hexadecimal of the bytes, or null when the text cannot be allocated.
 std::unique_ptr<char[]> toHex(const void* data, CK_ULONG length)
@@ -49,26 +46,48 @@ void Pkcs11TraceWriter::logData(const char* label, const void* data, CK_ULONG le
         pkcs11_logger_log("%s: *** cannot be displayed ***", label);
 }
 
-void Pkcs11TraceWriter::logTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count, int depth)
+namespace {
+
+void logAttributeHead(CK_ULONG index, CK_ATTRIBUTE_TYPE type, const void* value, CK_ULONG length)
+{
+    pkcs11_logger_log("  Attribute %d", static_cast<int>(index));
+    pkcs11_logger_log("   Attribute: %lu (%s)", type, Pkcs11Names::attributeTypeName(type));
+    pkcs11_logger_log("   pValue: %p", value);
+    pkcs11_logger_log("   ulValueLen: %lu", length);
+}
+
+// The entries of an array attribute's value, read from the value's own bytes. The pointers in
+// them come from a request or a module and are only printed, never followed, so neither their
+// values nor any deeper template are shown.
+void logNestedTemplate(const unsigned char* bytes, CK_ULONG count)
+{
+    pkcs11_logger_log("  *** Begin attribute template ***");
+    for (CK_ULONG i = 0; i < count; ++i) {
+        CK_ATTRIBUTE entry;
+        // The value's bytes need not be aligned for an attribute.
+        std::memcpy(&entry, bytes + i * sizeof(CK_ATTRIBUTE), sizeof(CK_ATTRIBUTE));
+        logAttributeHead(i, entry.type, entry.pValue, entry.ulValueLen);
+    }
+    pkcs11_logger_log("  *** End attribute template ***");
+}
+
+} // namespace
+
+void Pkcs11TraceWriter::logTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count)
 {
     if (!attributes || count == 0)
         return;
     pkcs11_logger_log("  *** Begin attribute template ***");
     for (CK_ULONG i = 0; i < count; ++i) {
         const CK_ATTRIBUTE& attribute = attributes[i];
-        pkcs11_logger_log("  Attribute %d", static_cast<int>(i));
-        pkcs11_logger_log("   Attribute: %lu (%s)", attribute.type, Pkcs11Names::attributeTypeName(attribute.type));
-        pkcs11_logger_log("   pValue: %p", attribute.pValue);
-        pkcs11_logger_log("   ulValueLen: %lu", attribute.ulValueLen);
+        logAttributeHead(i, attribute.type, attribute.pValue, attribute.ulValueLen);
         if (!attribute.pValue)
             continue;
-        if ((attribute.type & CKF_ARRAY_ATTRIBUTE) && attribute.ulValueLen % sizeof(CK_ATTRIBUTE) == 0
-            && depth < maxTemplateNesting) {
-            logTemplate(static_cast<const CK_ATTRIBUTE*>(attribute.pValue), attribute.ulValueLen / sizeof(CK_ATTRIBUTE),
-                        depth + 1);
-        } else {
+        if ((attribute.type & CKF_ARRAY_ATTRIBUTE) && attribute.ulValueLen % sizeof(CK_ATTRIBUTE) == 0)
+            logNestedTemplate(static_cast<const unsigned char*>(attribute.pValue),
+                              attribute.ulValueLen / sizeof(CK_ATTRIBUTE));
+        else
             logData("   *pValue", attribute.pValue, attribute.ulValueLen);
-        }
     }
     pkcs11_logger_log("  *** End attribute template ***");
 }

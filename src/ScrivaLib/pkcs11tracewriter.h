@@ -19,7 +19,9 @@ public:
     static void logFlag(const char* name, CK_FLAGS flags, CK_FLAGS bit);
     // "label: HEX(...)"; nothing for a null pointer.
     static void logData(const char* label, const void* data, CK_ULONG length);
-    static void logTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count, int depth = 0);
+    // An array attribute's value is shown as the attribute entries it holds, one level deep:
+    // the pointers inside a value are never followed.
+    static void logTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count);
     static void logMechanism(const CK_MECHANISM* mechanism, const char* parameterLabel);
     static void logVersion(const char* title, const CK_VERSION& version);
     // The pointer line, and the value line when the pointer is set.

@@ -8,17 +8,23 @@
 #include <QPalette>
 #include <QSysInfo>
 
+#include <csignal>
 #include <malloc.h>
 
 int main(int argc, char** argv)
 {
+    // A browser that stops reading must not kill the host: a write to the closed pipe fails
+    // instead, and the write thread ends the host through its usual warning.
+    ::signal(SIGPIPE, SIG_IGN);
+
     // A large frame is read into, and parsed into, buffers of its own size. Served from the one
-    // main heap instead of fresh mappings, the next large frame reuses those pages rather than
-    // faulting them in again; the heap still returns anything beyond 128 MiB of free memory to
-    // the system. The host's few threads allocate little, so one arena costs nothing.
+    // main heap instead of fresh mappings, and kept there while frames come, the next large
+    // frame reuses those pages rather than faulting them in again; the read thread trims the
+    // heap once large frames stop coming. The host's few threads allocate little, so one arena
+    // costs nothing.
     mallopt(M_ARENA_MAX, 1);
     mallopt(M_MMAP_THRESHOLD, 1 << 30);
-    mallopt(M_TRIM_THRESHOLD, 128 << 20);
+    mallopt(M_TRIM_THRESHOLD, 1 << 30);
 
     // First, so that every later message can reach the log.
     LogHandler::init(QString::fromLatin1(LogHandler::hostLogFileName));
@@ -51,7 +57,8 @@ int main(int argc, char** argv)
     qInfo().noquote() << "Qt build version: " QT_VERSION_STR;
     qInfo().noquote() << QStringLiteral("Qt runtime version: ") + QLatin1String(qVersion());
     qInfo().noquote() << "OS type: " + QSysInfo::prettyProductName();
-    qInfo().noquote() << "with arguments: " + QCoreApplication::arguments().join(QLatin1Char(' '));
+    // The browser's arguments are not ours: escaped, so they stay on the banner's line.
+    qInfo().noquote() << "with arguments: " + LogHandler::escaped(QCoreApplication::arguments().join(QLatin1Char(' ')));
 
     QCommandLineParser parser;
     parser.addVersionOption();
@@ -59,7 +66,7 @@ int main(int argc, char** argv)
     if (parser.parse(QCoreApplication::arguments()))
         parser.process(*app);
     else
-        qWarning().noquote() << "CommandLineParser error: " + parser.errorText();
+        qWarning().noquote() << "CommandLineParser error: " + LogHandler::escaped(parser.errorText());
 
     app->startThreads();
     const int exitCode = app->exec();

@@ -1,6 +1,7 @@
 #include "nativemessagingadapter.h"
 
 #include "appexception.h"
+#include "loghandler.h"
 
 #include <QJsonArray>
 
@@ -12,7 +13,12 @@ void NativeMessagingAdapter::processMessage(QJsonObject& obj)
 {
     currentMethod = obj.value(QStringLiteral("method")).toString();
     currentId = obj.value(QStringLiteral("id")).toString();
-    qInfo().noquote() << "Incoming Json method name is:" << currentMethod;
+    // Method name and id come from the page: escaped, so each stays on this one line.
+    if (currentId.isEmpty())
+        qInfo().noquote() << "Incoming Json method name is:" << LogHandler::escaped(currentMethod);
+    else
+        qInfo().noquote() << "Incoming Json method name is:" << LogHandler::escaped(currentMethod) << "with id:"
+                          << LogHandler::escaped(currentId);
     try {
         if (currentMethod.isEmpty())
             throw APP_EXCEPTION(tr("NoMethodOrEventSpecified"));
@@ -21,14 +27,14 @@ void NativeMessagingAdapter::processMessage(QJsonObject& obj)
         QString error = e.getMessage();
         QString result;
         emit sendMessage(answerMethod(error, currentMethod, result, currentId));
-        qWarning().noquote() << "Method " + currentMethod + " failed due to " + e.toString(true);
+        qWarning().noquote() << "Method " + LogHandler::escaped(currentMethod) + " failed due to " + e.toString(true);
     }
 }
 
 QJsonDocument NativeMessagingAdapter::answerMethod(QString& error, const QString& method, QString& result,
                                                    QString& id)
 {
-    qInfo().noquote() << "Preparing answer method with name:" << method;
+    qInfo().noquote() << "Preparing answer method with name:" << LogHandler::escaped(method);
     QJsonObject answer;
     answer.insert(QStringLiteral("error"), error.isEmpty() ? QJsonValue(QJsonValue::Null) : QJsonValue(error));
     answer.insert(QStringLiteral("method"), method);

@@ -7,10 +7,14 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <unistd.h>
 
-ReadThread::ReadThread(QObject* parent) : QThread(parent) {}
+ReadThread::ReadThread(QObject* parent) : QThread(parent)
+{
+    clock.start();
+}
 
 QByteArray ReadThread::getBytes(int count)
 {
@@ -41,26 +45,41 @@ void ReadThread::readInto(char* destination, int count)
             throw APP_EXCEPTION(QStringLiteral("Error was cought, errno from function read is %1").arg(errno));
         if (isInterruptionRequested())
             throw APP_EXCEPTION(QStringLiteral("Interruption of ReadThread is requested."));
+        if (waitingForFrame)
+            trimHeapWhenIdle();
         // Wait for input, but never longer than 10 ms, so an interruption request is noticed.
         pollfd descriptor{STDIN_FILENO, POLLIN, 0};
         ::poll(&descriptor, 1, 10);
     }
 }
 
+// The payload buffer and the heap keep the pages of a large frame, so that a run of large
+// frames is read and parsed without faulting them in again. Once the main thread has handled
+// the last large frame and no frame has begun for a moment, they are given back, and the host
+// returns to its idle size.
+void ReadThread::trimHeapWhenIdle()
+{
+    if (largeFrames == 0 || handledLargeFrame.load() != largeFrames
+        || clock.elapsed() - handledAtMs.load() < heapTrimDelayMs)
+        return;
+    frameBuffer = QByteArray();
+    malloc_trim(0);
+    largeFrames = 0;
+    handledLargeFrame.store(0);
+}
+
 QByteArray ReadThread::readMessageFromStdin()
 {
+    waitingForFrame = true;
     const QByteArray header = getBytes(4);
+    waitingForFrame = false;
     const qint32 length = qFromLittleEndian<qint32>(header.constData());
     if (length > maximumIncomingSize)
         throw APP_EXCEPTION(QStringLiteral("Incoming JSON message size %1 exceedes maximum allowed size %2")
                                 .arg(length)
                                 .arg(maximumIncomingSize));
 
-    // The payload buffer is kept between frames, so a run of large frames does not fault in
-    // fresh pages for each one; after a large frame, a small one gives the memory back.
     const int size = qMax(length, 0);
-    if (size <= smallFrameSize && frameBuffer.capacity() > 4 * smallFrameSize)
-        frameBuffer = QByteArray();
     frameBuffer.resize(size);
     readInto(frameBuffer.data(), size);
     return frameBuffer;
@@ -80,6 +99,14 @@ void ReadThread::run()
         for (;;) {
             const QJsonDocument document = readFromStdin();
             emit processMessage(document.object());
+            if (frameBuffer.size() > smallFrameSize) {
+                // Queued behind the message: runs once the main thread has handled and released it.
+                const int frame = ++largeFrames;
+                QMetaObject::invokeMethod(this, [this, frame] {
+                    handledAtMs.store(clock.elapsed());
+                    handledLargeFrame.store(frame);
+                }, Qt::QueuedConnection);
+            }
         }
     } catch (const AppException& e) {
         qWarning().noquote() << "Exiting read thread because of exception: " + e.toString(true);

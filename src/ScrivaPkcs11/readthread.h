@@ -1,9 +1,12 @@
 #pragma once
 
 #include <QByteArray>
+#include <QElapsedTimer>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QThread>
+
+#include <atomic>
 
 // Reads native-messaging frames from the browser on stdin and hands each JSON object to the
 // main thread through processMessage.
@@ -28,9 +31,18 @@ protected:
 
 private:
     static constexpr int smallFrameSize = 1024 * 1024;
+    static constexpr int heapTrimDelayMs = 400;
 
     void readInto(char* destination, int count);
+    void trimHeapWhenIdle();
 
     bool nonBlocking = false;
+    bool waitingForFrame = false;
     QByteArray frameBuffer;
+
+    // Large frames read, and the last of them that the main thread has handled and when.
+    QElapsedTimer clock;
+    int largeFrames = 0;
+    std::atomic<int> handledLargeFrame{0};
+    std::atomic<qint64> handledAtMs{0};
 };

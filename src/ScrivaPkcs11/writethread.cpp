@@ -31,7 +31,10 @@ void WriteThread::writeToStdout(const QJsonDocument& document)
                                 .arg(bytes.size())
                                 .arg(maximumOutgoingSize));
     stdoutStream.writeBytes(bytes.constData(), uint(bytes.size()));
-    stdoutFile.flush();
+    const bool streamed = stdoutStream.status() == QDataStream::Ok;
+    // A failed write (the browser closed the pipe) ends this thread like any other error.
+    if (!stdoutFile.flush() || !streamed)
+        throw APP_EXCEPTION(QStringLiteral("Unable to write the answer to STDOUT: %1").arg(stdoutFile.errorString()));
 }
 
 void WriteThread::run()

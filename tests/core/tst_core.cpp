@@ -39,17 +39,18 @@ private slots:
     void exceptionTextNamesClassMessageLocationAndWholeCauseChain()
     {
         const AppException innermost(QString(), QStringLiteral("a.cpp"), 1, QStringLiteral("void a()"), QStringLiteral("G"));
-        const DerivedException middle(QStringLiteral("middle"), QStringLiteral("b.cpp"), 2, QStringLiteral("void b()"),
+        // A message may carry outside text: its line break is escaped, the chain's own stay.
+        const DerivedException middle(QStringLiteral("mid\ndle"), QStringLiteral("b.cpp"), 2, QStringLiteral("void b()"),
                                       QStringLiteral("G"), innermost);
         const AppException outer(QStringLiteral("outer"), QStringLiteral("c.cpp"), 3, QStringLiteral("void c()"),
                                  QStringLiteral("G"), middle);
 
         QCOMPARE(outer.toString(false),
-                 QStringLiteral("AppException: outer\ncaused by DerivedException: middle\ncaused by AppException: "
+                 QStringLiteral("AppException: outer\ncaused by DerivedException: mid\\ndle\ncaused by AppException: "
                                 "<No message available>"));
         QCOMPARE(outer.toString(true),
                  QStringLiteral("AppException: outer\n  at void c() in c.cpp line 3\n"
-                                "caused by DerivedException: middle\n  at void b() in b.cpp line 2\n"
+                                "caused by DerivedException: mid\\ndle\n  at void b() in b.cpp line 2\n"
                                 "caused by AppException: <No message available>\n  at void a() in a.cpp line 1"));
         QCOMPARE(QString::fromLatin1(typeid(AppException).name()), QStringLiteral("12AppException"));
     }

@@ -96,6 +96,38 @@ private slots:
         QCOMPARE(result(host.call(QStringLiteral("GetVersion"))).toString(), QStringLiteral("2.6.1 (qt)"));
     }
 
+    // Text from the page or the browser is logged escaped, so it cannot start a log line of its own.
+    void outsideTextCannotAddLogLines_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QJsonObject>("request");
+        const QString forged = QStringLiteral("\nFORGED-LINE");
+        QTest::newRow("method name") << QStringList()
+                                     << QJsonObject{{QStringLiteral("method"), HostProcess::method(QStringLiteral("Get") + forged)}};
+        QTest::newRow("id") << QStringList()
+                            << QJsonObject{{QStringLiteral("method"), HostProcess::method(QStringLiteral("GetVersion"))},
+                                           {QStringLiteral("id"), QStringLiteral("7") + forged}};
+        QTest::newRow("command-line argument")
+            << QStringList{QStringLiteral("--bogus") + forged}
+            << QJsonObject{{QStringLiteral("method"), HostProcess::method(QStringLiteral("GetVersion"))}};
+    }
+
+    void outsideTextCannotAddLogLines()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QJsonObject, request);
+        HostProcess host;
+        host.enableLog();
+        QVERIFY(host.start(arguments));
+        QCOMPARE(host.call(QStringLiteral("CreateInstance")).value(QStringLiteral("error")), QJsonValue(QJsonValue::Null));
+        host.send(request);
+        QVERIFY(!host.readAnswer().isEmpty());
+        const QStringList lines = host.logLines();
+        for (const QString& line : lines)
+            QVERIFY2(!line.startsWith(QStringLiteral("FORGED-LINE")), qPrintable(line));
+        QVERIFY2(host.logContains(QStringLiteral("\\nFORGED-LINE")), qPrintable(lines.join('\n')));
+    }
+
     void methodsNeedingAnArgumentRefuseEveryFormOfNone()
     {
         HostProcess host;

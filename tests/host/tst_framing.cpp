@@ -5,6 +5,8 @@
 #include <QTest>
 #include <QtEndian>
 
+#include <unistd.h>
+
 // The stdin/stdout framing of the built host, driven through real pipes.
 class TestFraming : public QObject
 {
@@ -68,6 +70,29 @@ private slots:
         QCOMPARE(host.readAnswer().value(QStringLiteral("result")).toString(), QStringLiteral("2.6.1 (qt)"));
         QVERIFY(host.logContains(QStringLiteral("End of file reached")));
         QVERIFY(host.logContains(QStringLiteral("Exiting write thread without an exception")));
+    }
+
+    void browserNoLongerReadingEndsTheHostNormally()
+    {
+        HostProcess host;
+        host.enableLog();
+        // The host's stdout is a pipe whose reading end is already closed, as when the browser
+        // has stopped reading: the first answer meets a broken pipe.
+        host.qprocess().setChildProcessModifier([] {
+            int ends[2];
+            if (::pipe(ends) == 0) {
+                ::close(ends[0]);
+                ::dup2(ends[1], STDOUT_FILENO);
+                ::close(ends[1]);
+            }
+        });
+        QVERIFY(host.start());
+        host.send(QJsonObject{{QStringLiteral("method"), QString::fromLatin1(HostProcess::createInstance)}});
+        QVERIFY(host.waitForExit());
+        QCOMPARE(host.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(host.exitCode(), 0);
+        QVERIFY2(host.logContains(QStringLiteral("Exiting write thread because of exception: AppException: ")),
+                 qPrintable(host.logLines().join('\n')));
     }
 
     void framesArrivingInPiecesAndLargeFramesAreReadWhole()

@@ -34,6 +34,19 @@ CK_RV stubGenerateKeyPair(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_ATTRIBUTE_PTR,
 
 CK_RV stubFinalize(CK_VOID_PTR) { return 0x80000001UL; }
 
+CK_RV stubFindObjectsInit(CK_SESSION_HANDLE, CK_ATTRIBUTE_PTR, CK_ULONG) { return CKR_OK; }
+
+// A module whose texts try to start log lines of their own.
+CK_RV stubGetSlotInfo(CK_SLOT_ID, CK_SLOT_INFO_PTR info)
+{
+    std::memset(info, ' ', sizeof(info->slotDescription) + sizeof(info->manufacturerID));
+    std::memcpy(info->slotDescription, "Reader\nFORGED", 13);
+    std::memcpy(info->manufacturerID, "Maker\r\t", 7);
+    info->flags = 0;
+    info->hardwareVersion = info->firmwareVersion = CK_VERSION{1, 0};
+    return CKR_OK;
+}
+
 CK_FUNCTION_LIST stubList()
 {
     CK_FUNCTION_LIST list;
@@ -41,10 +54,20 @@ CK_FUNCTION_LIST stubList()
     list.C_GetAttributeValue = stubGetAttributeValue;
     list.C_GenerateKeyPair = stubGenerateKeyPair;
     list.C_Finalize = stubFinalize;
+    list.C_FindObjectsInit = stubFindObjectsInit;
+    list.C_GetSlotInfo = stubGetSlotInfo;
     return list;
 }
 
 QString pointer(const void* p) { return QString::asprintf("%p", p); }
+QString pointer(quintptr p) { return pointer(reinterpret_cast<const void*>(p)); }
+
+// Attribute entries as the bytes of an attribute value, one byte off alignment.
+QByteArray entryBytes(const QList<CK_ATTRIBUTE>& entries)
+{
+    return QByteArray(1, '\x55')
+           + QByteArray(reinterpret_cast<const char*>(entries.constData()), entries.size() * int(sizeof(CK_ATTRIBUTE)));
+}
 
 // Each expected message appears, in this order, with anything between.
 QString missingInOrder(const QStringList& messages, const QStringList& expected)
@@ -138,7 +161,6 @@ private slots:
                 QStringLiteral("  *** Begin attribute template ***"),
                 QStringLiteral("  Attribute 0"), QStringLiteral("   Attribute: 0 (CKA_CLASS)"),
                 QStringLiteral("   pValue: ") + pointer(&keyClass), QStringLiteral("   ulValueLen: 8"),
-                QStringLiteral("   *pValue: HEX(0300000000000000)"),
                 QStringLiteral("  *** End attribute template ***"),
                 QStringLiteral("  Attribute 2"), QStringLiteral("   Attribute: 1073742354 (CKA_UNWRAP_TEMPLATE)"),
                 QStringLiteral("   pValue: ") + pointer(bytes),
@@ -163,6 +185,64 @@ private slots:
                                      + QStringList{QStringLiteral("C_GetAttributeValue returned 17 "
                                                                   "(CKR_ATTRIBUTE_SENSITIVE)")};
         QCOMPARE(traceMessages(LogHandler::hostLogPath()), expected);
+    }
+
+    // An array attribute's value comes from a request: the pointers in it are never followed.
+    void nestedTemplatesAreShownFromTheValueBytesOnly_data()
+    {
+        QTest::addColumn<CK_ATTRIBUTE_TYPE>("type");
+        QTest::addColumn<QByteArray>("value");
+        QTest::addColumn<QStringList>("lines");
+        QTest::newRow("wrap template with wild pointers")
+            << CK_ATTRIBUTE_TYPE(CKA_WRAP_TEMPLATE)
+            << entryBytes({{CKA_CLASS, reinterpret_cast<void*>(0x10), 8},
+                           {CKA_UNWRAP_TEMPLATE, reinterpret_cast<void*>(0xdead0000), 2 * sizeof(CK_ATTRIBUTE)}})
+            << QStringList{QStringLiteral("   Attribute: 1073742353 (CKA_WRAP_TEMPLATE)"), QStringLiteral("   ulValueLen: 48"),
+                           QStringLiteral("  Attribute 0"), QStringLiteral("   Attribute: 0 (CKA_CLASS)"),
+                           QStringLiteral("   pValue: ") + pointer(0x10), QStringLiteral("   ulValueLen: 8"),
+                           QStringLiteral("  Attribute 1"), QStringLiteral("   Attribute: 1073742354 (CKA_UNWRAP_TEMPLATE)"),
+                           QStringLiteral("   pValue: ") + pointer(0xdead0000), QStringLiteral("   ulValueLen: 48")};
+        // CKM_RSA_PKCS, CKM_SHA256_RSA_PKCS, CKM_ECDSA: 24 bytes, read as one attribute.
+        const CK_MECHANISM_TYPE mechanisms[] = {CKM_RSA_PKCS, CKM_SHA256_RSA_PKCS, CKM_ECDSA};
+        QTest::newRow("24-byte allowed mechanisms")
+            << CK_ATTRIBUTE_TYPE(CKA_ALLOWED_MECHANISMS)
+            << QByteArray(1, '\x55') + QByteArray(reinterpret_cast<const char*>(mechanisms), sizeof(mechanisms))
+            << QStringList{QStringLiteral("   Attribute: 1073743360 (CKA_ALLOWED_MECHANISMS)"), QStringLiteral("   ulValueLen: 24"),
+                           QStringLiteral("  Attribute 0"), QStringLiteral("   Attribute: 1 (CKA_TOKEN)"),
+                           QStringLiteral("   pValue: ") + pointer(0x40), QStringLiteral("   ulValueLen: 4161")};
+    }
+
+    void nestedTemplatesAreShownFromTheValueBytesOnly()
+    {
+        QFETCH(CK_ATTRIBUTE_TYPE, type);
+        QFETCH(QByteArray, value);
+        QFETCH(QStringList, lines); // the attribute's type and length lines, then the nested entries
+        switchTrace(true);
+        CK_FUNCTION_LIST list = stubList();
+        CK_ATTRIBUTE attribute = {type, value.data() + 1, CK_ULONG(value.size() - 1)};
+        QCOMPARE(Pkcs11Logger(&list).C_FindObjectsInit(5, &attribute, 1), CKR_OK);
+
+        const QString begin = QStringLiteral("  *** Begin attribute template ***");
+        const QString end = QStringLiteral("  *** End attribute template ***");
+        const QStringList expected = QStringList{QStringLiteral("Going to call C_FindObjectsInit"), QStringLiteral("Input"),
+                                                 QStringLiteral(" hSession: 5"), QStringLiteral(" pTemplate: ") + pointer(&attribute),
+                                                 QStringLiteral(" ulCount: 1"), begin, QStringLiteral("  Attribute 0"), lines[0],
+                                                 QStringLiteral("   pValue: ") + pointer(attribute.pValue), lines[1], begin}
+                                     + lines.mid(2)
+                                     + QStringList{end, end, QStringLiteral("C_FindObjectsInit returned 0 (CKR_OK)")};
+        QCOMPARE(traceMessages(LogHandler::hostLogPath()), expected);
+    }
+
+    void moduleTextsStayOnTheirLine()
+    {
+        switchTrace(true);
+        CK_FUNCTION_LIST list = stubList();
+        CK_SLOT_INFO info;
+        QCOMPARE(Pkcs11Logger(&list).C_GetSlotInfo(1, &info), CKR_OK);
+        const QStringList messages = traceMessages(LogHandler::hostLogPath());
+        QCOMPARE(missingInOrder(messages, {QStringLiteral("  slotDescription: Reader\\nFORGED") + QString(51, QLatin1Char(' ')),
+                                           QStringLiteral("  manufacturerID: Maker\\r\\t") + QString(25, QLatin1Char(' '))}),
+                 QString());
     }
 
     void showsMechanismParametersAndNewKeyHandles()
