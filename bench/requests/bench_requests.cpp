@@ -54,7 +54,7 @@ double timeParse(const QString& argument, QString* outcome)
     return double(timer.nsecsElapsed()) / 1e6;
 }
 
-// A GetSlots request whose operation element is `operation`, padded with plain text to `size`.
+// The sample GetSlots request with `operation` as its operation element.
 QString getSlots(const QString& operation)
 {
     return QString::fromUtf8(TestRequests::xml(QStringLiteral("getslots-2022"), QStringLiteral("0f8fad5b-d9cb-469f-a165-70867728950e"),
