@@ -5,7 +5,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <new>
 
 bool CkAttributeParser::getAttributeByteArray(CK_ATTRIBUTE_TYPE type, const QByteArray& value,
                                               CK_ATTRIBUTE* attribute) const
@@ -130,35 +129,4 @@ bool CkAttributeParser::getAttributeDate(CK_ATTRIBUTE_TYPE type, const QString& 
     std::memcpy(date.month, month.constData(), qMin(sizeof(date.month), size_t(month.size())));
     std::memcpy(date.day, day.constData(), qMin(sizeof(date.day), size_t(day.size())));
     return getAttributeByteArray(type, QByteArray(reinterpret_cast<const char*>(&date), sizeof(date)), attribute);
-}
-
-void CkAttributeParser::freeAttributeValues(QList<CK_ATTRIBUTE>& attributes)
-{
-    for (CK_ATTRIBUTE& attribute : attributes) {
-        std::free(attribute.pValue);
-        attribute.pValue = nullptr;
-    }
-    attributes.clear();
-}
-
-QList<CK_ATTRIBUTE> CkAttributeParser::copyAttributes(const QList<CK_ATTRIBUTE>& attributes)
-{
-    QList<CK_ATTRIBUTE> copies;
-    copies.reserve(attributes.size());
-    try {
-        for (const CK_ATTRIBUTE& attribute : attributes) {
-            CK_ATTRIBUTE copy = attribute;
-            if (attribute.pValue) {
-                copy.pValue = std::malloc(qMax<size_t>(attribute.ulValueLen, 1));
-                if (!copy.pValue)
-                    throw std::bad_alloc();
-                std::memcpy(copy.pValue, attribute.pValue, attribute.ulValueLen);
-            }
-            copies.append(copy);
-        }
-    } catch (...) {
-        freeAttributeValues(copies);
-        throw;
-    }
-    return copies;
 }

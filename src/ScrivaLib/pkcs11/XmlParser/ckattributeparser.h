@@ -3,7 +3,6 @@
 #include <p11-kit/pkcs11.h>
 
 #include <QByteArray>
-#include <QList>
 #include <QString>
 
 // Turns the text of one request attribute element into a CK_ATTRIBUTE whose value lives in a
@@ -22,9 +21,4 @@ public:
     bool getAttributeUnsignedLong(CK_ATTRIBUTE_TYPE type, const QString& value, CK_ATTRIBUTE* attribute) const;
     // A CK_DATE (year, month, day as ASCII digits) of an ISO 8601 date-time, in the zone it states.
     bool getAttributeDate(CK_ATTRIBUTE_TYPE type, const QString& value, CK_ATTRIBUTE* attribute) const;
-
-    // Releases every value buffer of the list and nulls the pointers.
-    static void freeAttributeValues(QList<CK_ATTRIBUTE>& attributes);
-    // A copy of the list with value buffers of its own; throws std::bad_alloc when memory runs out.
-    static QList<CK_ATTRIBUTE> copyAttributes(const QList<CK_ATTRIBUTE>& attributes);
 };

@@ -1,7 +1,8 @@
 #include "pkcs11operationdataparser.h"
 
 #include "appexception.h"
-#include "ckattributelistguard.h"
+#include "ckattributelist.h"
+#include "loghandler.h"
 #include "scrivanamespaces.h"
 #include "tokenidentificationreader.h"
 #include "xmlschemavalidator.h"
@@ -15,7 +16,7 @@
 #include <QXmlStreamReader>
 #include <QtDebug>
 
-#include <cstdlib>
+#include <utility>
 
 namespace {
 
@@ -105,7 +106,8 @@ void Pkcs11OperationDataParser::xmlValidationErrorHandler(void* userData, XmlErr
     Q_UNUSED(userData);
     if (!error || !error->message)
         return;
-    qWarning().noquote() << QString::fromUtf8(error->message).trimmed();
+    // libxml2 quotes request text in its messages.
+    qWarning().noquote() << LogHandler::escaped(QString::fromUtf8(error->message).trimmed());
 }
 
 bool Pkcs11OperationDataParser::parseLibraryData(QXmlStreamReader* reader, Pkcs11LibraryData** libraryData) const
@@ -300,8 +302,7 @@ bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
         return false;
 
     TokenIdentificationReader token;
-    QList<CK_ATTRIBUTE> attributes;
-    CkAttributeListGuard guard{&attributes};
+    CkAttributeList attributes;
     while (!reader->atEnd()) {
         reader->readNext();
         if (isEndOf(reader, "CreateObject"))
@@ -329,12 +330,11 @@ bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
         return false;
     }
     try {
-        *operationData = new CreateObjectOperationData(token.getSerialNumber(), token.getLabel(), attributes);
+        *operationData = new CreateObjectOperationData(token.getSerialNumber(), token.getLabel(), std::move(attributes));
     } catch (const AppException& exception) {
         logCreationFailure("Unable to create the operation data instance!", exception);
         return false;
     }
-    guard.release();
     return true;
 }
 
@@ -346,10 +346,11 @@ bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
         return false;
 
     TokenIdentificationReader token;
-    QList<CK_ATTRIBUTE> publicKeyAttributes;
-    QList<CK_ATTRIBUTE> privateKeyAttributes;
-    CkAttributeListGuard guard{&publicKeyAttributes, &privateKeyAttributes};
-    QList<CK_ATTRIBUTE>* currentTemplate = nullptr;
+    CkAttributeList publicKeyAttributes;
+    CkAttributeList privateKeyAttributes;
+    CkAttributeList* currentTemplate = nullptr;
+    // Holds an attribute that came before any template until it is refused.
+    CkAttributeList stray;
     QString csrSubject;
     QString enrollmentCspProvider;
     CK_MECHANISM_TYPE generateKeyPairMechanism = 0;
@@ -380,12 +381,11 @@ bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
                 qWarning("Unable to parse a CK_ATTRIBUTE!");
                 return false;
             }
+            (currentTemplate ? *currentTemplate : stray).append(attribute);
             if (!currentTemplate) {
-                std::free(attribute.pValue);
                 qWarning("Key type was not specified for this CK_ATTRIBUTE!");
                 return false;
             }
-            currentTemplate->append(attribute);
         } else if (isNamed(reader, "CsrType")) {
             // PKCS#10 is the only kind there is; the text itself is not needed.
             reader->readElementText();
@@ -448,12 +448,12 @@ bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
     try {
         *operationData = new GenerateCsrOperationData(
             token.getSerialNumber(), token.getLabel(), generateKeyPairMechanism, csrSigningMechanism, csrDigestMechanism,
-            CsrType::PKCS10, csrSubject, enrollmentCspProvider, publicKeyAttributes, privateKeyAttributes, kovData);
+            CsrType::PKCS10, csrSubject, enrollmentCspProvider, std::move(publicKeyAttributes),
+            std::move(privateKeyAttributes), kovData);
     } catch (const AppException& exception) {
         logCreationFailure("Unable to create the operation data instance!", exception);
         return false;
     }
-    guard.release();
     return true;
 }
 

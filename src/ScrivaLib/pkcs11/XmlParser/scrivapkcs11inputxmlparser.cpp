@@ -1,6 +1,7 @@
 #include "scrivapkcs11inputxmlparser.h"
 
 #include "appexception.h"
+#include "loghandler.h"
 #include "pkcs11operationdataparser.h"
 #include "responsecryptoprocessor.h"
 #include "scrivanamespaces.h"
@@ -71,6 +72,14 @@ ScrivaPkcs11OperationData<T>* ScrivaPkcs11InputXmlParser<T>::parseXml(const QStr
     QString nonce;
 
     QXmlStreamReader reader(xml);
+    // A reader that stopped early saw less than libxml2 validated: whatever a routine made of the
+    // rest is not the request, so the refusal is the validation's.
+    const auto refusal = [&reader](const char* text) {
+        if (!reader.hasError())
+            return QString::fromLatin1(text);
+        qWarning().noquote() << "XML reader stopped:" << LogHandler::escaped(reader.errorString());
+        return QStringLiteral("Unsuccessful XML validation!");
+    };
     while (!reader.atEnd()) {
         reader.readNext();
         if (!reader.isStartElement())
@@ -85,23 +94,20 @@ ScrivaPkcs11OperationData<T>* ScrivaPkcs11InputXmlParser<T>::parseXml(const QStr
             // A second library group finds the output taken and is refused.
             Pkcs11LibraryData* parsed = libraryData.get();
             if (!parser.parseLibraryData(&reader, &parsed))
-                throw APP_EXCEPTION(QStringLiteral("Unable to parse Pkcs11Library data!"));
+                throw APP_EXCEPTION(refusal("Unable to parse Pkcs11Library data!"));
             libraryData.reset(parsed);
         } else if (name == ownElement) {
             qInfo("Parsing operation specific data");
             T* parsed = operationData.get();
             if (!parser.parseOperationData(&reader, &parsed))
-                throw APP_EXCEPTION(QStringLiteral("Unable to parse operation specific data!"));
+                throw APP_EXCEPTION(refusal("Unable to parse operation specific data!"));
             operationData.reset(parsed);
         } else if (operationElementNames().contains(name)) {
             throw APP_EXCEPTION(QStringLiteral("Unexpected element!"));
         }
     }
-    if (reader.hasError())
-        qWarning().noquote() << "XML reader stopped:" << reader.errorString();
-
-    if (nonce.isEmpty())
-        throw APP_EXCEPTION(QStringLiteral("Nonce is null or empty!"));
+    if (reader.hasError() || nonce.isEmpty())
+        throw APP_EXCEPTION(refusal("Nonce is null or empty!"));
     qInfo("Parsing of input XML was successful");
     auto* record = new ScrivaPkcs11OperationData<T>(libraryData.get(), operationData.get(), xmlNamespace, nonce);
     // The record owns both now.

@@ -2,6 +2,7 @@
 
 #include "ownedresource.h"
 #include "pkcs11operationdataparser.h"
+#include "requesttextscreen.h"
 
 #include <libxml/parser.h>
 
@@ -47,10 +48,14 @@ OwnedSchema compile(const QString& resourcePath)
 
 bool XmlSchemaValidator::validate(const QString& xml, const QString& resourcePath)
 {
+    if (!RequestTextScreen::admits(xml))
+        return false;
     initParser();
     const QByteArray utf8 = xml.toUtf8();
-    // No error output, no network; entities are not expanded.
-    const int options = XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NONET;
+    // No error output, no network; entities are not expanded. The bytes are UTF-8 whatever the
+    // declaration says: the stream reader reads the same text, and an encoding named in the
+    // document must not let libxml2 see markup the screen never saw.
+    const int options = XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NONET | XML_PARSE_IGNORE_ENC;
     OwnedDocument document(utf8.size() > INT_MAX
                                ? nullptr
                                : xmlReadMemory(utf8.constData(), int(utf8.size()), nullptr, nullptr, options));

@@ -1,18 +1,18 @@
 #include "createobjectoperationdata.h"
 
 #include "appexception.h"
-#include "pkcs11/XmlParser/ckattributeparser.h"
+
+#include <utility>
 
 CreateObjectOperationData::CreateObjectOperationData(const QString& tokenSerialNumber, const QString& tokenLabel,
-                                                     const QList<CK_ATTRIBUTE>& attributes)
+                                                     CkAttributeList attributes)
     : tokenSerialNumber(tokenSerialNumber), tokenLabel(tokenLabel)
 {
     if (attributes.isEmpty())
         throw APP_EXCEPTION(QStringLiteral("No CK_ATTRIBUTE provided!"));
     if (tokenSerialNumber.isEmpty())
         throw APP_EXCEPTION(QStringLiteral("TokenSerialNumber is null or empty!"));
-    // Adopted only now: nothing above may leave the caller's buffers with two owners.
-    this->attributes = attributes;
+    this->attributes = std::move(attributes);
 }
 
 CreateObjectOperationData::CreateObjectOperationData(const CreateObjectOperationData* other)
@@ -21,10 +21,5 @@ CreateObjectOperationData::CreateObjectOperationData(const CreateObjectOperation
         throw APP_EXCEPTION(QStringLiteral("Other is NULL!"));
     tokenSerialNumber = other->tokenSerialNumber;
     tokenLabel = other->tokenLabel;
-    attributes = CkAttributeParser::copyAttributes(other->attributes);
-}
-
-CreateObjectOperationData::~CreateObjectOperationData()
-{
-    CkAttributeParser::freeAttributeValues(attributes);
+    attributes = other->attributes.clone();
 }

@@ -1,13 +1,14 @@
 #include "generatecsroperationdata.h"
 
 #include "appexception.h"
-#include "pkcs11/XmlParser/ckattributeparser.h"
+
+#include <utility>
 
 GenerateCsrOperationData::GenerateCsrOperationData(
     const QString& tokenSerialNumber, const QString& tokenLabel, CK_MECHANISM_TYPE generateKeyPairMechanism,
     CK_MECHANISM_TYPE csrSigningMechanism, CK_MECHANISM_TYPE csrDigestMechanism, CsrType csrType,
-    const QString& csrSubject, const QString& enrollmentCspProvider, const QList<CK_ATTRIBUTE>& publicKeyAttributes,
-    const QList<CK_ATTRIBUTE>& privateKeyAttributes, bool kovData)
+    const QString& csrSubject, const QString& enrollmentCspProvider, CkAttributeList publicKeyAttributes,
+    CkAttributeList privateKeyAttributes, bool kovData)
     : tokenSerialNumber(tokenSerialNumber),
       tokenLabel(tokenLabel),
       generateKeyPairMechanism(generateKeyPairMechanism),
@@ -30,9 +31,8 @@ GenerateCsrOperationData::GenerateCsrOperationData(
         throw APP_EXCEPTION(refusal);
     if (enrollmentCspProvider.isEmpty())
         throw APP_EXCEPTION(refusal);
-    // Adopted only now: nothing above may leave the caller's buffers with two owners.
-    this->publicKeyAttributes = publicKeyAttributes;
-    this->privateKeyAttributes = privateKeyAttributes;
+    this->publicKeyAttributes = std::move(publicKeyAttributes);
+    this->privateKeyAttributes = std::move(privateKeyAttributes);
 }
 
 GenerateCsrOperationData::GenerateCsrOperationData(const GenerateCsrOperationData* other)
@@ -47,18 +47,7 @@ GenerateCsrOperationData::GenerateCsrOperationData(const GenerateCsrOperationDat
     csrType = other->csrType;
     csrSubject = other->csrSubject;
     enrollmentCspProvider = other->enrollmentCspProvider;
-    publicKeyAttributes = CkAttributeParser::copyAttributes(other->publicKeyAttributes);
-    try {
-        privateKeyAttributes = CkAttributeParser::copyAttributes(other->privateKeyAttributes);
-    } catch (...) {
-        CkAttributeParser::freeAttributeValues(publicKeyAttributes);
-        throw;
-    }
+    publicKeyAttributes = other->publicKeyAttributes.clone();
+    privateKeyAttributes = other->privateKeyAttributes.clone();
     kovData = other->kovData;
-}
-
-GenerateCsrOperationData::~GenerateCsrOperationData()
-{
-    CkAttributeParser::freeAttributeValues(publicKeyAttributes);
-    CkAttributeParser::freeAttributeValues(privateKeyAttributes);
 }

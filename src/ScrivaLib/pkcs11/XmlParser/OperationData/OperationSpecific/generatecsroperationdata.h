@@ -1,6 +1,7 @@
 #pragma once
 
 #include "csrtype.h"
+#include "pkcs11/XmlParser/ckattributelist.h"
 
 #include <p11-kit/pkcs11.h>
 
@@ -13,16 +14,14 @@ class GenerateCsrOperationData
 {
 public:
     // The signing mechanism precedes the digest mechanism here although the request lists the
-    // digest first. Takes ownership of the templates' value buffers when construction succeeds;
-    // on a refusal the caller still owns them.
+    // digest first.
     GenerateCsrOperationData(const QString& tokenSerialNumber, const QString& tokenLabel,
                              CK_MECHANISM_TYPE generateKeyPairMechanism, CK_MECHANISM_TYPE csrSigningMechanism,
                              CK_MECHANISM_TYPE csrDigestMechanism, CsrType csrType, const QString& csrSubject,
-                             const QString& enrollmentCspProvider, const QList<CK_ATTRIBUTE>& publicKeyAttributes,
-                             const QList<CK_ATTRIBUTE>& privateKeyAttributes, bool kovData);
+                             const QString& enrollmentCspProvider, CkAttributeList publicKeyAttributes,
+                             CkAttributeList privateKeyAttributes, bool kovData);
     // Deep copy, with value buffers of its own; refuses a null pointer.
     explicit GenerateCsrOperationData(const GenerateCsrOperationData* other);
-    ~GenerateCsrOperationData();
 
     GenerateCsrOperationData(const GenerateCsrOperationData&) = delete;
     GenerateCsrOperationData& operator=(const GenerateCsrOperationData&) = delete;
@@ -36,8 +35,8 @@ public:
     // Hexadecimal text of the DER subject name, as the request gave it.
     const QString& getCsrSubject() const { return csrSubject; }
     const QString& getEnrollmentCspProvider() const { return enrollmentCspProvider; }
-    const QList<CK_ATTRIBUTE>& getPublicKeyAttributes() const { return publicKeyAttributes; }
-    const QList<CK_ATTRIBUTE>& getPrivateKeyAttributes() const { return privateKeyAttributes; }
+    const QList<CK_ATTRIBUTE>& getPublicKeyAttributes() const { return publicKeyAttributes.attributes(); }
+    const QList<CK_ATTRIBUTE>& getPrivateKeyAttributes() const { return privateKeyAttributes.attributes(); }
     bool getKovData() const { return kovData; }
 
 private:
@@ -49,7 +48,7 @@ private:
     CsrType csrType = CsrType::PKCS10;
     QString csrSubject;
     QString enrollmentCspProvider;
-    QList<CK_ATTRIBUTE> publicKeyAttributes;
-    QList<CK_ATTRIBUTE> privateKeyAttributes;
+    CkAttributeList publicKeyAttributes;
+    CkAttributeList privateKeyAttributes;
     bool kovData = false;
 };
