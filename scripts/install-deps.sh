@@ -11,7 +11,7 @@ packages=(
   softhsm2 opensc
   xvfb xauth xdotool x11-utils
   clang llvm libclang-rt-14-dev
-  valgrind python3 ccache
+  valgrind gdb python3 ccache
   chromium lintian
 )
 

@@ -16,6 +16,14 @@
 //   context_pin=5678              ... with this PIN (a null PIN is accepted with a PIN pad)
 //   token_platform=Platform text  vendor attribute 0x80001070 of object handle 0
 //   kov_data_hex=3003020101       vendor attribute 0x80000007 of public keys
+//   slow_calls=C_OpenSession,C_Sign  these calls take slow_ms longer, as through a slow card reader
+//   slow_ms=2000                  (default 1000)
+//   hold_calls=C_GenerateKeyPair  these calls wait until the file <hold_dir>/<call>.release exists
+//   hold_dir=/tmp/gates           a slowed or held call first creates <hold_dir>/<call>.entered, so
+//                                 a test knows the host is inside it
+// Calls that can be slowed or held: C_Finalize, C_GetSlotList, C_GetSlotInfo, C_GetTokenInfo,
+// C_OpenSession, C_CloseSession, C_GetSessionInfo, C_Login, C_CreateObject, C_FindObjects,
+// C_GenerateKeyPair, C_SignInit, C_Sign.
 //
 // Numbers may be decimal or 0x-prefixed hexadecimal.
 
@@ -23,13 +31,16 @@
 
 #include <dlfcn.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <map>
 #include <mutex>
 #include <set>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -133,6 +144,71 @@ bool answer(CK_ATTRIBUTE& attribute, const void* value, CK_ULONG length)
     return true;
 }
 
+bool listed(const State& s, const char* key, const char* call)
+{
+    std::istringstream calls(text(s, key));
+    std::string name;
+    while (std::getline(calls, name, ','))
+        if (trim(name) == call)
+            return true;
+    return false;
+}
+
+bool fileExists(const std::string& path) { return std::ifstream(path).good(); }
+
+// Makes the call as slow as configured and holds it at its gate. Runs before the state mutex is
+// taken, so other threads reach the module meanwhile.
+void pause(const char* call)
+{
+    State& s = state();
+    bool slow = false;
+    bool held = false;
+    unsigned long slowMs = 0;
+    std::string gate;
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        slow = listed(s, "slow_calls", call);
+        slowMs = number(s, "slow_ms", 1000);
+        gate = text(s, "hold_dir");
+        held = !gate.empty() && listed(s, "hold_calls", call);
+    }
+    if (!slow && !held)
+        return;
+    if (!gate.empty())
+        std::ofstream marker(gate + "/" + call + ".entered");
+    if (slow)
+        std::this_thread::sleep_for(std::chrono::milliseconds(slowMs));
+    while (held && !fileExists(gate + "/" + call + ".release"))
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+}
+
+// Calls the test module adds nothing to except their pace.
+#define SCRIVA_PACED(call, parameters, arguments) \
+    CK_RV paced_##call parameters                \
+    {                                            \
+        pause(#call);                            \
+        return target->call arguments;           \
+    }
+
+SCRIVA_PACED(C_GetSlotList, (CK_BBOOL present, CK_SLOT_ID_PTR list, CK_ULONG_PTR count), (present, list, count))
+SCRIVA_PACED(C_GetSlotInfo, (CK_SLOT_ID slot, CK_SLOT_INFO_PTR info), (slot, info))
+SCRIVA_PACED(C_OpenSession,
+             (CK_SLOT_ID slot, CK_FLAGS flags, CK_VOID_PTR application, CK_NOTIFY notify, CK_SESSION_HANDLE_PTR session),
+             (slot, flags, application, notify, session))
+SCRIVA_PACED(C_GetSessionInfo, (CK_SESSION_HANDLE session, CK_SESSION_INFO_PTR info), (session, info))
+SCRIVA_PACED(C_CreateObject,
+             (CK_SESSION_HANDLE session, CK_ATTRIBUTE_PTR attributes, CK_ULONG count, CK_OBJECT_HANDLE_PTR object),
+             (session, attributes, count, object))
+SCRIVA_PACED(C_FindObjects, (CK_SESSION_HANDLE session, CK_OBJECT_HANDLE_PTR objects, CK_ULONG most, CK_ULONG_PTR found),
+             (session, objects, most, found))
+SCRIVA_PACED(C_GenerateKeyPair,
+             (CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_ATTRIBUTE_PTR publicTemplate,
+              CK_ULONG publicCount, CK_ATTRIBUTE_PTR privateTemplate, CK_ULONG privateCount, CK_OBJECT_HANDLE_PTR publicKey,
+              CK_OBJECT_HANDLE_PTR privateKey),
+             (session, mechanism, publicTemplate, publicCount, privateTemplate, privateCount, publicKey, privateKey))
+
+#undef SCRIVA_PACED
+
 CK_RV testInitialize(CK_VOID_PTR initArgs)
 {
     State& s = state();
@@ -156,6 +232,7 @@ CK_RV testInitialize(CK_VOID_PTR initArgs)
 
 CK_RV testFinalize(CK_VOID_PTR reserved)
 {
+    pause("C_Finalize");
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     s.lockingRefused = false;
@@ -164,6 +241,7 @@ CK_RV testFinalize(CK_VOID_PTR reserved)
 
 CK_RV testGetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info)
 {
+    pause("C_GetTokenInfo");
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     const CK_RV rv = target->C_GetTokenInfo(slot, info);
@@ -193,6 +271,7 @@ CK_RV contextLogin(State& s, CK_SESSION_HANDLE session, CK_UTF8CHAR_PTR pin, CK_
 
 CK_RV testLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pin, CK_ULONG pinLength)
 {
+    pause("C_Login");
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     if (has(s, "lock_after_wrong_pins") && s.wrongPins >= number(s, "lock_after_wrong_pins", 0))
@@ -214,6 +293,7 @@ CK_RV testLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType, CK_UTF8CHAR_PT
 
 CK_RV testCloseSession(CK_SESSION_HANDLE session)
 {
+    pause("C_CloseSession");
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     s.awaitingContextLogin.erase(session);
@@ -269,6 +349,7 @@ CK_RV testGetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, 
 
 CK_RV testSignInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE key)
 {
+    pause("C_SignInit");
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     const CK_RV rv = target->C_SignInit(session, mechanism, key);
@@ -282,6 +363,7 @@ CK_RV testSignInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJ
 CK_RV testSign(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLength, CK_BYTE_PTR signature,
                CK_ULONG_PTR signatureLength)
 {
+    pause("C_Sign");
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     if (s.awaitingContextLogin.count(session) && !s.contextLoggedIn.count(session))
@@ -323,6 +405,13 @@ bool loadTarget()
     ownList.C_GetAttributeValue = testGetAttributeValue;
     ownList.C_SignInit = testSignInit;
     ownList.C_Sign = testSign;
+    ownList.C_GetSlotList = paced_C_GetSlotList;
+    ownList.C_GetSlotInfo = paced_C_GetSlotInfo;
+    ownList.C_OpenSession = paced_C_OpenSession;
+    ownList.C_GetSessionInfo = paced_C_GetSessionInfo;
+    ownList.C_CreateObject = paced_C_CreateObject;
+    ownList.C_FindObjects = paced_C_FindObjects;
+    ownList.C_GenerateKeyPair = paced_C_GenerateKeyPair;
     return true;
 }
 
