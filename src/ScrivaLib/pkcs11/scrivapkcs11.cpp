@@ -26,7 +26,11 @@
 #include <atomic>
 #include <type_traits>
 
+#include <malloc.h>
+
 namespace {
+
+constexpr qsizetype largeRequestSize = 1 << 20;
 
 // Set while a token worker runs, cleared by the worker itself before it reports its result.
 std::atomic<bool> tokenWorkerRunning{false};
@@ -147,7 +151,16 @@ void ScrivaPkcs11::startOperation(AsyncOperation operation, const QString& args)
     // check, the nonce included, has passed.
     checking = new QFutureWatcher<CheckedRequest>(this);
     connect(checking, &QFutureWatcher<CheckedRequest>::finished, this, &ScrivaPkcs11::onRequestChecked);
-    checking->setFuture(QtConcurrent::run([args] { return checkRequest<T>(args); }));
+    checking->setFuture(QtConcurrent::run([request = std::make_shared<QString>(args)] {
+        CheckedRequest checked = checkRequest<T>(*request);
+        // A large request leaves the pages of its copies behind; they go back to the system now
+        // that the request has been let go of, so the host returns to its idle size.
+        const bool large = request->size() > largeRequestSize;
+        *request = QString();
+        if (large)
+            malloc_trim(0);
+        return checked;
+    }));
 }
 
 template<typename T>
