@@ -1,6 +1,7 @@
 #include "scrivapkcs11inputxmlparser.h"
 
 #include "appexception.h"
+#include "terminatingflag.h"
 #include "loghandler.h"
 #include "pkcs11operationdataparser.h"
 #include "responsecryptoprocessor.h"
@@ -20,6 +21,14 @@
 #include <type_traits>
 
 namespace {
+
+// A large request takes a while to check; the host that quits meanwhile does not wait for the
+// rest of it. Checked between the stages, each of which costs time linear in the request.
+void throwIfTerminating()
+{
+    if (TerminatingFlag::isSet())
+        throw APP_EXCEPTION(QStringLiteral("Scriva is terminating"));
+}
 
 const QStringList& operationElementNames()
 {
@@ -62,6 +71,7 @@ ScrivaPkcs11OperationData<T>* ScrivaPkcs11InputXmlParser<T>::parseXml(const QStr
         throw APP_EXCEPTION(QStringLiteral("Invalid XML namespace!"));
 
     Pkcs11OperationDataParser parser;
+    throwIfTerminating();
     if (!parser.validate(xml, xmlNamespace))
         throw APP_EXCEPTION(QStringLiteral("Unsuccessful XML validation!"));
 
@@ -71,6 +81,7 @@ ScrivaPkcs11OperationData<T>* ScrivaPkcs11InputXmlParser<T>::parseXml(const QStr
     std::unique_ptr<T> operationData;
     QString nonce;
 
+    throwIfTerminating();
     QXmlStreamReader reader(xml);
     // A reader that stopped early saw less than libxml2 validated: whatever a routine made of the
     // rest is not the request, so the refusal is the validation's.
