@@ -21,6 +21,9 @@ export const EXECUTABLES = {
 const CHROMIUM_ARGS = [
   "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--no-default-browser-check",
   "--disable-background-networking", "--disable-component-update", "--disable-sync", "--disable-domain-reliability",
+  "--disable-features=AutofillServerCommunication,OptimizationHintsFetching,MediaRouter",
+  // What the flags above leave (sign-in, update checks) finds no name but the loopback's.
+  "--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE localhost, EXCLUDE 127.0.0.1",
 ];
 const FIREFOX_PREFS = {
   "app.update.auto": false,
@@ -44,8 +47,11 @@ const FIREFOX_PREFS = {
   "toolkit.telemetry.enabled": false,
   "toolkit.telemetry.server": "",
   "toolkit.telemetry.unified": false,
-  "services.settings.server": "http://127.0.0.1:9/",
+  // Remote settings stay off only with this server and the variable below.
+  "services.settings.server": "data:,#remote-settings-dummy/v1",
 };
+// Firefox's own switch for test runs: it refuses every connection beyond the loopback.
+const FIREFOX_ENV = { MOZ_DISABLE_NONLOCAL_CONNECTIONS: "1" };
 
 // Where each browser looks for a user's host manifests, below its profile or HOME.
 function manifestFolder(name, profile, home) {
@@ -75,7 +81,8 @@ export class BrowserSession {
       executablePath: EXECUTABLES[name], headless: true, userDataDir: profile, pipe: name === "chromium",
       env: {
         ...process.env, HOME: home, TMPDIR: session.tmp, XDG_CONFIG_HOME: path.join(home, ".config"),
-        XDG_CACHE_HOME: path.join(home, ".cache"), XDG_DATA_HOME: path.join(home, ".local", "share"), ...env,
+        XDG_CACHE_HOME: path.join(home, ".cache"), XDG_DATA_HOME: path.join(home, ".local", "share"),
+        ...(name === "firefox" ? FIREFOX_ENV : {}), ...env,
       },
       protocolTimeout: 180000,
     };
