@@ -209,6 +209,7 @@ async function exercisePages(session, pageB, url, hosts) {
     check((error === "RequestTooLarge") === refused && !["Error", "Timeout", "NativeHostDisconnected"].includes(error) &&
           error !== undefined, what, answer);
   }
+  // Firefox's WebDriver BiDi does not reach a content script's world; the check is the same script.
   if (session.name === "chromium")
     await bypassContentScript(pageB);
   check(await pageCall(pageB, "scrivaDemo.client.getVersion()") === VERSION,
