@@ -17,6 +17,13 @@ export const EXECUTABLES = {
   firefox: process.env.SCRIVA_FIREFOX || "/usr/bin/firefox-esr",
 };
 
+// Where the browsers find hosts registered for every user: a manifest there (the package's) would
+// be found instead of, or beside, the one a session registers.
+export const SYSTEM_MANIFESTS = {
+  chromium: `/etc/chromium/native-messaging-hosts/${HOST_NAME}.json`,
+  firefox: `/usr/lib/mozilla/native-messaging-hosts/${HOST_NAME}.json`,
+};
+
 // No background traffic: the machines that run the tests reach no network but the loopback.
 const CHROMIUM_ARGS = [
   "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--no-default-browser-check",

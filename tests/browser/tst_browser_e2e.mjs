@@ -21,7 +21,7 @@ try {
   console.log(`SKIP: puppeteer-core is not installed (npm ci in tests/browser): ${error.message}`);
   process.exit(77);
 }
-const { BrowserSession, EXECUTABLES, EXTENSION_IDS, HOST_NAME, serveDemo } = drivers;
+const { BrowserSession, EXECUTABLES, EXTENSION_IDS, SYSTEM_MANIFESTS, serveDemo } = drivers;
 
 const SOFTHSM = "/usr/lib/softhsm/libsofthsm2.so";
 const LABEL = "Scriva token", USER_PIN = "1234";
@@ -241,6 +241,10 @@ async function main() {
   const name = args.browser;
   if (!fs.existsSync(EXECUTABLES[name])) {
     console.log(`SKIP: ${name} is not installed (${EXECUTABLES[name]})`);
+    return 77;
+  }
+  if (fs.existsSync(SYSTEM_MANIFESTS[name])) {
+    console.log(`SKIP: ${SYSTEM_MANIFESTS[name]} (an installed package) would answer instead of the build's host`);
     return 77;
   }
   fs.rmSync(args.work, { recursive: true, force: true });
