@@ -48,13 +48,15 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "chromium | firefox-esr | google-chrome-stable")
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "chromium | firefox-esr | google-chrome-stable | brave-browser | vivaldi-stable | microsoft-edge-stable")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "opensc-pkcs11")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 # The manifests in /etc are configuration: an administrator's edits survive upgrades.
-file(WRITE ${debStage}/conffiles "/etc/chromium/native-messaging-hosts/${SCRIVA_HOST_NAME}.json
-/etc/opt/chrome/native-messaging-hosts/${SCRIVA_HOST_NAME}.json
-")
+set(conffiles "")
+foreach(dir ${SCRIVA_CHROMIUM_SYSTEM_MANIFEST_DIRS})
+  string(APPEND conffiles "${dir}/${SCRIVA_HOST_NAME}.json\n")
+endforeach()
+file(WRITE ${debStage}/conffiles "${conffiles}")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${debStage}/conffiles)
 
 include(CPack)

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what building, testing and the demo need on Debian 12. Safe to run again:
-# it asks apt only for packages that are not installed yet.
+# it asks apt only for packages that are not installed yet, and npm only when the browser tests'
+# lock file changed.
 set -euo pipefail
 
 packages=(
@@ -12,8 +13,11 @@ packages=(
   xvfb xauth xdotool x11-utils
   clang llvm libclang-rt-14-dev
   valgrind gdb python3 ccache
-  chromium lintian
+  chromium firefox-esr lintian
 )
+# Node.js drives the browsers in the browser tests; a machine may have its own build of it.
+command -v node >/dev/null || packages+=(nodejs)
+command -v npm >/dev/null || packages+=(npm)
 
 missing=()
 for p in "${packages[@]}"; do
@@ -26,4 +30,14 @@ if [ ${#missing[@]} -gt 0 ]; then
   echo "Installing: ${missing[*]}"
   $sudo apt-get update -qq
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+
+# puppeteer-core, pinned by tests/browser/package-lock.json. It drives the Debian browsers above and
+# never downloads one of its own.
+browser_tests=$(cd "$(dirname "$0")/../tests/browser" && pwd)
+stamp=$browser_tests/node_modules/.scriva-installed-lock
+if ! cmp -s "$browser_tests/package-lock.json" "$stamp"; then
+  echo "Installing the browser tests' npm packages"
+  (cd "$browser_tests" && PUPPETEER_SKIP_DOWNLOAD=1 npm ci --no-audit --no-fund --loglevel=error)
+  cp "$browser_tests/package-lock.json" "$stamp"
 fi

@@ -82,12 +82,13 @@ function onHostGone(session, host) {
   if (host !== session.host)
     return;
   session.host = null;
-  // Chromium reports through lastError, Firefox through the port.
+  // Chromium reports through lastError ("… host not found.", "… is forbidden.", "Failed to start
+  // …"), Firefox through the port, with "No such native application …" for all three.
   const reason = (host.port.error || api.runtime.lastError || {}).message || "";
   const entry = session.inFlight;
   if (entry) {
     session.inFlight = null;
-    if (!host.heard && /not found|forbidden|failed to start/i.test(reason))
+    if (!host.heard && /not found|forbidden|failed to start|no such native application/i.test(reason))
       fail(session, entry, "NativeHostNotAvailable", reason);
     else
       fail(session, entry, "NativeHostDisconnected", reason || "The ScrivaPkcs11 program ended.");

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """The extension and the host manifests must name each other, and install-host.sh must put the
-manifests where the browsers look and take them away again."""
+manifests where Chromium, Google Chrome, Brave, Vivaldi, Microsoft Edge and Firefox look, and take
+them away again."""
 import argparse
 import base64
 import hashlib
@@ -11,6 +12,13 @@ import sys
 import tempfile
 
 HOST_NAME = "com.corvant.scriva.pkcs11"
+# Where Chromium, Google Chrome, Brave, Vivaldi, Microsoft Edge and Firefox look on Linux.
+USER_FOLDERS = [".config/chromium/NativeMessagingHosts", ".config/google-chrome/NativeMessagingHosts",
+                ".config/BraveSoftware/Brave-Browser/NativeMessagingHosts", ".config/vivaldi/NativeMessagingHosts",
+                ".config/microsoft-edge/NativeMessagingHosts", ".mozilla/native-messaging-hosts"]
+# Brave and Vivaldi read Chrome's system folder.
+SYSTEM_FOLDERS = ["etc/chromium/native-messaging-hosts", "etc/opt/chrome/native-messaging-hosts",
+                  "etc/opt/edge/native-messaging-hosts", "usr/lib/mozilla/native-messaging-hosts"]
 failures = []
 
 
@@ -63,23 +71,28 @@ def main():
     with tempfile.TemporaryDirectory() as home:
         env = {key: value for key, value in os.environ.items() if key != "XDG_CONFIG_HOME"}
         env["HOME"] = home
-        subprocess.run(["sh", script, "--user"], env=env, check=True, capture_output=True)
-        installed = files_under(home)
-        expected = sorted(os.path.join(folder, HOST_NAME + ".json") for folder in (
-            ".config/chromium/NativeMessagingHosts", ".config/google-chrome/NativeMessagingHosts",
-            ".mozilla/native-messaging-hosts"))
-        check(installed == expected, "install-host.sh --user registers with Chromium, Chrome and Firefox", installed)
-        check(load(os.path.join(home, expected[2])) == firefox, "the user's Firefox gets the Firefox manifest")
-        subprocess.run(["sh", script, "--user", "--uninstall"], env=env, check=True, capture_output=True)
-        check(files_under(home) == [], "install-host.sh --uninstall removes them", files_under(home))
-
         root = os.path.join(home, "root")
-        subprocess.run(["sh", script, "--system", "--root", root], check=True, capture_output=True)
-        system = files_under(root)
-        check(system == sorted(["etc/chromium/native-messaging-hosts/" + HOST_NAME + ".json",
-                                "etc/opt/chrome/native-messaging-hosts/" + HOST_NAME + ".json",
-                                "usr/lib/mozilla/native-messaging-hosts/" + HOST_NAME + ".json"]),
-              "install-host.sh --system uses the browsers' system-wide folders", system)
+        # The folders that stay after uninstalling: the ones every user or system has anyway.
+        for scope, folders, kept in (("--user", USER_FOLDERS, [".", ".config"]),
+                                     ("--system", SYSTEM_FOLDERS, [".", "etc", "usr", "usr/lib", "usr/lib/mozilla"])):
+            top = home if scope == "--user" else root
+            extra = [] if scope == "--user" else ["--root", root]
+            subprocess.run(["sh", script, scope] + extra, env=env, check=True, capture_output=True)
+            installed = files_under(top)
+            expected = sorted(os.path.join(folder, HOST_NAME + ".json") for folder in folders)
+            check(installed == expected, f"install-host.sh {scope} registers with every browser", installed)
+            wrong = [path for path in installed if load(os.path.join(top, path)) != (firefox if "mozilla" in path else chromium)
+                     or os.stat(os.path.join(top, path)).st_mode & 0o777 != 0o644]
+            check(not wrong, f"install-host.sh {scope} gives each browser its manifest, readable by all", wrong)
+            subprocess.run(["sh", script, scope, "--uninstall"] + extra, env=env, check=True, capture_output=True)
+            left = sorted(os.path.relpath(folder, top) for folder, _, _ in os.walk(top))
+            check(files_under(top) == [] and left == kept,
+                  f"install-host.sh {scope} --uninstall removes them and the folders it made", left)
+
+        xdg = dict(env, XDG_CONFIG_HOME=os.path.join(home, "xdg"))
+        subprocess.run(["sh", script, "--user"], env=xdg, check=True, capture_output=True)
+        check(len(files_under(os.path.join(home, "xdg"))) == len(USER_FOLDERS) - 1,
+              "install-host.sh --user follows XDG_CONFIG_HOME for the Chromium family", files_under(home))
         missing = subprocess.run(["sh", script, "--user", "--manifests", os.path.join(home, "none")], env=env,
                                  capture_output=True, text=True)
         check(missing.returncode != 0 and "missing" in missing.stderr, "install-host.sh refuses without manifests",

@@ -23,6 +23,7 @@ EXPECTED = {
     PREFIX + "/share/scriva/install-host.sh",
     "/etc/chromium/native-messaging-hosts/" + HOST,
     "/etc/opt/chrome/native-messaging-hosts/" + HOST,
+    "/etc/opt/edge/native-messaging-hosts/" + HOST,
     "/usr/lib/mozilla/native-messaging-hosts/" + HOST,
     "/usr/share/doc/scriva-pkcs11/copyright",
     "/usr/share/doc/scriva-pkcs11/changelog.Debian.gz",
