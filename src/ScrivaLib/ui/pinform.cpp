@@ -81,8 +81,10 @@ void PinForm::setInfo(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tok
     applyTexts();
     const bool finalTry = tokenFlags & CKF_USER_PIN_FINAL_TRY;
     ui->warningWidget->setVisible(finalTry || (tokenFlags & CKF_USER_PIN_COUNT_LOW));
-    ui->warningWidget->setStyleSheet(finalTry ? QStringLiteral("#warningWidget { background: #fde7e9; border: 1px solid #c42b1c; border-radius: 3px; }")
-                                              : QStringLiteral("#warningWidget { background: #fff4ce; border: 1px solid #c19c00; border-radius: 3px; }"));
+    // Amber for earlier wrong PINs, red for the last try.
+    const QString box = QStringLiteral("#warningWidget { background: %1; border: 1px solid %2; border-radius: 3px; }");
+    ui->warningWidget->setStyleSheet(finalTry ? box.arg(QLatin1String("#fde7e9"), QLatin1String("#c42b1c"))
+                                              : box.arg(QLatin1String("#fff4ce"), QLatin1String("#c19c00")));
     if (!ui->warningWidget->isHidden())
         qInfo().noquote() << (finalTry ? "The token warns: last PIN try" : "The token warns: a wrong PIN was entered");
     connect(ui->btnOk, &QPushButton::clicked, this, &QDialog::accept, Qt::UniqueConnection);
