@@ -10,7 +10,7 @@ packages=(
   libqt6opengl6-dev libgl-dev libglx-dev libvulkan-dev
   libssl-dev openssl libxml2-dev libxml2-utils libp11-kit-dev
   softhsm2 opensc
-  xvfb xauth xdotool x11-utils
+  xvfb xauth xdotool x11-utils openbox
   clang llvm libclang-rt-14-dev
   valgrind gdb python3 ccache
   chromium firefox-esr lintian

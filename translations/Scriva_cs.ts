@@ -82,6 +82,18 @@
         <source>SavePINText</source>
         <translation>Pamatovat si PIN do konce operace</translation>
     </message>
+    <message>
+        <source>PinFormPinTitle</source>
+        <translation>PIN:</translation>
+    </message>
+    <message>
+        <source>PinFormCountLow</source>
+        <translation>Od posledního úspěšného přihlášení byl zadán chybný PIN.</translation>
+    </message>
+    <message>
+        <source>PinFormFinalTry</source>
+        <translation>Toto je poslední pokus před zablokováním PINu.</translation>
+    </message>
 </context>
 <context>
     <name>Pkcs11Library</name>

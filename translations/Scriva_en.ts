@@ -82,6 +82,18 @@
         <source>SavePINText</source>
         <translation>Remember the PIN until the operation ends</translation>
     </message>
+    <message>
+        <source>PinFormPinTitle</source>
+        <translation>PIN:</translation>
+    </message>
+    <message>
+        <source>PinFormCountLow</source>
+        <translation>A wrong PIN has been entered since the last successful login.</translation>
+    </message>
+    <message>
+        <source>PinFormFinalTry</source>
+        <translation>This is the last try before the PIN is blocked.</translation>
+    </message>
 </context>
 <context>
     <name>Pkcs11Library</name>

@@ -33,7 +33,7 @@ class TestE2eDialogs : public QObject
 
     // Starts a CreateObject of a private data object, which only a logged-in user can store, and
     // returns the PIN form it opens (empty when none shows).
-    QString startLoginOperation(const QString& label)
+    QString startLoginOperation(const QString& label, const QMap<QString, QString>& replacements = {})
     {
         const QString attributes =
             QStringLiteral("<UnsignedLongAttribute><Attribute>0</Attribute><Value>0</Value></UnsignedLongAttribute>"
@@ -42,7 +42,7 @@ class TestE2eDialogs : public QObject
                            "<StringAttribute><Attribute>3</Attribute><Value>%1</Value></StringAttribute>"
                            "<ByteArrayAttribute><Attribute>17</Attribute><Value>0102</Value></ByteArrayAttribute>")
                 .arg(label);
-        th.send(QStringLiteral("createobject-2026"), th.createObjectArgument(QStringLiteral("createobject-2026"), attributes));
+        th.send(QStringLiteral("createobject-2026"), th.createObjectArgument(QStringLiteral("createobject-2026"), attributes, replacements));
         return display.waitForWindow(QString::fromLatin1(formTitle));
     }
 
@@ -67,6 +67,8 @@ private slots:
         th.host().environment().insert(QStringLiteral("DISPLAY"), display.name());
         th.host().environment().insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
         th.host().enableLog();
+        // Only requests that name the test module see these flags.
+        QVERIFY(th.configureTestModule("user_pin_flags=final_try\n"));
         QVERIFY2(th.start(), qPrintable(th.lastError()));
         const QSslCertificate signer = QSslCertificate::fromPath(DevPki::file(DevPki::defaultSigner + QStringLiteral(".pem"))).value(0);
         hostWindowTitle = QRegularExpression::escape(signer.subjectInfo(QSslCertificate::CommonName).value(0)) + "$";
@@ -119,6 +121,17 @@ private slots:
         QVERIFY(display.key(again, QStringLiteral("Return")));
         QCOMPARE(TokenHost::error(th.host().readAnswer(60000)), QString());
         QVERIFY(th.host().logLines().join(QLatin1Char('\n')).contains(QStringLiteral("CKR_PIN_INCORRECT")));
+    }
+
+    void formWarnsOfTheTokensLastTry()
+    {
+        const QString form = startLoginOperation(QStringLiteral("last try"),
+                                                 {{QString::fromLatin1(TokenHost::sampleModule), SoftHsmToken::testModulePath()}});
+        QVERIFY(!form.isEmpty());
+        QTRY_VERIFY(!th.host().logLines().filter(QStringLiteral("The token warns: last PIN try")).isEmpty());
+        QVERIFY(display.type(form, TokenHost::userPin));
+        QVERIFY(display.key(form, QStringLiteral("Return")));
+        QCOMPARE(TokenHost::error(th.host().readAnswer(60000)), QString());
     }
 
     void cancelledFormAnswersOperationCanceled()

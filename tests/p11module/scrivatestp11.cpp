@@ -8,6 +8,8 @@
 //   pin_pad_pin=1234              the token reports a protected authentication path, and a
 //                                 C_Login without a PIN logs in with this PIN
 //   lock_after_wrong_pins=3       after that many wrong PINs every C_Login answers CKR_PIN_LOCKED
+//   user_pin_flags=count_low      C_GetTokenInfo adds CKF_USER_PIN_COUNT_LOW, final_try adds
+//                                 CKF_USER_PIN_FINAL_TRY (both: count_low,final_try)
 //   token_info_fail_label=Broken  C_GetTokenInfo of the token with this label fails ...
 //   token_info_fail_rv=0x30       ... with this value (default CKR_DEVICE_ERROR)
 //   cancel_sign=1                 C_Sign into a buffer answers CKR_FUNCTION_CANCELED
@@ -254,6 +256,10 @@ CK_RV testGetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info)
         info->flags |= CKF_PROTECTED_AUTHENTICATION_PATH;
     if (has(s, "lock_after_wrong_pins") && s.wrongPins >= number(s, "lock_after_wrong_pins", 0))
         info->flags |= CKF_USER_PIN_LOCKED;
+    if (listed(s, "user_pin_flags", "count_low"))
+        info->flags |= CKF_USER_PIN_COUNT_LOW;
+    if (listed(s, "user_pin_flags", "final_try"))
+        info->flags |= CKF_USER_PIN_FINAL_TRY;
     return rv;
 }
 

@@ -12,6 +12,7 @@
 #include <QSignalSpy>
 #include <QTest>
 #include <QTimer>
+#include <QTranslator>
 #include <QtConcurrent>
 
 #include <cstring>
@@ -20,21 +21,33 @@
 
 namespace {
 
-Pkcs11SlotInfo slotInfo()
+Pkcs11SlotInfo slotInfo(const QByteArray& description = "Reader 1")
 {
     CK_SLOT_INFO info{};
     std::memset(info.slotDescription, ' ', sizeof info.slotDescription);
-    std::memcpy(info.slotDescription, "Reader 1", 8);
+    std::memcpy(info.slotDescription, description.constData(), size_t(description.size()));
     return Pkcs11SlotInfo(3, info);
 }
 
-Pkcs11TokenInfo tokenInfo()
+Pkcs11TokenInfo tokenInfo(CK_FLAGS flags = 0, const QByteArray& label = "My token")
 {
     CK_TOKEN_INFO info{};
     std::memset(info.label, ' ', sizeof info.label);
-    std::memcpy(info.label, "My token", 8);
+    std::memcpy(info.label, label.constData(), size_t(label.size()));
+    info.flags = flags;
     return Pkcs11TokenInfo(3, info);
 }
+
+// The host's catalogue for the language, installed while it lives.
+struct Catalogue
+{
+    QTranslator translator;
+    explicit Catalogue(const QString& language)
+    {
+        QVERIFY(translator.load(QCoreApplication::applicationDirPath() + "/../share/translations/Scriva_" + language));
+        QCoreApplication::installTranslator(&translator);
+    }
+};
 
 // Answers the form that is open now, as a user would: type, then press a button. `field` receives
 // a string that shares the field's buffer, so the caller can see what was left in it.
@@ -219,6 +232,107 @@ private slots:
         QVERIFY(!launcher.isClosed());
         answerWhenOpen(this, [](PinForm*) { answerForm(QStringLiteral("4321"), "btnOk"); });
         QCOMPARE(text(launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN"))), QStringLiteral("4321"));
+    }
+
+    // The keyboard alone answers the form: the PIN field has the focus when it opens, Enter is OK.
+    void keyboardAnswersTheForm_data()
+    {
+        QTest::addColumn<int>("key");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("Enter accepts") << int(Qt::Key_Return) << "2468";
+        QTest::newRow("keypad Enter accepts") << int(Qt::Key_Enter) << "2468";
+        QTest::newRow("Escape cancels") << int(Qt::Key_Escape) << "";
+    }
+
+    void keyboardAnswersTheForm()
+    {
+        QFETCH(int, key);
+        QFETCH(QString, expected);
+        MainWindowPkcs11 window;
+        window.show();
+        bool focused = false;
+        answerWhenOpen(this, [&](PinForm* form) {
+            auto* field = form->findChild<QLineEdit*>(QStringLiteral("lePin"));
+            focused = QTest::qWaitFor([&] { return QApplication::focusWidget() == field; });
+            if (!focused)
+                return form->reject();
+            QTest::keyClicks(QApplication::focusWidget(), QStringLiteral("2468"));
+            QTest::keyClick(QApplication::focusWidget(), Qt::Key(key));
+        });
+        QCOMPARE(text(PinForm::needPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN"))), expected);
+        QVERIFY(focused);
+    }
+
+    // The token's own count of wrong PINs is told, in the host's languages; other flags say nothing.
+    void warningFollowsTheTokenFlags_data()
+    {
+        QTest::addColumn<qulonglong>("flags");
+        QTest::addColumn<QString>("language");
+        QTest::addColumn<QString>("warning");
+        const QString countLow = "A wrong PIN has been entered since the last successful login.";
+        const QString finalTry = "This is the last try before the PIN is blocked.";
+        QTest::newRow("none") << qulonglong(0) << "en" << "";
+        QTest::newRow("other PIN flags") << qulonglong(CKF_USER_PIN_TO_BE_CHANGED | CKF_SO_PIN_FINAL_TRY | CKF_SO_PIN_COUNT_LOW)
+                                         << "en" << "";
+        QTest::newRow("count low") << qulonglong(CKF_USER_PIN_COUNT_LOW) << "en" << countLow;
+        QTest::newRow("final try") << qulonglong(CKF_USER_PIN_FINAL_TRY) << "en" << finalTry;
+        QTest::newRow("count low, Czech") << qulonglong(CKF_USER_PIN_COUNT_LOW) << "cs"
+                                          << "Od posledního úspěšného přihlášení byl zadán chybný PIN.";
+        QTest::newRow("final try wins, Czech") << qulonglong(CKF_USER_PIN_COUNT_LOW | CKF_USER_PIN_FINAL_TRY) << "cs"
+                                               << "Toto je poslední pokus před zablokováním PINu.";
+    }
+
+    void warningFollowsTheTokenFlags()
+    {
+        QFETCH(qulonglong, flags);
+        QFETCH(QString, language);
+        QFETCH(QString, warning);
+        Catalogue catalogue(language);
+        PinForm form(nullptr, slotInfo(), tokenInfo(CK_FLAGS(flags)), QStringLiteral("user PIN"), false);
+        form.show();
+        auto* label = form.findChild<QLabel*>(QStringLiteral("lblPinWarning"));
+        QVERIFY(label);
+        QCOMPARE(label->isVisible(), !warning.isEmpty());
+        if (!warning.isEmpty())
+            QCOMPARE(label->text(), warning);
+    }
+
+    // A native dialog's width at least; long names and a language switched while the form is open
+    // widen or lengthen it, and nothing is cut off.
+    void formShowsItsTextsWhole_data()
+    {
+        QTest::addColumn<QByteArray>("reader");
+        QTest::addColumn<QByteArray>("token");
+        QTest::addColumn<QString>("language");
+        QTest::newRow("short names") << QByteArray("Reader 1") << QByteArray("My token") << "en";
+        QTest::newRow("long names, Czech while open")
+            << QByteArray("Alcor Micro USB Smart Card Reader with a very long vendor name 0")
+            << QByteArray("Podpisový token Jana Nováka") << "cs";
+    }
+
+    void formShowsItsTextsWhole()
+    {
+        QFETCH(QByteArray, reader);
+        QFETCH(QByteArray, token);
+        QFETCH(QString, language);
+        PinForm form(nullptr, slotInfo(reader), tokenInfo(CKF_USER_PIN_FINAL_TRY, token), QStringLiteral("user PIN"), true);
+        form.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&form));
+        Catalogue catalogue(language);
+        if (language == QLatin1String("cs"))
+            QTRY_COMPARE(form.findChild<QCheckBox*>()->text(), QStringLiteral("Pamatovat si PIN do konce operace"));
+        QVERIFY(form.width() >= 360);
+        for (QLabel* label : form.findChildren<QLabel*>()) {
+            if (!label->isVisible())
+                continue;
+            const QByteArray name = label->objectName().toUtf8();
+            if (label->wordWrap())
+                QTRY_VERIFY2(label->height() >= label->heightForWidth(label->width()), name);
+            else
+                QTRY_VERIFY2(label->width() >= label->sizeHint().width(), name);
+        }
+        for (QWidget* widget : {static_cast<QWidget*>(form.findChild<QCheckBox*>()), static_cast<QWidget*>(form.findChild<QLineEdit*>())})
+            QVERIFY(form.rect().contains(QRect(widget->mapTo(&form, QPoint()), widget->size())));
     }
 };
 

@@ -5,8 +5,10 @@
 #include "ui_pinform.h"
 
 #include <QApplication>
+#include <QDialogButtonBox>
 #include <QEvent>
 #include <QPointer>
+#include <QStyle>
 #include <QTimer>
 
 #include <atomic>
@@ -37,8 +39,18 @@ PinForm::PinForm(QWidget* parent, const Pkcs11SlotInfo& slotInfo, const Pkcs11To
     // The title bar's close button rejects the form like Cancel.
     connect(titleBar, &TitleBar::closeBtnClicked, this, &QDialog::reject);
     ui->frame->setStyleSheet(QStringLiteral("#frame { border: 1px solid black; }"));
+    // What the user checks before typing stands out: the request, the token and its reader.
+    for (QLabel* label : {ui->lblPinTitle, ui->tokenValue, ui->slotValue}) {
+        QFont font = label->font();
+        font.setBold(true);
+        label->setFont(font);
+    }
+    const int iconSize = style()->pixelMetric(QStyle::PM_SmallIconSize, nullptr, this);
+    ui->lblPinWarningIcon->setPixmap(style()->standardIcon(QStyle::SP_MessageBoxWarning, nullptr, this).pixmap(iconSize));
     ui->chbSavePIN->setVisible(showSavePin);
+    arrangeButtons();
     setInfo(slotInfo, tokenInfo, text);
+    ui->lePin->setFocus();
     // The field starts with room for any PIN, so typing never moves the characters to a new
     // buffer and leaves the old one behind; the one buffer is overwritten when the form ends.
     QString room;
@@ -62,14 +74,19 @@ void PinForm::setInfo(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tok
 {
     qInfo().noquote() << "Setting up slot and token info";
     informationText = text;
-    const QString information = tr("PinFormInformation");
-    ui->lblPinTitle->setText(information.contains(QLatin1String("%1")) ? information.arg(text) : information);
-    ui->tokenTitle->setText(tr("PinFormTokenTitle"));
-    ui->slotTitle->setText(tr("PinFormSlotTitle"));
+    tokenFlags = tokenInfo.getInfo().flags;
     ui->tokenValue->setText(tokenInfo.getLabel());
     ui->slotValue->setText(slotInfo.getDescription());
     ui->lePin->setEchoMode(QLineEdit::Password);
-    ui->chbSavePIN->setText(tr("SavePINText"));
+    applyTexts();
+    const bool finalTry = tokenFlags & CKF_USER_PIN_FINAL_TRY;
+    ui->warningWidget->setVisible(finalTry || (tokenFlags & CKF_USER_PIN_COUNT_LOW));
+    // Amber for earlier wrong PINs, red for the last try.
+    const QString box = QStringLiteral("#warningWidget { background: %1; border: 1px solid %2; border-radius: 3px; }");
+    ui->warningWidget->setStyleSheet(finalTry ? box.arg(QLatin1String("#fde7e9"), QLatin1String("#c42b1c"))
+                                              : box.arg(QLatin1String("#fff4ce"), QLatin1String("#c19c00")));
+    if (!ui->warningWidget->isHidden())
+        qInfo().noquote() << (finalTry ? "The token warns: last PIN try" : "The token warns: a wrong PIN was entered");
     connect(ui->btnOk, &QPushButton::clicked, this, &QDialog::accept, Qt::UniqueConnection);
     connect(ui->btnCancel, &QPushButton::clicked, this, &QDialog::reject, Qt::UniqueConnection);
     connect(this, &PinForm::afterShow, this, &PinForm::fixedSize, Qt::UniqueConnection);
@@ -87,9 +104,34 @@ void PinForm::on_btnCancel_clicked()
     qInfo().noquote() << "Button cancel clicked";
 }
 
+void PinForm::applyTexts()
+{
+    const QString information = tr("PinFormInformation");
+    ui->lblPinTitle->setText(information.contains(QLatin1String("%1")) ? information.arg(informationText) : information);
+    ui->tokenTitle->setText(tr("PinFormTokenTitle"));
+    ui->slotTitle->setText(tr("PinFormSlotTitle"));
+    ui->lblPinFieldTitle->setText(tr("PinFormPinTitle"));
+    ui->chbSavePIN->setText(tr("SavePINText"));
+    // The last try outweighs the earlier wrong ones.
+    ui->lblPinWarning->setText((tokenFlags & CKF_USER_PIN_FINAL_TRY) ? tr("PinFormFinalTry") : tr("PinFormCountLow"));
+}
+
+void PinForm::arrangeButtons()
+{
+    // The desktop's own order: where its dialogs end with OK, so does this one.
+    const int order = style()->styleHint(QStyle::SH_DialogButtonLayout, nullptr, this);
+    if (order == QDialogButtonBox::MacLayout || order == QDialogButtonBox::GnomeLayout) {
+        ui->bottomLayout->removeWidget(ui->btnOk);
+        ui->bottomLayout->addWidget(ui->btnOk);
+        setTabOrder(ui->btnCancel, ui->btnOk);
+    }
+}
+
 void PinForm::fixedSize()
 {
-    setFixedSize(size());
+    // The user cannot resize the form, yet it follows its texts (a language switched while it is
+    // open), so nothing is ever cut off.
+    layout()->setSizeConstraint(QLayout::SetFixedSize);
 }
 
 void PinForm::showEvent(QShowEvent* event)
@@ -107,11 +149,7 @@ void PinForm::changeEvent(QEvent* event)
         ui->retranslateUi(this);
         ui->tokenValue->setText(token);
         ui->slotValue->setText(slot);
-        const QString information = tr("PinFormInformation");
-        ui->lblPinTitle->setText(information.contains(QLatin1String("%1")) ? information.arg(informationText) : information);
-        ui->tokenTitle->setText(tr("PinFormTokenTitle"));
-        ui->slotTitle->setText(tr("PinFormSlotTitle"));
-        ui->chbSavePIN->setText(tr("SavePINText"));
+        applyTexts();
     }
     QDialog::changeEvent(event);
 }

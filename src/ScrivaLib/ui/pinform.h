@@ -46,10 +46,14 @@ private:
     static SecretPin run(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo, const QString& text,
                        bool* savePin);
     void wipeField();
+    // Puts the translated texts in place; again when the language changes while the form is open.
+    void applyTexts();
+    void arrangeButtons();
 
     static constexpr int maxPinLength = 256;
 
     Ui::PinForm* ui;
     SecretPin pin;
     QString informationText;
+    CK_FLAGS tokenFlags = 0;
 };

@@ -12,8 +12,18 @@ TitleBar::TitleBar(QWidget* parent)
     closeButton->setObjectName(QStringLiteral("btnClose"));
     closeButton->setText(QStringLiteral("\u2715"));
     closeButton->setAutoRaise(true);
+    // As in a system title bar: the close button is for the mouse, the keyboard has Escape.
+    closeButton->setFocusPolicy(Qt::NoFocus);
+    QFont font = titleLabel->font();
+    font.setBold(true);
+    titleLabel->setFont(font);
+    // A shade darker than the window, so the bar reads as the window's title.
+    QPalette shade = palette();
+    shade.setColor(QPalette::Window, shade.color(QPalette::Window).darker(110));
+    setPalette(shade);
+    setAutoFillBackground(true);
     auto* layout = new QHBoxLayout(this);
-    layout->setContentsMargins(8, 4, 4, 4);
+    layout->setContentsMargins(12, 4, 4, 4);
     layout->addWidget(titleLabel, 1);
     layout->addWidget(closeButton);
     connect(closeButton, &QToolButton::clicked, this, &TitleBar::closeBtnClicked);
