@@ -7,7 +7,6 @@
 // token's last try, and the message after a wrong PIN. The dialogs are the real ones, opened the
 // way the host opens them, and photographed from the screen inside their own modal loops.
 
-#include "devpki.h"
 #include "pkcs11/ui/mainwindowpkcs11.h"
 #include "ui/pinform.h"
 #include "ui/pinformlauncher.h"
@@ -107,7 +106,7 @@ int main(int argc, char** argv)
     outputFolder = QString::fromLocal8Bit(argv[1]);
 
     MainWindowPkcs11 window;
-    const QSslCertificate signer = QSslCertificate::fromPath(DevPki::file(QStringLiteral("server-chain2.pem"))).value(0);
+    const QSslCertificate signer = QSslCertificate::fromPath(QStringLiteral(SCRIVA_DEV_PKI_DIR "/server-chain2.pem")).value(0);
     window.updateWindowTitle(X509Certificate2Ultra(signer));
     window.setDescription(QStringLiteral("GetCertificatesDescription"));
     window.show();
