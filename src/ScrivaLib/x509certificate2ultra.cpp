@@ -11,8 +11,13 @@
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
+#include <QMutex>
+#include <QMutexLocker>
+
 #include <climits>
+#include <deque>
 #include <mutex>
+#include <utility>
 
 namespace {
 void freeOpenSslBuffer(unsigned char* p) { OPENSSL_free(p); }
@@ -47,16 +52,40 @@ X509Certificate2Ultra::X509Certificate2Ultra(X509* certificate) : decoded(std::m
 {
     if (!certificate)
         return;
+    unsigned char* der = nullptr;
+    const int length = i2d_X509(certificate, &der);
+    const Owned<unsigned char, freeOpenSslBuffer> owner(der);
+    const QByteArray bytes = length > 0 ? QByteArray(reinterpret_cast<const char*>(der), length) : QByteArray();
+
+    // A server signs request after request with the same certificate, and building the toolkit's
+    // certificate decodes it twice more, public key included: the dearest step of opening a request.
+    // The last few certificates seen are kept by their bytes; equal bytes are the same certificate.
+    static QMutex recentMutex;
+    static std::deque<std::pair<QByteArray, X509Certificate2Ultra>> recent;
+    constexpr size_t recentLimit = 4;
+    if (!bytes.isEmpty()) {
+        QMutexLocker locker(&recentMutex);
+        for (const auto& [recentDer, recentCertificate] : recent) {
+            if (recentDer == bytes) {
+                *this = recentCertificate;
+                return;
+            }
+        }
+    }
+
     // Already decoded: keep a reference instead of decoding the DER again later.
     X509_up_ref(certificate);
     OwnedX509 reference(certificate);
     std::call_once(decoded->once, [&] { decoded->certificate = std::move(reference); });
-    unsigned char* der = nullptr;
-    const int length = i2d_X509(certificate, &der);
-    if (length <= 0)
+    if (bytes.isEmpty())
         return;
-    const Owned<unsigned char, freeOpenSslBuffer> owner(der);
-    QSslCertificate::operator=(QSslCertificate(QByteArray(reinterpret_cast<const char*>(der), length), QSsl::Der));
+    QSslCertificate::operator=(QSslCertificate(bytes, QSsl::Der));
+    if (isNull())
+        return;
+    QMutexLocker locker(&recentMutex);
+    recent.emplace_front(bytes, *this);
+    if (recent.size() > recentLimit)
+        recent.pop_back();
 }
 
 X509Certificate2Ultra::X509Certificate2Ultra(const QByteArray& data, QSsl::EncodingFormat format)
