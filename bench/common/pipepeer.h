@@ -20,7 +20,9 @@ class PipePeer
 {
 public:
     // `environment` holds "NAME=value" entries; empty means this process's own environment.
-    explicit PipePeer(const std::string& program, const std::vector<std::string>& environment = {})
+    // `launcher` is a command (and its arguments) that is given the program to run.
+    explicit PipePeer(const std::string& program, const std::vector<std::string>& environment = {},
+                      const std::vector<std::string>& launcher = {})
     {
         int in[2], out[2];
         if (pipe(in) != 0 || pipe(out) != 0)
@@ -31,12 +33,16 @@ public:
         posix_spawn_file_actions_adddup2(&actions, out[1], 1);
         posix_spawn_file_actions_addclose(&actions, in[1]);
         posix_spawn_file_actions_addclose(&actions, out[0]);
-        char* argv[] = {const_cast<char*>(program.c_str()), nullptr};
+        std::vector<char*> argv;
+        for (const std::string& word : launcher)
+            argv.push_back(const_cast<char*>(word.c_str()));
+        argv.push_back(const_cast<char*>(program.c_str()));
+        argv.push_back(nullptr);
         std::vector<char*> envp;
         for (const std::string& entry : environment)
             envp.push_back(const_cast<char*>(entry.c_str()));
         envp.push_back(nullptr);
-        if (posix_spawn(&pid, program.c_str(), &actions, nullptr, argv, environment.empty() ? environ : envp.data())
+        if (posix_spawnp(&pid, argv.front(), &actions, nullptr, argv.data(), environment.empty() ? environ : envp.data())
             != 0)
             std::abort();
         posix_spawn_file_actions_destroy(&actions);

@@ -5,7 +5,8 @@
 // the module loaded, initialised, finalised and unloaded each time, as the host does. The two
 // take turns in rounds, so a busy machine slows both alike.
 // Usage: bench_engine [host rounds, default 10] [host: only GetSlots through the host]
-// SCRIVA_BENCH_LAUNCHER names a program to start instead of the built host (another build).
+// SCRIVA_BENCH_LAUNCHER runs the host under a tool ("valgrind --tool=callgrind"), or names another
+// build of the host to run instead (the built host's path is then its ignored argument).
 
 #include "loghandler.h"
 #include "ownedresource.h"
@@ -221,8 +222,7 @@ QString answerError(const QJsonObject& answer)
 
 // GetSlots on one SoftHSM token: the floor program and the host take turns, `rounds` rounds of
 // 100 operations each; p50 over all operations (the floor's: the median of its round medians).
-// The host is spoken to over plain pipes, as a browser does; SCRIVA_BENCH_LAUNCHER, when set,
-// names a program to start instead of the built host (another build of it, for comparison).
+// The host is spoken to over plain pipes, as a browser does.
 void compareWithFloor(int rounds)
 {
     constexpr int perRound = 100;
@@ -241,8 +241,11 @@ void compareWithFloor(int rounds)
     std::vector<std::string> entries;
     for (const QString& entry : environment.toStringList())
         entries.push_back(entry.toStdString());
-    const QByteArray other = qgetenv("SCRIVA_BENCH_LAUNCHER");
-    PipePeer host(other.isEmpty() ? std::string(SCRIVA_BIN_DIR "/ScrivaPkcs11") : other.toStdString(), entries);
+    std::vector<std::string> launcher;
+    for (const QByteArray& word : qgetenv("SCRIVA_BENCH_LAUNCHER").split(' '))
+        if (!word.isEmpty())
+            launcher.push_back(word.toStdString());
+    PipePeer host(SCRIVA_BIN_DIR "/ScrivaPkcs11", entries, launcher);
 
     QJsonObject answer;
     roundTripUs(host, message("CreateInstance"), &answer);
