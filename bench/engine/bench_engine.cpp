@@ -1,6 +1,12 @@
 // Times the token operations through Pkcs11Manager against SoftHSM: GetSlots over 10 tokens and
 // GetCertificates over 50 certificates, with the PKCS#11 trace off (no host log file) and on (the
-// file exists), plus the cost of the trace switch itself on a single cheap call.
+// file exists), plus the cost of the trace switch itself on a single cheap call. Then GetSlots on
+// one token through the host's pipes beside its floor, getslots_floor: the same module calls with
+// the module loaded, initialised, finalised and unloaded each time, as the host does. The two
+// take turns in rounds, so a busy machine slows both alike.
+// Usage: bench_engine [host rounds, default 10] [host: only GetSlots through the host]
+// SCRIVA_BENCH_LAUNCHER runs the host under a tool ("valgrind --tool=callgrind"), or names another
+// build of the host to run instead (the built host's path is then its ignored argument).
 
 #include "loghandler.h"
 #include "ownedresource.h"
@@ -8,14 +14,21 @@
 #include "pkcs11/XmlParser/scrivapkcs11inputxmlparser.h"
 #include "pkcs11/pkcs11manager.h"
 #include "pkcs11logger.h"
+#include "../common/pipepeer.h"
 #include "softhsmtoken.h"
+#include "testrequests.h"
+#include "tokenhost.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QLibrary>
 #include <QPair>
+#include <QProcess>
 #include <QTemporaryDir>
 
 #include <openssl/evp.h>
@@ -25,6 +38,8 @@
 #include <cstdio>
 #include <functional>
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -174,11 +189,132 @@ QString requestXml(const QString& operation, const QString& body)
         .arg(ScrivaNamespaces::version20260204(), SoftHsmToken::softHsmModulePath(), operation, body);
 }
 
+double percentile(std::vector<double> values, double p)
+{
+    std::sort(values.begin(), values.end());
+    return values.empty() ? 0 : values[std::min(values.size() - 1, size_t(p * double(values.size())))];
+}
+
+QByteArray message(const char* method, const QString& argument = QString())
+{
+    QJsonObject object{{QStringLiteral("method"), QStringLiteral("ScrivaPkcs11.1.0.0.qt.QES.") + QLatin1String(method)}};
+    if (!argument.isNull())
+        object.insert(QStringLiteral("args"), QJsonArray{argument});
+    return QJsonDocument(object).toJson(QJsonDocument::Compact);
+}
+
+// One framed round trip through the host: microseconds, and the answer.
+double roundTripUs(PipePeer& host, const QByteArray& request, QJsonObject* answer)
+{
+    QElapsedTimer timer;
+    timer.start();
+    host.send(request);
+    const QByteArray payload = host.receive();
+    const double us = double(timer.nsecsElapsed()) / 1e3;
+    *answer = QJsonDocument::fromJson(payload).object();
+    return us;
+}
+
+QString answerError(const QJsonObject& answer)
+{
+    return answer.value(QStringLiteral("error")).toString();
+}
+
+// GetSlots on one SoftHSM token: the floor program and the host take turns, `rounds` rounds of
+// 100 operations each; p50 over all operations (the floor's: the median of its round medians).
+// The host is spoken to over plain pipes, as a browser does.
+void compareWithFloor(int rounds)
+{
+    constexpr int perRound = 100;
+    const QString label = QStringLiteral("Scriva token");
+    SoftHsmToken store;
+    if (!store.initToken(label, QStringLiteral("12345678"), QStringLiteral("1234")))
+        fail(store.lastError());
+    const QString serial = store.serialNumber(label);
+    QTemporaryDir home;
+    QProcessEnvironment environment = store.environment();
+    environment.insert(QStringLiteral("HOME"), home.path());
+    environment.insert(QStringLiteral("XDG_DATA_HOME"), home.path() + QStringLiteral("/.local/share"));
+    environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), home.path());
+    if (!environment.contains(QStringLiteral("QT_QPA_PLATFORM")))
+        environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+    std::vector<std::string> entries;
+    for (const QString& entry : environment.toStringList())
+        entries.push_back(entry.toStdString());
+    std::vector<std::string> launcher;
+    for (const QByteArray& word : qgetenv("SCRIVA_BENCH_LAUNCHER").split(' '))
+        if (!word.isEmpty())
+            launcher.push_back(word.toStdString());
+    PipePeer host(SCRIVA_BIN_DIR "/ScrivaPkcs11", entries, launcher);
+
+    QJsonObject answer;
+    roundTripUs(host, message("CreateInstance"), &answer);
+    if (!answerError(answer).isEmpty() || answer.isEmpty())
+        fail(QStringLiteral("CreateInstance failed: ") + answerError(answer));
+    const QString module = SoftHsmToken::softHsmModulePath();
+    const QMap<QString, QString> aimed{{QStringLiteral("0123456789ABCDEF"), serial},
+                                       {QStringLiteral("{\"reader\":\"any\"}"), QString()},
+                                       {QString::fromLatin1(TokenHost::sampleModule), module}};
+    // Signed once for a nonce the host never gave: refused after the whole check.
+    const QByteArray stale = message("GetSlots", TestRequests::signedArgument(QStringLiteral("getslots-2026"),
+                                                                             QStringLiteral("0f8fad5b-d9cb-469f-a165-70867728950e"), aimed));
+    const QByteArray getNonce = message("GetNonce");
+    QProcess floorProgram;
+    floorProgram.setProcessEnvironment(store.environment());
+    std::vector<double> floorUs, nonceUs, slotsUs, refusedUs;
+    int listed = 0;
+    for (int round = 0; round < rounds; ++round) {
+        floorProgram.start(QCoreApplication::applicationDirPath() + QStringLiteral("/getslots_floor"),
+                           {module, QString::number(perRound)});
+        if (!floorProgram.waitForFinished(60000) || floorProgram.exitCode() != 0)
+            fail(QStringLiteral("getslots_floor failed: ") + QString::fromLocal8Bit(floorProgram.readAllStandardError()));
+        const QList<QByteArray> figures = floorProgram.readAllStandardOutput().simplified().split(' ');
+        if (figures.size() != 3 || figures.at(2).toInt() < 1)
+            fail(QStringLiteral("getslots_floor listed no slot"));
+        listed = figures.at(2).toInt();
+        floorUs.push_back(figures.at(0).toDouble());
+
+        for (int i = 0; i < perRound; ++i) {
+            nonceUs.push_back(roundTripUs(host, getNonce, &answer));
+            const QString nonce = answer.value(QStringLiteral("result")).toString();
+            const QByteArray request =
+                message("GetSlots", TestRequests::signedArgument(QStringLiteral("getslots-2026"), nonce, aimed));
+            slotsUs.push_back(roundTripUs(host, request, &answer));
+            if (!answerError(answer).isEmpty()
+                || !answer.value(QStringLiteral("result")).toString().contains(QStringLiteral("<SerialNumber>") + serial))
+                fail(QStringLiteral("GetSlots through the host failed: ") + answerError(answer));
+            refusedUs.push_back(roundTripUs(host, stale, &answer));
+            if (answerError(answer) != QLatin1String("CommunicationMismatchNonce"))
+                fail(QStringLiteral("the stale request was not refused at the nonce: ") + answerError(answer));
+        }
+    }
+    roundTripUs(host, message("Terminate"), &answer);
+
+    const double floorP50 = percentile(floorUs, 0.5);
+    const double slotsP50 = percentile(slotsUs, 0.5);
+    const double nonce = percentile(nonceUs, 0.5);
+    std::printf("GetSlots on one token (%d slots listed), %d rounds of %d, p50 (p99)\n", listed, rounds, perRound);
+    std::printf("  floor: load, initialise, slots and infos, finalise, unload  %8.0f us\n", floorP50);
+    std::printf("  host: signed GetSlots round trip                            %8.0f us (%.0f us)  %.2fx the floor (target <= 3x)\n",
+                slotsP50, percentile(slotsUs, 0.99), slotsP50 / floorP50);
+    std::printf("  host: GetNonce + signed GetSlots                            %8.0f us            %.2fx the floor\n",
+                nonce + slotsP50, (nonce + slotsP50) / floorP50);
+    std::printf("  host: GetNonce round trip                                   %8.0f us (%.0f us)\n", nonce,
+                percentile(nonceUs, 0.99));
+    std::printf("  host: signed GetSlots refused at the nonce                  %8.0f us (%.0f us)  (target <= 500 us)\n",
+                percentile(refusedUs, 0.5), percentile(refusedUs, 0.99));
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
     QCoreApplication application(argc, argv);
+    const int hostRounds = argc > 1 ? std::max(1, QByteArray(argv[1]).toInt()) : 10;
+    if (argc > 2 && QByteArray(argv[2]) == "host") {
+        compareWithFloor(hostRounds);
+        return 0;
+    }
     Q_INIT_RESOURCE(scriva);
     QTemporaryDir home;
     qputenv("XDG_DATA_HOME", home.path().toUtf8());
@@ -250,6 +386,8 @@ int main(int argc, char** argv)
         };
         share("GetSlots", slotsCounts, slotsOff);
         share("GetCertificates", certificatesCounts, certificatesOff);
+        std::fflush(stdout);
+        compareWithFloor(hostRounds);
     } catch (const AppException& e) {
         fail(e.toString(true));
     }

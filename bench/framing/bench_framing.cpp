@@ -2,6 +2,8 @@
 // round trip of GetNonce (p50, p99 of 1,000 calls), the intake of one 32 MiB frame, the time
 // from start-up to the CreateInstance answer, and whether the host's resident memory comes back
 // after one 512 MiB frame.
+#include "../common/pipepeer.h"
+
 #include <QByteArray>
 #include <QElapsedTimer>
 #include <QFile>
@@ -11,98 +13,10 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <signal.h>
-#include <spawn.h>
 #include <string>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <vector>
 
-extern char** environ;
-
 namespace {
-
-class Peer
-{
-public:
-    explicit Peer(const std::string& program)
-    {
-        int in[2], out[2];
-        if (pipe(in) != 0 || pipe(out) != 0)
-            std::abort();
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-        posix_spawn_file_actions_addclose(&actions, in[1]);
-        posix_spawn_file_actions_addclose(&actions, out[0]);
-        char* argv[] = {const_cast<char*>(program.c_str()), nullptr};
-        if (posix_spawn(&pid, program.c_str(), &actions, nullptr, argv, environ) != 0)
-            std::abort();
-        posix_spawn_file_actions_destroy(&actions);
-        close(in[0]);
-        close(out[1]);
-        toPeer = in[1];
-        fromPeer = out[0];
-    }
-
-    ~Peer()
-    {
-        close(toPeer);
-        close(fromPeer);
-        kill(pid, SIGTERM);
-        waitpid(pid, nullptr, 0);
-    }
-
-    void send(const QByteArray& payload)
-    {
-        const uint32_t length = uint32_t(payload.size());
-        writeAll(&length, 4);
-        writeAll(payload.constData(), size_t(payload.size()));
-    }
-
-    pid_t processId() const { return pid; }
-
-    QByteArray receive()
-    {
-        uint32_t length = 0;
-        readAll(&length, 4);
-        QByteArray payload(int(length), '\0');
-        readAll(payload.data(), length);
-        return payload;
-    }
-
-private:
-    void writeAll(const void* data, size_t size)
-    {
-        auto* p = static_cast<const char*>(data);
-        while (size > 0) {
-            const ssize_t n = write(toPeer, p, size);
-            if (n <= 0)
-                std::abort();
-            p += n;
-            size -= size_t(n);
-        }
-    }
-
-    void readAll(void* data, size_t size)
-    {
-        auto* p = static_cast<char*>(data);
-        while (size > 0) {
-            const ssize_t n = read(fromPeer, p, size);
-            if (n <= 0) {
-                std::fprintf(stderr, "peer closed its output\n");
-                std::exit(2);
-            }
-            p += n;
-            size -= size_t(n);
-        }
-    }
-
-    pid_t pid = 0;
-    int toPeer = -1;
-    int fromPeer = -1;
-};
 
 const QByteArray createInstance = R"({"method":"ScrivaPkcs11.1.0.0.qt.QES.CreateInstance"})";
 const QByteArray getNonce = R"({"method":"ScrivaPkcs11.1.0.0.qt.QES.GetNonce","id":"n"})";
@@ -113,7 +27,7 @@ double percentile(std::vector<double> values, double p)
     return values[std::min(values.size() - 1, size_t(p * double(values.size())))];
 }
 
-std::vector<double> roundTrips(Peer& peer, int count)
+std::vector<double> roundTrips(PipePeer& peer, int count)
 {
     std::vector<double> times;
     QElapsedTimer timer;
@@ -126,7 +40,7 @@ std::vector<double> roundTrips(Peer& peer, int count)
     return times;
 }
 
-double largeFrameMs(Peer& peer)
+double largeFrameMs(PipePeer& peer)
 {
     const QByteArray frame = R"({"method":"ScrivaPkcs11.1.0.0.qt.QES.GetVersion","padding":")"
                              + QByteArray(32 * 1024 * 1024 - 80, 'x') + R"("})";
@@ -151,7 +65,7 @@ long statusMiB(pid_t pid, const QByteArray& field)
 
 // One frame of the largest size the host accepts; then the resident size is sampled every
 // 10 ms for 3 s after the answer.
-void largestFrameMemory(Peer& peer)
+void largestFrameMemory(PipePeer& peer)
 {
     constexpr long boundMiB = 64;
     QThread::msleep(1000);
@@ -196,16 +110,16 @@ int main(int argc, char** argv)
     for (int i = 0; i < 10; ++i) {
         QElapsedTimer timer;
         timer.start();
-        Peer peer(host);
+        PipePeer peer(host);
         peer.send(createInstance);
         peer.receive();
         startups.push_back(double(timer.nsecsElapsed()) / 1e6);
     }
 
-    Peer hostPeer(host);
+    PipePeer hostPeer(host);
     hostPeer.send(createInstance);
     hostPeer.receive();
-    Peer echoPeer(echo);
+    PipePeer echoPeer(echo);
 
     roundTrips(hostPeer, 50); // warm-up
     roundTrips(echoPeer, 50);

@@ -1,6 +1,7 @@
 // Many GetSlots operations through one host process on a SoftHSM token, each a signed request
 // with a fresh nonce: operations per second and the host's resident memory (VmRSS) after 100
 // and after all operations, which should stay flat. Usage: bench_soak [operations, default 1000]
+// SCRIVA_BENCH_LAUNCHER runs the host under a tool, e.g. "valgrind --tool=callgrind".
 #include "devpki.h"
 #include "tokenhost.h"
 
@@ -36,6 +37,9 @@ int main(int argc, char** argv)
         return 0;
     }
     TokenHost th;
+    const QStringList launcher = QString::fromLocal8Bit(qgetenv("SCRIVA_BENCH_LAUNCHER")).split(QLatin1Char(' '), Qt::SkipEmptyParts);
+    if (!launcher.isEmpty())
+        th.host().setLauncher(launcher.first(), launcher.mid(1));
     if (!th.start()) {
         std::fprintf(stderr, "%s\n", qPrintable(th.lastError()));
         return 1;

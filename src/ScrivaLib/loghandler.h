@@ -29,6 +29,9 @@ public:
     static bool hostLogExistsNow();
     // Makes the next hostLogExistsNow() look again, e.g. right after the log file was created.
     static void refreshHostLogCheck();
+    // True when this handler is installed and the log is off: a line would go nowhere, so a
+    // costly text (a whole request, a certificate) need not be made for it.
+    static bool dropsLines();
 
     // Text that comes from outside (a page, a request, a module) as one log line: control
     // characters are written as escapes (a newline as \n), so nobody can add lines to the log.

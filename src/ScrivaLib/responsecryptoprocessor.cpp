@@ -1,6 +1,7 @@
 #include "responsecryptoprocessor.h"
 
 #include "appexception.h"
+#include "loghandler.h"
 #include "ownedresource.h"
 
 #include <QDateTime>
@@ -56,10 +57,12 @@ void ResponseCryptoProcessor::processCmsSignedData(const QByteArray& der)
             throw APP_EXCEPTION(QStringLiteral("Unable to get CMS content: %1").arg(getOpenSslErrors()));
         cmsContent = QString::fromUtf8(reinterpret_cast<const char*>(ASN1_STRING_get0_data(*content)),
                                        ASN1_STRING_length(*content));
-        qDebug().noquote() << QStringLiteral("CMS content: ") + cmsContent;
+        if (!LogHandler::dropsLines())
+            qDebug().noquote() << QStringLiteral("CMS content: ") + cmsContent;
 
         serverCertificate = verifyCmsSignature(cms.get());
-        qDebug().noquote() << QStringLiteral("Server certificate: ") + serverCertificate.toString();
+        if (!LogHandler::dropsLines())
+            qDebug().noquote() << QStringLiteral("Server certificate: ") + serverCertificate.toString();
     } catch (const AppException& e) {
         qWarning().noquote() << "CMS processing error:" << e.toString(true);
         throw AppException(e);

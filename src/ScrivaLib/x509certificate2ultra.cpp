@@ -11,8 +11,16 @@
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
+#include <QMutex>
+#include <QMutexLocker>
+
+#include <algorithm>
 #include <climits>
+#include <ctime>
+#include <deque>
 #include <mutex>
+#include <utility>
+#include <vector>
 
 namespace {
 void freeOpenSslBuffer(unsigned char* p) { OPENSSL_free(p); }
@@ -36,7 +44,45 @@ struct X509Certificate2Ultra::Decoded
 {
     std::once_flag once;
     OwnedX509 certificate;
+
+    // The last path found for this certificate: the chain it was found in (root first, held so
+    // that no other certificate can take its place in memory), and the span of time (seconds
+    // since the epoch) in which every certificate of that path is valid. Within that span the
+    // same inputs give the same path, so its signatures need not be checked again.
+    std::mutex pathMutex;
+    std::vector<OwnedX509> pathChain;
+    time_t pathFrom = 0;
+    time_t pathUntil = 0;
 };
+
+namespace {
+
+// The chain as given to the path validation: its root, then its intermediates.
+std::vector<X509*> chainOf(X509* root, STACK_OF(X509)* intermediates)
+{
+    std::vector<X509*> chain{root};
+    for (int i = 0; i < sk_X509_num(intermediates); ++i)
+        chain.push_back(sk_X509_value(intermediates, i));
+    return chain;
+}
+
+bool sameChain(const std::vector<OwnedX509>& held, const std::vector<X509*>& chain)
+{
+    return std::equal(held.cbegin(), held.cend(), chain.cbegin(), chain.cend(),
+                      [](const OwnedX509& a, X509* b) { return a.get() == b; });
+}
+
+// Seconds since the epoch of a certificate time; false when it cannot be read.
+bool secondsOf(const ASN1_TIME* time, time_t* seconds)
+{
+    tm parts{};
+    if (!time || ASN1_TIME_to_tm(time, &parts) != 1)
+        return false;
+    *seconds = timegm(&parts);
+    return true;
+}
+
+} // namespace
 
 X509Certificate2Ultra::X509Certificate2Ultra(const QSslCertificate& other)
     : QSslCertificate(other), decoded(std::make_shared<Decoded>())
@@ -47,16 +93,40 @@ X509Certificate2Ultra::X509Certificate2Ultra(X509* certificate) : decoded(std::m
 {
     if (!certificate)
         return;
+    unsigned char* der = nullptr;
+    const int length = i2d_X509(certificate, &der);
+    const Owned<unsigned char, freeOpenSslBuffer> owner(der);
+    const QByteArray bytes = length > 0 ? QByteArray(reinterpret_cast<const char*>(der), length) : QByteArray();
+
+    // A server signs request after request with the same certificate, and building the toolkit's
+    // certificate decodes it twice more, public key included: the dearest step of opening a request.
+    // The last few certificates seen are kept by their bytes; equal bytes are the same certificate.
+    static QMutex recentMutex;
+    static std::deque<std::pair<QByteArray, X509Certificate2Ultra>> recent;
+    constexpr size_t recentLimit = 4;
+    if (!bytes.isEmpty()) {
+        QMutexLocker locker(&recentMutex);
+        for (const auto& [recentDer, recentCertificate] : recent) {
+            if (recentDer == bytes) {
+                *this = recentCertificate;
+                return;
+            }
+        }
+    }
+
     // Already decoded: keep a reference instead of decoding the DER again later.
     X509_up_ref(certificate);
     OwnedX509 reference(certificate);
     std::call_once(decoded->once, [&] { decoded->certificate = std::move(reference); });
-    unsigned char* der = nullptr;
-    const int length = i2d_X509(certificate, &der);
-    if (length <= 0)
+    if (bytes.isEmpty())
         return;
-    const Owned<unsigned char, freeOpenSslBuffer> owner(der);
-    QSslCertificate::operator=(QSslCertificate(QByteArray(reinterpret_cast<const char*>(der), length), QSsl::Der));
+    QSslCertificate::operator=(QSslCertificate(bytes, QSsl::Der));
+    if (isNull())
+        return;
+    QMutexLocker locker(&recentMutex);
+    recent.emplace_front(bytes, *this);
+    if (recent.size() > recentLimit)
+        recent.pop_back();
 }
 
 X509Certificate2Ultra::X509Certificate2Ultra(const QByteArray& data, QSsl::EncodingFormat format)
@@ -113,6 +183,15 @@ void X509Certificate2Ultra::verifyIssuer(const QList<X509Certificate2Ultra>& cha
         throw AppException(QStringLiteral("InvalidCertificate"), QStringLiteral(__FILE__), __LINE__,
                            QString::fromUtf8(Q_FUNC_INFO), AppException::generalExceptionMessage());
 
+    const std::vector<X509*> chainGiven = chainOf(root.get(), intermediates.get());
+    const time_t now = time(nullptr);
+    {
+        const std::lock_guard<std::mutex> locker(decoded->pathMutex);
+        // Strictly inside the span: the validity checks compare whole seconds.
+        if (sameChain(decoded->pathChain, chainGiven) && decoded->pathFrom < now && now < decoded->pathUntil)
+            return;
+    }
+
     const Owned<X509_STORE, X509_STORE_free> store(X509_STORE_new());
     if (!store)
         throw APP_EXCEPTION(QStringLiteral("Unable create store for root certificates"));
@@ -134,6 +213,28 @@ void X509Certificate2Ultra::verifyIssuer(const QList<X509Certificate2Ultra>& cha
                                  .arg(X509_STORE_CTX_get_error_depth(context.get())),
                              Q_FUNC_INFO, __LINE__);
     }
+
+    time_t from = 0;
+    time_t until = 0;
+    STACK_OF(X509)* path = X509_STORE_CTX_get0_chain(context.get());
+    for (int i = 0; i < sk_X509_num(path); ++i) {
+        time_t notBefore = 0;
+        time_t notAfter = 0;
+        X509* member = sk_X509_value(path, i);
+        if (!secondsOf(X509_get0_notBefore(member), &notBefore) || !secondsOf(X509_get0_notAfter(member), &notAfter))
+            return;
+        from = i == 0 ? notBefore : std::max(from, notBefore);
+        until = i == 0 ? notAfter : std::min(until, notAfter);
+    }
+    std::vector<OwnedX509> held;
+    for (X509* member : chainGiven) {
+        X509_up_ref(member);
+        held.emplace_back(member);
+    }
+    const std::lock_guard<std::mutex> locker(decoded->pathMutex);
+    decoded->pathChain = std::move(held);
+    decoded->pathFrom = from;
+    decoded->pathUntil = until;
 }
 
 void X509Certificate2Ultra::verifyCustomPolicy(const QString& oid) const

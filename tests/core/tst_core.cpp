@@ -89,6 +89,7 @@ private slots:
 
         QVERIFY(QDir().mkpath(QFileInfo(path).path()));
         QFile(path).open(QIODevice::WriteOnly);
+        LogHandler::refreshHostLogCheck(); // the look at the file is reused for a millisecond
         qWarning().noquote() << "100% sure %1 %2 stay as written";
         QFile file(path);
         QVERIFY(file.open(QIODevice::ReadOnly));

@@ -209,12 +209,14 @@ void ScrivaPkcs11::continueOperation(CheckedRequest& checked)
         throw APP_EXCEPTION(QStringLiteral("NoUsablePkcs11LibraryFound"));
 
     pendingJob = std::move(checked.job);
+    // The token work starts first and runs while this thread lays out and draws the window; a
+    // PIN form or the result reaches this thread only after the window has been shown.
+    if (!libraryPath.isEmpty())
+        launchAsyncOperation(libraryPath);
     mainWindow->updateWindowTitle(checked.signer);
     showWindow(checked.descriptionKey);
     if (libraryPath.isEmpty())
         mainWindow->showFileDialog(); // continues in onUserDefinedPathReceived or onUserRejectedDialog
-    else
-        launchAsyncOperation(libraryPath);
 }
 
 void ScrivaPkcs11::onUserDefinedPathReceived(QString path)

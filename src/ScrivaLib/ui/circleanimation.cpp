@@ -11,7 +11,11 @@ CircleAnimation::CircleAnimation(qreal diameter, QGraphicsItem* parent)
     animation.setDuration(1200);
     animation.setLoopCount(-1);
     connect(&animation, &QVariantAnimation::valueChanged, this, [this](const QVariant& value) {
-        angle = value.toInt();
+        const int now = value.toInt();
+        // A start shows the arc where the window's first paint draws it anyway: no second paint.
+        if (now == angle)
+            return;
+        angle = now;
         update();
     });
 }
@@ -42,6 +46,8 @@ void CircleAnimation::start()
 void CircleAnimation::stop()
 {
     animation.stop();
+    // Every start begins at the start value; the hidden window is drawn that way when shown again.
+    angle = animation.startValue().toInt();
 }
 
 bool CircleAnimation::isRunning() const
