@@ -5,11 +5,7 @@
 #include <QStandardPaths>
 #include <QTest>
 
-namespace {
-
-constexpr int pollIntervalMs = 50;
-
-} // namespace
+static constexpr int pollIntervalMs = 50;
 
 VirtualDisplay::~VirtualDisplay()
 {

@@ -199,34 +199,44 @@ private slots:
     {
         QTest::addColumn<int>("signatureType");
         QTest::addColumn<QStringList>("shown");
+        QTest::addColumn<QString>("lastError"); // of a third signature, when the host ends at its form
         const QString wrong = pinIncorrect.arg("Signature PIN");
         QTest::newRow("remembered context PIN") << int(Pkcs11Library::SignatureTypeCachedContextPin)
-                                                << QStringList({"form", "context form", wrong, "context form"});
-        QTest::newRow("context PIN at every signature")
-            << int(Pkcs11Library::SignatureTypeDefault) << QStringList({"form", "form", wrong, "form", "form"});
+                                                << QStringList({"form", "context form", wrong, "context form"}) << "";
+        QTest::newRow("context PIN at every signature") << int(Pkcs11Library::SignatureTypeDefault)
+            << QStringList({"form", "form", wrong, "form", "form", "form"}) << "Scriva is terminating";
     }
 
     void contextLoginRemembersASavedPinOnlyForItsType()
     {
         QFETCH(int, signatureType);
         QFETCH(QStringList, shown);
+        QFETCH(QString, lastError);
         QVERIFY(store->generateRsaKeyPair("Engine Token", userPin, "01", "Signing Key"));
         open({"always_authenticate=1", "context_pin=ctx-pin-2"}, Pkcs11Library::SignatureType(signatureType));
-        user.script({"pin:" + userPin, "pin:bad:save", "ok", "pin:ctx-pin-2:save", "pin:ctx-pin-2"});
+        user.script({"pin:" + userPin, "pin:bad:save", "ok", "pin:ctx-pin-2:save", "pin:ctx-pin-2", "pin:ctx-pin-2"});
         QList<QByteArray> signatures;
+        CK_MECHANISM rsa = {CKM_RSA_PKCS, nullptr, 0};
         const Outcome outcome = runOnWorker([&] {
             library->login(session, slotInfo, tokenInfo, true);
             const CK_OBJECT_HANDLE key = findOne(CKO_PRIVATE_KEY);
             const bool always = library->getCkaAlwaysAuthenticateValue(session, key);
             CK_MECHANISM digest = {CKM_SHA256, nullptr, 0};
             const QByteArray hash = library->computeHash(session, &digest, "to be signed");
-            CK_MECHANISM rsa = {CKM_RSA_PKCS, nullptr, 0};
             for (int round = 0; round < 2; ++round)
                 signatures << library->signHash(session, key, &rsa, hash, always, slotInfo, tokenInfo);
             return QString::fromLatin1(hash.toHex());
         });
         QCOMPARE(outcome.error, QString());
         QCOMPARE(outcome.document, QCryptographicHash::hash("to be signed", QCryptographicHash::Sha256).toHex());
+        // The host ends while a context form is open: the PIN typed there never reaches the token.
+        connect(library.get(), &Pkcs11Library::pinRequestedSignal, this, [] { TerminatingFlag::set(); },
+                Qt::DirectConnection);
+        QCOMPARE(attempt([&] {
+                     library->signHash(session, findOne(CKO_PRIVATE_KEY), &rsa, outcome.document.toLatin1(), true,
+                                       slotInfo, tokenInfo);
+                 }).error,
+                 lastError);
         QCOMPARE(user.seen(), shown);
         QCOMPARE(signatures.size(), 2);
         QCOMPARE(signatures.first().size(), 256);

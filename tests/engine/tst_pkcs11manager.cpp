@@ -230,6 +230,7 @@ private slots:
         QCOMPARE(values(alpha, "SlotId"), QStringList(QString::number(store->slotId("Alpha"))));
         QCOMPARE(values(alpha, "SerialNumber"), QStringList(frame.serialNumber));
         QCOMPARE(values(alpha, "Model"), QStringList("SoftHSM v2"));
+        QCOMPARE(values(alpha, "Manufacturer"), QStringList({"SoftHSM project", "SoftHSM project"})); // slot, token
         QCOMPARE(values(alpha, "HasProtectedAuthPath"), QStringList("false"));
         QVERIFY(!values(alpha, "Description").value(0).endsWith(' '));
         QCOMPARE(values(alpha, "TokenPlatform"), version2026 ? QStringList("") : QStringList());
