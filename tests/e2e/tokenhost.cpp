@@ -5,7 +5,6 @@
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QXmlStreamReader>
 
@@ -82,13 +81,13 @@ void TokenHost::send(const QString& name, const QString& argument)
 QJsonObject TokenHost::call(const QString& name, const QMap<QString, QString>& replacements)
 {
     send(name, argument(name, replacements));
-    return process.readAnswer(timeoutMs);
+    return process.readAnswer(60000);
 }
 
 QJsonObject TokenHost::callMethod(const QString& method)
 {
     process.send({{QStringLiteral("method"), HostProcess::method(method)}});
-    return process.readAnswer(timeoutMs);
+    return process.readAnswer(60000);
 }
 
 QStringList TokenHost::texts(const QString& xml, const QString& element)
@@ -101,15 +100,4 @@ QStringList TokenHost::texts(const QString& xml, const QString& element)
             found.append(reader.readElementText(QXmlStreamReader::IncludeChildElements));
     }
     return found;
-}
-
-bool TokenHost::runTool(const QString& program, const QStringList& arguments, QString* output)
-{
-    QProcess tool;
-    tool.setProcessChannelMode(QProcess::MergedChannels);
-    tool.start(program, arguments);
-    const bool finished = tool.waitForFinished(60000);
-    if (output)
-        *output = QString::fromLocal8Bit(tool.readAll());
-    return finished && tool.exitStatus() == QProcess::NormalExit && tool.exitCode() == 0;
 }

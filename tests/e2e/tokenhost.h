@@ -24,8 +24,6 @@ public:
     QString serialNumber() const { return serial; }
     QString lastNonce() const { return nonce; }
     QString lastError() const { return failure; }
-    // How long to wait for each answer (a host under a memory checker needs minutes).
-    void setAnswerTimeout(int milliseconds) { timeoutMs = milliseconds; }
 
     // Writes a configuration for the forwarding test module and names it in the host's environment.
     bool configureTestModule(const QByteArray& keyValues);
@@ -41,7 +39,7 @@ public:
     // Sends the operation named by the request's file name ("getslots-2022" is GetSlots).
     void send(const QString& name, const QString& argument);
     QJsonObject call(const QString& name, const QMap<QString, QString>& replacements = {});
-    // A method without argument ("Terminate"), answered within the answer timeout.
+    // A method without argument ("Terminate"), answered within a minute.
     QJsonObject callMethod(const QString& method);
 
     static QString operation(const QString& requestName);
@@ -49,8 +47,6 @@ public:
     static QString result(const QJsonObject& answer) { return answer.value(QStringLiteral("result")).toString(); }
     // The texts of every element with this local name in the answer document, in document order.
     static QStringList texts(const QString& xml, const QString& element);
-    // Runs a command-line tool; false (output in *output either way) when it fails.
-    static bool runTool(const QString& program, const QStringList& arguments, QString* output = nullptr);
 
 private:
     SoftHsmToken store;
@@ -58,5 +54,4 @@ private:
     QString serial;
     QString nonce;
     QString failure;
-    int timeoutMs = 60000;
 };

@@ -17,18 +17,7 @@ class TestE2eEnding : public QObject
     Q_OBJECT
 
     VirtualDisplay display;
-
-    static constexpr const char* formTitle = "^Corvant Scriva$";
-    // Long enough for any orderly ending; a host that waits for a user or a dead pipe exceeds it.
-    static constexpr int exitBoundMs = 20000;
-
-    static QString dataObject()
-    {
-        return QStringLiteral("<UnsignedLongAttribute><Attribute>0</Attribute><Value>0</Value></UnsignedLongAttribute>"
-                              "<BoolAttribute><Attribute>1</Attribute><Value>true</Value></BoolAttribute>"
-                              "<BoolAttribute><Attribute>2</Attribute><Value>true</Value></BoolAttribute>"
-                              "<StringAttribute><Attribute>3</Attribute><Value>left behind</Value></StringAttribute>");
-    }
+    const QString formTitle = "^Corvant Scriva$";
 
 private slots:
     void initTestCase()
@@ -44,19 +33,17 @@ private slots:
         QTest::addColumn<QString>("heldCall"); // empty: the PIN form waits for the user
         QTest::addColumn<bool>("pinTyped");
         QTest::addColumn<QString>("ending"); // "input" closed, or the method the browser sends
-
-        const QList<QPair<QString, QString>> operations{{QStringLiteral("generatecsr-2026"), QStringLiteral("C_GenerateKeyPair")},
-                                                        {QStringLiteral("createobject-2026"), QStringLiteral("C_CreateObject")}};
-        for (const auto& [request, tokenWork] : operations) {
+        for (const auto& [request, tokenWork] : {std::pair("generatecsr-2026", "C_GenerateKeyPair"),
+                                                 std::pair("createobject-2026", "C_CreateObject")}) {
             const QList<std::tuple<QString, QString, bool>> points{
-                {QStringLiteral("slow session opening"), QStringLiteral("C_OpenSession"), false},
-                {QStringLiteral("PIN form open"), QString(), false},
-                {QStringLiteral("slow ") + tokenWork, tokenWork, true},
-                {QStringLiteral("token work done"), QStringLiteral("C_CloseSession"), true}};
+                {"slow session opening", "C_OpenSession", false},
+                {"PIN form open", "", false},
+                {QString("slow ") + tokenWork, tokenWork, true},
+                {"token work done", "C_CloseSession", true}};
             for (const auto& [point, heldCall, pinTyped] : points)
-                for (const QString& ending : {QStringLiteral("input"), QStringLiteral("Terminate"), QStringLiteral("CreateInstance")})
-                    QTest::addRow("%s, %s, %s", qPrintable(TokenHost::operation(request)), qPrintable(point), qPrintable(ending))
-                        << request << heldCall << pinTyped << ending;
+                for (const char* ending : {"input", "Terminate", "CreateInstance"})
+                    QTest::addRow("%s, %s, %s", qPrintable(TokenHost::operation(request)), qPrintable(point), ending)
+                        << QString(request) << heldCall << pinTyped << QString(ending);
         }
     }
 
@@ -66,69 +53,66 @@ private slots:
         QFETCH(QString, heldCall);
         QFETCH(bool, pinTyped);
         QFETCH(QString, ending);
-
         TokenHost th;
         QTemporaryDir gates;
         QVERIFY(th.configureTestModule("kov_data_hex=3003020101\nhold_dir=" + gates.path().toUtf8()
                                        + "\nhold_calls=" + heldCall.toUtf8() + "\n"));
-        th.host().environment().insert(QStringLiteral("DISPLAY"), display.name());
-        th.host().environment().insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
+        th.host().environment().insert("DISPLAY", display.name());
+        th.host().environment().insert("QT_QPA_PLATFORM", "xcb");
         th.host().enableLog();
         QVERIFY2(th.start(), qPrintable(th.lastError()));
-        const QMap<QString, QString> viaTestModule{{QString::fromLatin1(TokenHost::sampleModule), SoftHsmToken::testModulePath()}};
-        th.send(request, request.startsWith(QLatin1String("createobject"))
-                             ? th.createObjectArgument(request, dataObject(), viaTestModule)
-                             : th.argument(request, viaTestModule));
+        const QMap<QString, QString> viaTestModule{{TokenHost::sampleModule, SoftHsmToken::testModulePath()}};
+        const QString dataObject = "<UnsignedLongAttribute><Attribute>0</Attribute><Value>0</Value></UnsignedLongAttribute>"
+                                   "<BoolAttribute><Attribute>1</Attribute><Value>true</Value></BoolAttribute>"
+                                   "<BoolAttribute><Attribute>2</Attribute><Value>true</Value></BoolAttribute>";
+        th.send(request, request.startsWith("createobject") ? th.createObjectArgument(request, dataObject, viaTestModule)
+                                                            : th.argument(request, viaTestModule));
 
         QString form;
         if (heldCall.isEmpty() || pinTyped) {
-            form = display.waitForWindow(QString::fromLatin1(formTitle));
+            form = display.waitForWindow(formTitle);
             QVERIFY(!form.isEmpty());
         }
-        if (pinTyped) {
-            QVERIFY(display.type(form, TokenHost::userPin));
-            QVERIFY(display.key(form, QStringLiteral("Return")));
-        }
+        if (pinTyped)
+            QVERIFY(display.type(form, TokenHost::userPin) && display.key(form, "Return"));
         if (!heldCall.isEmpty())
-            QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(gates.filePath(heldCall + QStringLiteral(".entered"))), 30000);
+            QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(gates.filePath(heldCall + ".entered")), 30000);
 
-        if (ending == QLatin1String("input")) {
+        if (ending == "input") {
             th.host().closeInput();
-            QTRY_VERIFY_WITH_TIMEOUT(th.host().logContains(QStringLiteral("End of file reached")), 10000);
+            QTRY_VERIFY_WITH_TIMEOUT(th.host().logContains("End of file reached"), 10000);
         } else {
             const QJsonObject answer = th.callMethod(ending);
-            QCOMPARE(answer.value(QStringLiteral("method")).toString(), HostProcess::method(ending));
-            QCOMPARE(answer.value(QStringLiteral("error")), QJsonValue(QJsonValue::Null));
+            QCOMPARE(answer.value("method").toString(), HostProcess::method(ending));
+            QCOMPARE(answer.value("error"), QJsonValue(QJsonValue::Null));
             // Nobody is left to answer the form: the host closes it itself.
             if (!form.isEmpty() && !pinTyped)
                 QVERIFY2(display.waitUntilGone(form, 10000), "the PIN form stayed open");
-            if (ending == QLatin1String("CreateInstance") && !heldCall.isEmpty())
-                QCOMPARE(TokenHost::error(th.call(QStringLiteral("getslots-2026"))),
-                         QStringLiteral("Another asynchronous method is already running"));
+            if (ending == "CreateInstance" && !heldCall.isEmpty())
+                QCOMPARE(TokenHost::error(th.call("getslots-2026")), "Another asynchronous method is already running");
         }
 
         // The token call returns; the old operation must go no further than its next step.
-        QFile release(gates.filePath(heldCall + QStringLiteral(".release")));
+        QFile release(gates.filePath(heldCall + ".release"));
         QVERIFY(release.open(QIODevice::WriteOnly));
         release.close();
-        if (ending == QLatin1String("CreateInstance")) {
-            // The discarded operation ends without asking anybody, and then the new instance may
-            // use the token.
-            QTRY_VERIFY2_WITH_TIMEOUT(th.host().logContains(QStringLiteral("Unloading PKCS#11 library")),
+        if (ending == "CreateInstance") {
+            // The discarded operation ends without asking anybody; then the new instance may use the token.
+            QTRY_VERIFY2_WITH_TIMEOUT(th.host().logContains("Unloading PKCS#11 library"),
                                       "the discarded operation did not end", 10000);
-            QVERIFY(display.windows(QString::fromLatin1(formTitle)).isEmpty());
-            const QJsonObject listed = th.call(QStringLiteral("getslots-2026"));
-            QCOMPARE(listed.value(QStringLiteral("method")).toString(), HostProcess::method(QStringLiteral("GetSlots")));
+            QVERIFY(display.windows(formTitle).isEmpty());
+            const QJsonObject listed = th.call("getslots-2026");
+            QCOMPARE(listed.value("method").toString(), HostProcess::method("GetSlots"));
             QCOMPARE(TokenHost::error(listed), QString());
             // Had the old operation been answered, that answer would have come before.
-            const QJsonObject answer = th.callMethod(QStringLiteral("Terminate"));
-            QCOMPARE(answer.value(QStringLiteral("method")).toString(), HostProcess::method(QStringLiteral("Terminate")));
+            QCOMPARE(th.callMethod("Terminate").value("method").toString(), HostProcess::method("Terminate"));
         }
 
-        QVERIFY2(th.host().waitForExit(exitBoundMs), "the host did not end");
+        // Long enough for any orderly ending; a host that waits for a user or a dead pipe exceeds it.
+        QVERIFY2(th.host().waitForExit(20000), "the host did not end");
         QCOMPARE(th.host().exitStatus(), QProcess::NormalExit);
         QCOMPARE(th.host().exitCode(), 0);
-        QVERIFY(th.host().logContains(QStringLiteral("Application quits with exit code: 0")));
+        QVERIFY(th.host().logContains("Application quits with exit code: 0"));
         QCOMPARE(th.host().pendingOutput(), QByteArray());
     }
 };

@@ -5,32 +5,7 @@
 #include <QStandardPaths>
 #include <QTest>
 
-#include <fcntl.h>
-#include <poll.h>
-#include <unistd.h>
-
-namespace {
-
-constexpr int pollIntervalMs = 50;
-
-// Reads the display number that Xvfb writes to its -displayfd descriptor once it accepts clients.
-QString readDisplayNumber(int fd, int timeoutMs)
-{
-    QByteArray text;
-    QDeadlineTimer deadline(timeoutMs);
-    while (!text.endsWith('\n') && !deadline.hasExpired()) {
-        pollfd entry{fd, POLLIN, 0};
-        if (::poll(&entry, 1, int(qMax<qint64>(1, deadline.remainingTime()))) <= 0)
-            continue;
-        char c;
-        if (::read(fd, &c, 1) != 1)
-            break;
-        text.append(c);
-    }
-    return text.endsWith('\n') ? QString::fromLatin1(text.trimmed()) : QString();
-}
-
-} // namespace
+static constexpr int pollIntervalMs = 50;
 
 VirtualDisplay::~VirtualDisplay()
 {
@@ -50,21 +25,15 @@ bool VirtualDisplay::start()
         error = QStringLiteral("Xvfb or xdotool is not installed");
         return false;
     }
-    int fds[2];
-    if (::pipe(fds) != 0) {
-        error = QStringLiteral("no pipe for the display number");
-        return false;
-    }
-    ::fcntl(fds[0], F_SETFD, FD_CLOEXEC);
-    // The write end is inherited by the server (QProcess leaves other descriptors open).
+    // The server writes its display number to standard output once it accepts clients.
     server.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    server.setStandardOutputFile(QProcess::nullDevice());
-    server.start(QStringLiteral("Xvfb"), {QStringLiteral("-displayfd"), QString::number(fds[1]),
-                                          QStringLiteral("-nolisten"), QStringLiteral("tcp"), QStringLiteral("-screen"),
-                                          QStringLiteral("0"), QStringLiteral("1280x1024x24")});
-    ::close(fds[1]);
-    const QString number = server.waitForStarted(10000) ? readDisplayNumber(fds[0], 20000) : QString();
-    ::close(fds[0]);
+    server.start(QStringLiteral("Xvfb"), {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-nolisten"),
+                                          QStringLiteral("tcp"), QStringLiteral("-screen"), QStringLiteral("0"),
+                                          QStringLiteral("1280x1024x24")});
+    QDeadlineTimer deadline(20000);
+    while (server.waitForStarted(10000) && !server.canReadLine() && !deadline.hasExpired())
+        server.waitForReadyRead(int(qMax<qint64>(1, deadline.remainingTime())));
+    const QString number = QString::fromLatin1(server.readLine().trimmed());
     if (number.isEmpty()) {
         error = QStringLiteral("Xvfb did not start: ") + server.errorString();
         return false;

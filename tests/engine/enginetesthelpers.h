@@ -20,94 +20,59 @@
 
 namespace EngineTest {
 
-// A user in front of the screen, as the engine sees one: through its PIN prompt. Each step answers
-// the next PIN request ("pin:<PIN>", with ":save" to tick the save box, or "cancel") or wrong-PIN
-// message ("ok"). `shown` notes "form", "context form" (with the save box), "box: <title>:
-// <text>", and "unexpected ..." for whatever the script did not foresee (a form is then cancelled).
-// The user of the moment is the last one made; the engine is given `prompt()`, which asks them.
+// A user in front of the screen, as the engine sees one: through its PIN prompt. Each step of the
+// script answers the next PIN request ("pin:<PIN>", with ":save" to tick the save box, or "cancel")
+// or wrong-PIN message ("ok"). seen() lists "form", "context form", "box: <title>: <text>", and
+// "unexpected ..." for whatever the script did not foresee (a form is then cancelled).
 class ScriptedUser : public PinPrompt
 {
 public:
-    explicit ScriptedUser(QStringList steps) : steps(std::move(steps)) { current() = this; }
-    ~ScriptedUser() override { current() = nullptr; }
-
-    static PinPrompt* prompt()
+    void script(QStringList next)
     {
-        static Forwarder forwarder;
-        return &forwarder;
+        QMutexLocker locker(&mutex);
+        steps = std::move(next);
+        shown.clear();
     }
-
+    QStringList seen()
+    {
+        QMutexLocker locker(&mutex);
+        return shown;
+    }
     SecretPin requestPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo&, const QString&) override
     {
-        return answer(false, nullptr);
+        return answer(QStringLiteral("form"), nullptr);
     }
     SecretPin requestContextPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo&, const QString&, bool* save) override
     {
-        return answer(true, save);
+        return answer(QStringLiteral("context form"), save);
     }
-    void showPinIncorrect(const QString& title, const QString& text) override
-    {
-        QMutexLocker locker(&mutex);
-        const bool expected = !steps.isEmpty() && steps.first() == QLatin1String("ok");
-        if (expected)
-            steps.removeFirst();
-        shown.append(QLatin1String(expected ? "box: " : "unexpected box: ") + title + ": " + text);
-    }
+    void showPinIncorrect(const QString& title, const QString& text) override { answer("box: " + title + ": " + text, nullptr); }
     void closeDialogs() override {}
     bool isClosed() const override { return false; }
 
-    QStringList shown;
-
 private:
-    // Hands every request to the user of the moment; without one a form counts as cancelled.
-    struct Forwarder : PinPrompt
-    {
-        SecretPin requestPin(const Pkcs11SlotInfo& s, const Pkcs11TokenInfo& t, const QString& n) override
-        {
-            return current() ? current()->requestPin(s, t, n) : SecretPin();
-        }
-        SecretPin requestContextPin(const Pkcs11SlotInfo& s, const Pkcs11TokenInfo& t, const QString& n,
-                                    bool* save) override
-        {
-            return current() ? current()->requestContextPin(s, t, n, save) : SecretPin();
-        }
-        void showPinIncorrect(const QString& title, const QString& text) override
-        {
-            if (current())
-                current()->showPinIncorrect(title, text);
-        }
-        void closeDialogs() override {}
-        bool isClosed() const override { return false; }
-    };
-
-    static ScriptedUser*& current()
-    {
-        static ScriptedUser* user = nullptr;
-        return user;
-    }
-
-    SecretPin answer(bool context, bool* save)
+    SecretPin answer(const QString& what, bool* save)
     {
         QMutexLocker locker(&mutex);
-        const bool expected = !steps.isEmpty() && steps.first() != QLatin1String("ok");
+        const bool expected = !steps.isEmpty() && (steps.first() == QLatin1String("ok")) == what.startsWith("box");
         const QStringList step = (expected ? steps.takeFirst() : QStringLiteral("cancel")).split(QLatin1Char(':'));
-        shown.append(QLatin1String(expected ? "" : "unexpected ") + (context ? "context form" : "form"));
-        if (step.first() != QLatin1String("pin"))
-            return SecretPin();
+        shown.append(QLatin1String(expected ? "" : "unexpected ") + what);
         if (save)
             *save = step.value(2) == QLatin1String("save");
-        return SecretPin::fromText(step.value(1));
+        return step.first() == QLatin1String("pin") ? SecretPin::fromText(step.value(1)) : SecretPin();
     }
 
     QStringList steps;
+    QStringList shown;
     QMutex mutex;
 };
 
-// What an engine call on a worker thread ended with: the exception's message (empty on success),
-// a Pkcs11Exception's return value, and what the call returned.
+// What an engine call on a worker thread ended with: the exception's message and its cause's (empty
+// on success), a Pkcs11Exception's return value, and what the call returned.
 struct Outcome
 {
     QString error;
+    QString cause;
     CK_RV rv = CKR_OK;
     QString document;
 };
@@ -119,16 +84,22 @@ inline Outcome runOnWorker(std::function<QString()> call)
     QSignalSpy finished(&watcher, &QFutureWatcher<Outcome>::finished);
     watcher.setFuture(QtConcurrent::run([call] {
         try {
-            return Outcome{{}, CKR_OK, call()};
-        } catch (const Pkcs11Exception& e) {
-            return Outcome{e.getMessage(), e.getRv(), {}};
+            return Outcome{{}, {}, CKR_OK, call()};
         } catch (const AppException& e) {
-            return Outcome{e.getMessage(), CKR_OK, {}};
+            const auto* pkcs11 = dynamic_cast<const Pkcs11Exception*>(&e);
+            return Outcome{e.getMessage(), e.getCause() ? e.getCause()->getMessage() : QString(),
+                           pkcs11 ? pkcs11->getRv() : CKR_OK, {}};
         }
     }));
     if (!watcher.isFinished() && !finished.wait(120000))
         qFatal("The engine call did not finish");
     return watcher.result();
+}
+
+// The same for a call that returns nothing.
+inline Outcome attempt(std::function<void()> call)
+{
+    return runOnWorker(std::function<QString()>([call] { call(); return QString(); }));
 }
 
 // The host log, and with it the PKCS#11 trace, in a private data directory: on while the file exists.

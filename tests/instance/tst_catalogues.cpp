@@ -1,45 +1,21 @@
 #include <QCoreApplication>
 #include <QFile>
-#include <QSet>
+#include <QRegularExpression>
 #include <QTest>
 #include <QTranslator>
-#include <QXmlStreamReader>
 
 namespace {
 
-struct Catalogue
+QStringList read(const QString& path, const QString& pattern = {})
 {
-    QSet<QString> contexts;
-    QSet<QString> sources;
-    int unfinished = 0;
-};
-
-Catalogue readSource(const QString& path)
-{
-    Catalogue catalogue;
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return catalogue;
-    QXmlStreamReader xml(&file);
-    while (xml.readNextStartElement() || !xml.atEnd()) {
-        if (!xml.isStartElement())
-            continue;
-        if (xml.name() == QLatin1String("name"))
-            catalogue.contexts.insert(xml.readElementText());
-        else if (xml.name() == QLatin1String("source"))
-            catalogue.sources.insert(xml.readElementText());
-        else if (xml.name() == QLatin1String("translation")
-                 && xml.attributes().value(QLatin1String("type")) == QLatin1String("unfinished"))
-            ++catalogue.unfinished;
-    }
-    return catalogue;
-}
-
-QStringList errorWords()
-{
-    QFile file(QStringLiteral(SCRIVA_TEST_DATA_DIR "/errorwords.txt"));
-    file.open(QIODevice::ReadOnly);
-    return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    const QString text = file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    if (pattern.isEmpty())
+        return text.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    QStringList found;
+    for (auto matches = QRegularExpression(pattern).globalMatch(text); matches.hasNext();)
+        found.append(matches.next().captured(1));
+    return found;
 }
 
 } // namespace
@@ -61,22 +37,22 @@ private slots:
     void catalogues()
     {
         QFETCH(QString, language);
-        const Catalogue source = readSource(QStringLiteral(SCRIVA_SOURCE_DIR "/translations/Scriva_%1.ts").arg(language));
-        QVERIFY(!source.contexts.isEmpty());
-        QCOMPARE(source.unfinished, 0);
-
+        const QString source = QStringLiteral(SCRIVA_SOURCE_DIR "/translations/Scriva_%1.ts").arg(language);
+        const QStringList contexts = read(source, "<name>([^<]*)</name>");
+        const QStringList sources = read(source, "<source>([^<]*)</source>");
+        QVERIFY(!contexts.isEmpty());
+        QVERIFY(read(source, "(type=\"unfinished\")").isEmpty());
         QTranslator translator;
-        QVERIFY(translator.load(QCoreApplication::applicationDirPath() + QStringLiteral("/../share/translations/Scriva_") + language));
+        QVERIFY(translator.load(QCoreApplication::applicationDirPath() + "/../share/translations/Scriva_" + language));
 
-        const QStringList words = errorWords();
+        const QStringList words = read(SCRIVA_TEST_DATA_DIR "/errorwords.txt");
         QVERIFY(words.size() > 15);
         for (const QString& word : words) {
-            QVERIFY2(!source.sources.contains(word), qPrintable(word + " has a catalogue entry"));
-            for (const QString& context : source.contexts)
+            QVERIFY2(!sources.contains(word), qPrintable(word + " has a catalogue entry"));
+            for (const QString& context : contexts)
                 QVERIFY2(translator.translate(context.toUtf8().constData(), word.toUtf8().constData()).isEmpty(),
                          qPrintable(word + " is translated in " + context));
         }
-
         for (const char* key : {"AppName", "Pkcs11FileDialogText", "GetSlotsDescription", "GetCertificatesDescription",
                                 "GenerateCsrDescription", "CreateObjectDescription"}) {
             const QString text = translator.translate("MainWindowPkcs11", key);

@@ -10,11 +10,9 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QSignalSpy>
-#include <QTemporaryFile>
 #include <QTest>
 
 #include <openssl/evp.h>
-#include <openssl/rsa.h>
 #include <openssl/x509.h>
 
 namespace {
@@ -23,7 +21,6 @@ X509Certificate2Ultra makeCertificate(const QString& commonName)
 {
     Owned<EVP_PKEY, EVP_PKEY_free> key(EVP_RSA_gen(2048));
     Owned<X509, X509_free> cert(X509_new());
-    X509_set_version(cert.get(), 2);
     ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 1);
     X509_gmtime_adj(X509_getm_notBefore(cert.get()), 0);
     X509_gmtime_adj(X509_getm_notAfter(cert.get()), 3600);
@@ -36,11 +33,10 @@ X509Certificate2Ultra makeCertificate(const QString& commonName)
     return X509Certificate2Ultra(cert.get());
 }
 
-QString errorOf(ScrivaPkcs11& instance, const QString& properties)
+QString errorOf(ScrivaPkcs11& instance, QString properties)
 {
-    QString text = properties;
     try {
-        instance.setProperty(text);
+        instance.setProperty(properties);
     } catch (const AppException& e) {
         return e.getMessage();
     }
@@ -57,138 +53,82 @@ class TestInstance : public QObject
 private slots:
     void initTestCase() { Q_INIT_RESOURCE(scriva); }
 
-    void windowIsFramelessFindableAndTitledWithTheSigner()
+    // Properties given to one instance in turn, each with the error it is answered with.
+    void properties_data()
+    {
+        QTest::addColumn<QStringList>("properties");
+        QTest::addColumn<QStringList>("errors");
+        const QString invalid = "JSON node MinimalWindowDisplayTime has invalid value";
+        const auto time = [](const char* value) { return QString("{\"MinimalWindowDisplayTime\": %1}").arg(value); };
+        QTest::newRow("display time bounds")
+            << QStringList{time("600001"), time("-1"), time("1.5"), time("\"100\""), time("null"), time("600000")}
+            << QStringList{invalid + ": 600001", invalid + ": -1", invalid + ": 1.5", invalid,
+                           "JSON node MinimalWindowDisplayTime is missing", ""};
+        const QString different = invalid + ": new is different than previous \n>> NEW >>\n%1\n>> PREVIOUS>>\n0\n";
+        // A refused request changes nothing, not even its valid parts.
+        QTest::newRow("set once") << QStringList{time("0"), time("0"), time("300"), "{\"Language\": \"cs\", "
+                                                 "\"MinimalWindowDisplayTime\": 7}", "{\"Colour\": \"blue\"}"}
+                                  << QStringList{"", "", different.arg(300), different.arg(7), ""};
+        QTest::newRow("not an object") << QStringList{"{MinimalWindowDisplayTime", "[1]"}
+            << QStringList{"Unable to parse properties as JSON structure", "Unable to convert properties to JSON object"};
+        QTest::newRow("language") << QStringList{"{\"Language\": 5}", "{\"Language\": \"xx\"}",
+                                                 "{\"Language\": \"../../bin/x\"}"}
+                                  << QStringList{"JSON node Language has invalid value", "UnsupportedLanguage",
+                                                 "UnsupportedLanguage"};
+        const QString base64 = QString::fromLatin1(makeCertificate("server").toDer().toBase64());
+        const QString certificate = "{\"ResponseSigningCertificate\": %1}";
+        const QString unreadable = "JSON node ResponseSigningCertificate has invalid value: Unable to read << ";
+        QTest::newRow("signing certificate")
+            << QStringList{certificate.arg("{\"Certificate\": 5, \"Crl\": \"AA==\"}"),
+                           certificate.arg("{\"Certificate\": \"" + base64 + "\"}"),
+                           certificate.arg("{\"Certificate\": \"bm90IGEgY2VydA==\", \"Crl\": \"AA==\"}"),
+                           certificate.arg("[1]"),
+                           certificate.arg("{\"Certificate\": \"" + base64 + "\", \"OcspResponse\": \"AQID\", \"Crl\": \"BAU=\"}"),
+                           certificate.arg("{\"Certificate\": \"" + base64 + "\", \"Crl\": \"BAU=\"}")}
+            << QStringList{unreadable + "JSON node Certificate is missing or has invalid value",
+                           unreadable + "JSON nodes CRL and OCSP Response are missing or have invalid value",
+                           unreadable + "JSON node Certificate has invalid value",
+                           "JSON node ResponseSigningCertificate has invalid value", "",
+                           "^JSON node ResponseSigningCertificate has invalid value: new is different than previous"};
+    }
+
+    void properties()
+    {
+        QFETCH(QStringList, properties);
+        QFETCH(QStringList, errors);
+        ScrivaPkcs11 instance;
+        for (int i = 0; i < properties.size(); ++i) {
+            const QString error = errorOf(instance, properties.at(i));
+            QVERIFY2(errors.at(i).startsWith('^') ? error.startsWith(errors.at(i).mid(1)) : error == errors.at(i),
+                     qPrintable(properties.at(i) + " => " + error));
+        }
+        QCOMPARE(instance.window()->descriptionText(), "Please wait...");
+        instance.window()->show();
+        QCOMPARE(errorOf(instance, "{}"), "Properties cannot be modified while application window is visible");
+    }
+
+    void windowIsTitledWithTheSignerAndMovedByItsTitleBar()
     {
         MainWindowPkcs11 window;
-        QVERIFY(window.windowFlags().testFlag(Qt::FramelessWindowHint));
-        QCOMPARE(window.accessibleName(), QStringLiteral("MainWindowPkcs11"));
-        QVERIFY(window.findChild<QWidget*>(QStringLiteral("gvWaitAnim")));
-        QCOMPARE(window.titleText(), QStringLiteral("AppName"));
-
-        window.updateWindowTitle(makeCertificate(QStringLiteral("signing.example.org")));
-        QVERIFY(window.titleText().startsWith(QStringLiteral("AppName")));
-        QVERIFY(window.titleText().endsWith(QStringLiteral("signing.example.org")));
+        window.updateWindowTitle(makeCertificate("signing.example.org"));
+        QVERIFY(window.titleText().startsWith("AppName") && window.titleText().endsWith("signing.example.org"));
         window.updateWindowTitle(X509Certificate2Ultra());
-        QCOMPARE(window.titleText(), QStringLiteral("AppName"));
-
-        // Dragging the title bar moves the frameless window.
+        QCOMPARE(window.titleText(), "AppName");
         window.show();
         const QPoint before = window.pos();
         emit window.titleBar()->moveVectorEvent(QVector2D(15, -4));
         QCOMPARE(window.pos(), before + QPoint(15, -4));
     }
 
-    void fileDialogReportsAChoiceOrOneRejection()
-    {
-        MainWindowPkcs11 window;
-        QSignalSpy chosen(&window, &MainWindowPkcs11::userDefinedPathAcquired);
-        QSignalSpy rejected(&window, &MainWindowPkcs11::userRejectedDialog);
-
-        window.showFileDialog();
-        QTRY_VERIFY(window.fileDialog()->isVisible());
-        QCOMPARE(window.fileDialog()->windowTitle(), QStringLiteral("Pkcs11FileDialogText"));
-        window.fileDialog()->reject();
-        QCOMPARE(rejected.count(), 1);
-        QCOMPARE(chosen.count(), 0);
-
-        QTemporaryFile module;
-        QVERIFY(module.open());
-        window.showFileDialog();
-        window.fileDialog()->selectFile(module.fileName());
-        QMetaObject::invokeMethod(window.fileDialog(), "accept");
-        QCOMPARE(chosen.count(), 1);
-        QCOMPARE(chosen.first().first().toString(), module.fileName());
-        QCOMPARE(rejected.count(), 1);
-    }
-
-    void displayTimeIsCheckedAndSetOnce_data()
-    {
-        QTest::addColumn<QString>("properties");
-        QTest::addColumn<QString>("error");
-        const QString key = QStringLiteral("MinimalWindowDisplayTime");
-        QTest::newRow("zero") << "{\"MinimalWindowDisplayTime\": 0}" << "";
-        QTest::newRow("upper bound") << "{\"MinimalWindowDisplayTime\": 600000}" << "";
-        QTest::newRow("over") << "{\"MinimalWindowDisplayTime\": 600001}" << "JSON node " + key + " has invalid value: 600001";
-        QTest::newRow("negative") << "{\"MinimalWindowDisplayTime\": -1}" << "JSON node " + key + " has invalid value: -1";
-        QTest::newRow("fraction") << "{\"MinimalWindowDisplayTime\": 1.5}" << "JSON node " + key + " has invalid value: 1.5";
-        QTest::newRow("text") << "{\"MinimalWindowDisplayTime\": \"100\"}" << "JSON node " + key + " has invalid value";
-        QTest::newRow("null") << "{\"MinimalWindowDisplayTime\": null}" << "JSON node " + key + " is missing";
-        QTest::newRow("not JSON") << "{MinimalWindowDisplayTime" << "Unable to parse properties as JSON structure";
-        QTest::newRow("array") << "[1]" << "Unable to convert properties to JSON object";
-        QTest::newRow("unknown keys ignored") << "{\"Colour\": \"blue\"}" << "";
-        QTest::newRow("language") << "{\"Language\": 5}" << "JSON node Language has invalid value";
-        QTest::newRow("unknown language") << "{\"Language\": \"xx\"}" << "UnsupportedLanguage";
-        QTest::newRow("path as language") << "{\"Language\": \"../../bin/x\"}" << "UnsupportedLanguage";
-    }
-
-    void displayTimeIsCheckedAndSetOnce()
-    {
-        QFETCH(QString, properties);
-        QFETCH(QString, error);
-        ScrivaPkcs11 instance;
-        QCOMPARE(errorOf(instance, properties), error);
-    }
-
-    void propertiesKeepTheirFirstValueAndRefuseWhileTheWindowShows()
-    {
-        ScrivaPkcs11 instance;
-        QCOMPARE(errorOf(instance, QStringLiteral("{\"MinimalWindowDisplayTime\": 250}")), QString());
-        QCOMPARE(errorOf(instance, QStringLiteral("{\"MinimalWindowDisplayTime\": 250}")), QString());
-        QCOMPARE(errorOf(instance, QStringLiteral("{\"MinimalWindowDisplayTime\": 300}")),
-                 QStringLiteral("JSON node MinimalWindowDisplayTime has invalid value: new is different than previous "
-                                "\n>> NEW >>\n300\n>> PREVIOUS>>\n250\n"));
-        QCOMPARE(instance.minimalWindowDisplayTime().value_or(-1), 250);
-
-        // A refused request changes nothing, also not its valid parts.
-        QCOMPARE(errorOf(instance, QStringLiteral("{\"Language\": \"cs\", \"MinimalWindowDisplayTime\": 7}")),
-                 QStringLiteral("JSON node MinimalWindowDisplayTime has invalid value: new is different than previous "
-                                "\n>> NEW >>\n7\n>> PREVIOUS>>\n250\n"));
-        QCOMPARE(instance.window()->descriptionText(), QStringLiteral("Please wait..."));
-
-        instance.window()->show();
-        QCOMPARE(errorOf(instance, QStringLiteral("{\"MinimalWindowDisplayTime\": 250}")),
-                 QStringLiteral("Properties cannot be modified while application window is visible"));
-    }
-
-    void signingCertificatePropertyIsReadFromItsJson()
-    {
-        const X509Certificate2Ultra certificate = makeCertificate(QStringLiteral("server"));
-        const QString base64 = QString::fromLatin1(certificate.toDer().toBase64());
-        ScrivaPkcs11 instance;
-
-        const QString good = QStringLiteral("{\"ResponseSigningCertificate\": {\"Certificate\": \"%1\", "
-                                            "\"OcspResponse\": \"AQID\", \"Crl\": \"BAU=\"}}")
-                                 .arg(base64);
-        QCOMPARE(errorOf(instance, good), QString());
-        QVERIFY(instance.responseSigningCertificate().has_value());
-        QCOMPARE(instance.responseSigningCertificate()->getRevocationType(), ResponseSigningCertificate::RevocationType::OCSP);
-        QCOMPARE(instance.responseSigningCertificate()->getRevocationData(), QByteArray("\x01\x02\x03"));
-
-        ScrivaPkcs11 other;
-        QCOMPARE(errorOf(other, QStringLiteral("{\"ResponseSigningCertificate\": {\"Certificate\": 5, \"Crl\": \"AA==\"}}")),
-                 QStringLiteral("JSON node ResponseSigningCertificate has invalid value: Unable to read << "
-                                "JSON node Certificate is missing or has invalid value"));
-        QCOMPARE(errorOf(other, QStringLiteral("{\"ResponseSigningCertificate\": {\"Certificate\": \"%1\"}}").arg(base64)),
-                 QStringLiteral("JSON node ResponseSigningCertificate has invalid value: Unable to read << "
-                                "JSON nodes CRL and OCSP Response are missing or have invalid value"));
-        QCOMPARE(errorOf(other, QStringLiteral("{\"ResponseSigningCertificate\": {\"Certificate\": \"bm90IGEgY2VydA==\", "
-                                               "\"Crl\": \"AA==\"}}")),
-                 QStringLiteral("JSON node ResponseSigningCertificate has invalid value: Unable to read << "
-                                "JSON node Certificate has invalid value"));
-        QCOMPARE(errorOf(other, QStringLiteral("{\"ResponseSigningCertificate\": [1]}")),
-                 QStringLiteral("JSON node ResponseSigningCertificate has invalid value"));
-        QVERIFY(!other.responseSigningCertificate().has_value());
-    }
-
     void languageSwitchRetranslatesTheWindow()
     {
         ScrivaPkcs11 instance;
-        instance.window()->setDescription(QStringLiteral("GetSlotsDescription"));
-        QCOMPARE(errorOf(instance, QStringLiteral("{\"Language\": \"cs\"}")), QString());
-        QTRY_COMPARE(instance.window()->descriptionText(), QStringLiteral("Hledám vaše tokeny..."));
-        QCOMPARE(errorOf(instance, QStringLiteral("{\"Language\": \"en\"}")), QString());
-        QTRY_COMPARE(instance.window()->descriptionText(), QStringLiteral("Looking for your tokens..."));
-        QCOMPARE(instance.window()->titleText(), QStringLiteral("Corvant Scriva"));
+        instance.window()->setDescription("GetSlotsDescription");
+        QCOMPARE(errorOf(instance, "{\"Language\": \"cs\"}"), QString());
+        QTRY_COMPARE(instance.window()->descriptionText(), "Hledám vaše tokeny...");
+        QCOMPARE(errorOf(instance, "{\"Language\": \"en\"}"), QString());
+        QTRY_COMPARE(instance.window()->descriptionText(), "Looking for your tokens...");
+        QCOMPARE(instance.window()->titleText(), "Corvant Scriva");
     }
 
     void bringToFrontActivatesOnlyAShownWindow()
@@ -201,37 +141,28 @@ private slots:
         QTRY_VERIFY(instance.window()->isActiveWindow());
     }
 
+    // DisposeInstance leaves the protocol open and the instance refuses; Terminate closes the protocol.
     void terminationIsReportedOnceAndRefusesEverythingAfter()
     {
-        NativeMessaging1 protocol(QStringLiteral("1.0.0"), QStringLiteral("qt"));
+        NativeMessaging1 protocol("1.0.0", "qt");
         QSignalSpy sent(&protocol, &NativeMessagingAdapter::sendMessage);
-        auto request = [&](const QString& name, const QString& argument = QString()) {
-            QJsonObject message{{QStringLiteral("method"), QStringLiteral("ScrivaPkcs11.1.0.0.qt.QES.") + name}};
-            if (!argument.isEmpty())
-                message.insert(QStringLiteral("args"), QJsonArray{argument});
+        const auto request = [&](const QString& name, const QString& key = "error") {
+            QJsonObject message{{"method", "ScrivaPkcs11.1.0.0.qt.QES." + name}, {"args", QJsonArray{"x"}}};
             protocol.processMessage(message);
-            return sent.takeLast().first().value<QJsonDocument>().object();
+            return sent.takeLast().first().value<QJsonDocument>().object().value(key).toString();
         };
-
-        QCOMPARE(request(QStringLiteral("GetNonce")).value(QStringLiteral("error")).toString(),
-                 QStringLiteral("ScrivaInstanceDoesNotExist"));
-        request(QStringLiteral("CreateInstance"));
+        QCOMPARE(request("GetNonce"), "ScrivaInstanceDoesNotExist");
+        request("CreateInstance");
         QSignalSpy ready(protocol.instance(), &ScrivaPkcs11::readyToTerminate);
-
-        // DisposeInstance leaves the protocol open; the instance itself refuses.
-        request(QStringLiteral("DisposeInstance"));
+        request("DisposeInstance");
         QCOMPARE(ready.count(), 1);
-        QCOMPARE(request(QStringLiteral("GetNonce")).value(QStringLiteral("error")).toString(),
-                 QStringLiteral("The ScrivaPkcs11 is terminating!"));
-        QCOMPARE(request(QStringLiteral("GetSlots"), QStringLiteral("x")).value(QStringLiteral("error")).toString(),
-                 QStringLiteral("The ScrivaPkcs11 is terminating!"));
-        QCOMPARE(request(QStringLiteral("GetVersion")).value(QStringLiteral("result")).toString(), QStringLiteral("2.6.1 (qt)"));
-
-        // Terminate closes the protocol for every method.
-        request(QStringLiteral("Terminate"));
+        for (const char* name : {"GetNonce", "GetSlots", "SetProperty", "BringToFront"})
+            QCOMPARE(request(name), "The ScrivaPkcs11 is terminating!");
+        QCOMPARE(request("GetVersion", "result"), "2.6.1 (qt)");
+        request("Terminate");
         QVERIFY(protocol.isTerminating());
-        for (const QString name : {"GetVersion", "CreateInstance", "Bogus"})
-            QCOMPARE(request(name).value(QStringLiteral("error")).toString(), QStringLiteral("The ScrivaPkcs11 is terminating!"));
+        for (const char* name : {"GetVersion", "CreateInstance", "Bogus"})
+            QCOMPARE(request(name), "The ScrivaPkcs11 is terminating!");
     }
 };
 

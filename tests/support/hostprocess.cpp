@@ -29,11 +29,6 @@ QString HostProcess::executable()
     return QStringLiteral(SCRIVA_BIN_DIR "/ScrivaPkcs11");
 }
 
-QString HostProcess::method(const QString& shortName)
-{
-    return QStringLiteral("ScrivaPkcs11.1.0.0.qt.QES.") + shortName;
-}
-
 QByteArray HostProcess::frame(const QByteArray& payload)
 {
     QByteArray bytes(4, '\0');
@@ -49,40 +44,20 @@ QString HostProcess::logPath() const
 void HostProcess::enableLog()
 {
     QDir().mkpath(QFileInfo(logPath()).path());
-    QFile file(logPath());
-    file.open(QIODevice::WriteOnly);
+    QFile(logPath()).open(QIODevice::WriteOnly);
 }
 
 QStringList HostProcess::logLines() const
 {
     QFile file(logPath());
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-}
-
-void HostProcess::setLauncher(const QString& program, const QStringList& arguments)
-{
-    launcher = program;
-    launcherArguments = arguments;
-}
-
-bool HostProcess::logContains(const QString& text) const
-{
-    for (const QString& line : logLines())
-        if (line.contains(text))
-            return true;
-    return false;
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts)
+                                          : QStringList();
 }
 
 bool HostProcess::start(const QStringList& arguments)
 {
     process.setProcessEnvironment(env);
-    process.setProcessChannelMode(QProcess::SeparateChannels);
-    if (launcher.isEmpty())
-        process.start(executable(), arguments);
-    else
-        process.start(launcher, launcherArguments + QStringList{executable()} + arguments);
+    process.start(executable(), arguments);
     return process.waitForStarted(10000);
 }
 
@@ -97,34 +72,23 @@ void HostProcess::sendRaw(const QByteArray& bytes)
     process.waitForBytesWritten(10000);
 }
 
-void HostProcess::closeInput()
-{
-    process.closeWriteChannel();
-}
-
 QJsonObject HostProcess::readAnswer(int timeoutMs)
 {
     QDeadlineTimer deadline(timeoutMs);
     for (;;) {
-        if (buffer.size() >= 4) {
-            const quint32 length = qFromLittleEndian<quint32>(buffer.constData());
-            if (quint32(buffer.size()) >= 4 + length) {
-                const QByteArray payload = buffer.mid(4, int(length));
-                buffer.remove(0, int(4 + length));
-                return QJsonDocument::fromJson(payload).object();
-            }
+        const quint32 length = buffer.size() >= 4 ? qFromLittleEndian<quint32>(buffer.constData()) : 0;
+        if (buffer.size() >= 4 && quint32(buffer.size()) >= 4 + length) {
+            const QByteArray payload = buffer.mid(4, int(length));
+            buffer.remove(0, int(4 + length));
+            return QJsonDocument::fromJson(payload).object();
         }
-        if (process.state() == QProcess::NotRunning) {
-            const QByteArray rest = process.readAllStandardOutput();
-            if (rest.isEmpty())
-                return {};
-            buffer += rest;
-            continue;
-        }
-        if (deadline.hasExpired())
+        const bool running = process.state() != QProcess::NotRunning;
+        if (running && !deadline.hasExpired())
+            process.waitForReadyRead(int(qMax<qint64>(1, deadline.remainingTime())));
+        const QByteArray more = process.readAllStandardOutput();
+        if (more.isEmpty() && (!running || deadline.hasExpired()))
             return {};
-        process.waitForReadyRead(int(qMax<qint64>(1, deadline.remainingTime())));
-        buffer += process.readAllStandardOutput();
+        buffer += more;
     }
 }
 
@@ -141,15 +105,12 @@ QJsonObject HostProcess::call(const QString& shortName, const QString& argument,
 
 bool HostProcess::waitForExit(int timeoutMs)
 {
-    if (process.state() == QProcess::NotRunning)
-        return true;
-    return process.waitForFinished(timeoutMs);
+    return process.state() == QProcess::NotRunning || process.waitForFinished(timeoutMs);
 }
 
 QByteArray HostProcess::pendingOutput()
 {
-    buffer += process.readAllStandardOutput();
-    const QByteArray out = buffer;
+    const QByteArray out = buffer + process.readAllStandardOutput();
     buffer.clear();
     return out;
 }

@@ -12,33 +12,27 @@
 class HostProcess
 {
 public:
-    static constexpr const char* createInstance = "ScrivaPkcs11.1.0.0.qt.QES.CreateInstance";
-
     HostProcess();
     ~HostProcess();
 
     static QString executable();
-    static QString method(const QString& shortName);
+    static QString method(const QString& shortName) { return QStringLiteral("ScrivaPkcs11.1.0.0.qt.QES.") + shortName; }
     static QByteArray frame(const QByteArray& payload);
 
     // Creates the log file, so the host writes its log (call before start).
     void enableLog();
     QString logPath() const;
     QStringList logLines() const;
-    bool logContains(const QString& text) const;
-    QString home() const { return homeDir.path(); }
+    bool logContains(const QString& text) const { return logLines().join(QLatin1Char('\n')).contains(text); }
     QProcessEnvironment& environment() { return env; }
 
-    // Runs the host under another program, such as a memory checker: program, its arguments,
-    // then the host's path and arguments (call before start).
-    void setLauncher(const QString& program, const QStringList& arguments = {});
     bool start(const QStringList& arguments = {});
     void send(const QJsonObject& message);
     void sendRaw(const QByteArray& bytes);
-    void closeInput();
+    void closeInput() { process.closeWriteChannel(); }
     // The next answer, or an empty object when none arrives within the timeout.
     QJsonObject readAnswer(int timeoutMs = 10000);
-    // A request built from a short method name, an optional id and an optional argument.
+    // A request built from a short method name, an optional argument and an optional id.
     QJsonObject call(const QString& shortName, const QString& argument = QString(), const QString& id = QString());
     bool waitForExit(int timeoutMs = 10000);
     int exitCode() const { return process.exitCode(); }
@@ -52,6 +46,4 @@ private:
     QProcessEnvironment env;
     QProcess process;
     QByteArray buffer;
-    QString launcher;
-    QStringList launcherArguments;
 };

@@ -1,0 +1,277 @@
+#include "hostprocess.h"
+
+#include <QDir>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QRegularExpression>
+#include <QSet>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QtEndian>
+
+#include <unistd.h>
+
+namespace {
+
+QByteArray request(const QString& name, const QJsonObject& extra = {})
+{
+    QJsonObject message = extra;
+    message.insert(QStringLiteral("method"), HostProcess::method(name));
+    return HostProcess::frame(QJsonDocument(message).toJson(QJsonDocument::Compact));
+}
+
+// An answer as the host writes it; the keys come out in this order.
+QString answer(const QString& method, const QJsonValue& error = QJsonValue::Null,
+               const QJsonValue& result = QJsonValue::Null, const QString& id = {})
+{
+    QJsonObject object{{"error", error}, {"method", method.isEmpty() ? method : HostProcess::method(method)},
+                       {"result", result}};
+    if (!id.isEmpty())
+        object.insert("id", id);
+    return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
+}
+
+QByteArray lengthOnly(quint32 length)
+{
+    QByteArray bytes(4, '\0');
+    qToLittleEndian<quint32>(length, bytes.data());
+    return bytes;
+}
+
+} // namespace
+
+// The built host through its pipes: start-up, framing, the method table and the log. Each row is
+// one conversation with its own host; every host must end normally, on its own or at the end of
+// its input, with nothing left unread.
+class TestHost : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void conversation_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QByteArrayList>("input"); // written in turn; an empty entry closes the input
+        QTest::addColumn<QStringList>("answers"); // in order; a nonce reads as UUID
+        QTest::addColumn<bool>("ends"); // by itself, before its input is closed
+        QTest::addColumn<QStringList>("log"); // patterns, "!" for absent; none: run without the log
+        const QByteArray create = request("CreateInstance");
+        const QString created = answer("CreateInstance");
+        const QString version = answer("GetVersion", QJsonValue::Null, "2.6.1 (qt)");
+        const auto row = [](const char* name) { return &QTest::newRow(name); };
+
+        const QList<std::pair<QByteArray, QString>> firstMessages{
+            {"{}", "Received empty JSON message"},
+            {"[{\"method\":\"x\"}]", "Received empty JSON message"},
+            {"{\"id\":\"1\"}", "Received JSON message does not specify NM method"},
+            {"{\"method\":\"ScrivaPkcs11.1.0.0.qt.QES.GetSlots\"}", "Invalid NM method: ScrivaPkcs11.1.0.0.qt.QES.GetSlots"},
+            {"{\"method\":\"ScrivaPkcs11.1.0.1.qt.QES.CreateInstance\"}", "Unsupported NM version: 1.0.1"},
+            {"{\"method\":\"ScrivaPkcs11.1.0.0.js.QES.CreateInstance\"}", "Invalid NM host type: js"}};
+        for (const auto& [payload, reason] : firstMessages)
+            QTest::addRow("first message %s", payload.constData())
+                << QStringList() << QByteArrayList{HostProcess::frame(payload)} << QStringList() << true
+                << QStringList("Unable to initialize NativeMessagingAdapter: AppException: " + reason);
+
+        *row("ids, banner and log lines") << QStringList()
+            << QByteArrayList{create, request("GetVersion", {{"id", "req-7"}}), request("BringToFront"),
+                              request("GetVersion", {{"id", ""}})}
+            << QStringList{created, answer("GetVersion", QJsonValue::Null, "2.6.1 (qt)", "req-7"), answer("BringToFront"),
+                           version}
+            << false
+            << QStringList{"- I - Qt build version: " QT_VERSION_STR " - at [^\n]*main[^\n]* in [^\n]*main\\.cpp line [1-9]",
+                           "!Working directory was not set"};
+        *row("unroutable requests") << QStringList()
+            << QByteArrayList{create, request("getslots"), request("Sign"), HostProcess::frame("{\"id\":\"no-method\"}"),
+                              HostProcess::frame("{\"method\":\"ScrivaPkcs11.1.0.1.qt.QES.GetVersion\"}"),
+                              HostProcess::frame("[1,2,3]"), request("GetVersion")}
+            << QStringList{created, answer("getslots", "Unknown method ScrivaPkcs11.1.0.0.qt.QES.getslots"),
+                           answer("Sign", "Unknown method ScrivaPkcs11.1.0.0.qt.QES.Sign"),
+                           answer({}, "NoMethodOrEventSpecified", QJsonValue::Null, "no-method"),
+                           "{\"error\":\"Unknown method ScrivaPkcs11.1.0.1.qt.QES.GetVersion\",\"method\":"
+                           "\"ScrivaPkcs11.1.0.1.qt.QES.GetVersion\",\"result\":null}",
+                           answer({}, "NoMethodOrEventSpecified"), version}
+            << false << QStringList();
+
+        QByteArrayList noArgument{create};
+        QStringList refused{created};
+        for (const char* name : {"GetSlots", "GetCertificates", "GenerateCsr", "CreateObject", "SetProperty"})
+            for (const QJsonValue& args : {QJsonValue(), QJsonValue(QJsonArray()), QJsonValue(QJsonArray{42}),
+                                           QJsonValue(QJsonArray{""})}) {
+                noArgument << request(name, args.isNull() ? QJsonObject() : QJsonObject{{"args", args}});
+                refused << answer(name, QString("Method %1 requires an argument but it was not provided").arg(name));
+            }
+        *row("no argument") << QStringList() << noArgument << refused << false << QStringList();
+
+        const auto setDisplayTime = [](int ms) {
+            return request("SetProperty", {{"args", QJsonArray{QString("{\"MinimalWindowDisplayTime\": %1}").arg(ms)}}});
+        };
+        *row("nonce, and a second instance starts afresh") << QStringList()
+            << QByteArrayList{create, request("GetNonce"), setDisplayTime(100), setDisplayTime(200), create,
+                              setDisplayTime(200)}
+            << QStringList{created, answer("GetNonce", QJsonValue::Null, "UUID"), answer("SetProperty"),
+                           answer("SetProperty", "JSON node MinimalWindowDisplayTime has invalid value: new is different "
+                                                 "than previous \n>> NEW >>\n200\n>> PREVIOUS>>\n100\n"),
+                           created, answer("SetProperty")}
+            << false << QStringList();
+
+        for (const char* method : {"Terminate", "DisposeInstance"})
+            *row(method) << QStringList() << QByteArrayList{create, request(method, {{"id", "bye"}})}
+                         << QStringList{created, answer(method, QJsonValue::Null, QJsonValue::Null, "bye")} << true
+                         << QStringList{QString("Application is ready to terminate - .*Terminating\\.\\.\\..*Preparing answer "
+                                                "method with name: ScrivaPkcs11\\.1\\.0\\.0\\.qt\\.QES\\.%1 - ").arg(method),
+                                        "Application quits with exit code: 0"};
+
+        // Text from the page or the browser is logged escaped: it cannot start a log line.
+        const QString forged = "\nFORGED-LINE";
+        *row("forged method, id and argument") << QStringList{"--bogus" + forged, "chrome-extension://abc/"}
+            << QByteArrayList{create, request("Get" + forged), request("GetVersion", {{"id", "7" + forged}})}
+            << QStringList{created, answer("Get" + forged, "Unknown method ScrivaPkcs11.1.0.0.qt.QES.Get" + forged),
+                           answer("GetVersion", QJsonValue::Null, "2.6.1 (qt)", "7" + forged)}
+            << false
+            << QStringList{"!^FORGED-LINE", "CommandLineParser error: Unknown option 'bogus\\\\nFORGED-LINE'",
+                           "with arguments: .*chrome-extension://abc/", "QES\\.Get\\\\nFORGED-LINE",
+                           "with id: 7\\\\nFORGED-LINE"};
+
+        const QList<std::pair<QByteArray, QString>> brokenFrames{
+            {lengthOnly(0), "Unable to process received data as JSON message\\."},
+            {HostProcess::frame("{\"method\":"), "Unable to process received data as JSON message\\."},
+            {lengthOnly(0xFFFFFFFFu), "Unable to process received data as JSON message\\."},
+            // Only the header: the host must refuse before it waits for any payload byte.
+            {lengthOnly(536870913u), "Incoming JSON message size 536870913 exceedes maximum allowed size 536870912"}};
+        for (const auto& [bytes, reason] : brokenFrames)
+            QTest::addRow("broken frame %s", bytes.left(8).toHex().constData())
+                << QStringList() << QByteArrayList{create, bytes} << QStringList(created) << true
+                << QStringList("Exiting read thread because of exception: AppException: " + reason);
+
+        *row("closed input after the answers") << QStringList() << QByteArrayList{create, request("GetVersion"), ""}
+            << QStringList{created, version} << true
+            << QStringList{"End of file reached", "Exiting write thread without an exception"};
+
+        // A frame dribbled out three bytes at a time, then a 4 MiB frame followed at once by a small one.
+        const QByteArray pieces = request("GetVersion", {{"id", "pieces"}});
+        QByteArrayList inPieces{create};
+        for (int i = 0; i < pieces.size(); i += 3)
+            inPieces << pieces.mid(i, 3);
+        inPieces << request("GetVersion", {{"id", "large"}, {"padding", QString(4 << 20, 'x')}})
+                        + request("GetVersion", {{"id", "small"}});
+        *row("frames in pieces and frames back to back") << QStringList() << inPieces
+            << QStringList{created, answer("GetVersion", QJsonValue::Null, "2.6.1 (qt)", "pieces"),
+                           answer("GetVersion", QJsonValue::Null, "2.6.1 (qt)", "large"),
+                           answer("GetVersion", QJsonValue::Null, "2.6.1 (qt)", "small")}
+            << false << QStringList();
+
+        // GetVersion echoes the id, so the id sets the answer's size: 1 MiB less one byte is written.
+        const int idForLimit = 1048575 - int(answer("GetVersion", QJsonValue::Null, "2.6.1 (qt)", "-").size()) + 1;
+        *row("answers up to one byte under 1 MiB") << QStringList()
+            << QByteArrayList{create, request("GetVersion", {{"id", QString(idForLimit, 'a')}}),
+                              request("GetVersion", {{"id", QString(idForLimit + 1, 'a')}})}
+            << QStringList{created, answer("GetVersion", QJsonValue::Null, "2.6.1 (qt)", QString(idForLimit, 'a'))}
+            << true
+            << QStringList("Exiting write thread because of exception: AppException: Outgoing JSON message size "
+                           "1048576 exceedes maximum allowed size 1048576");
+    }
+
+    void conversation()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QByteArrayList, input);
+        QFETCH(QStringList, answers);
+        QFETCH(bool, ends);
+        QFETCH(QStringList, log);
+        HostProcess host;
+        host.qprocess().setWorkingDirectory(QFileInfo(HostProcess::executable()).path());
+        if (!log.isEmpty())
+            host.enableLog();
+        QVERIFY(host.start(arguments));
+        for (const QByteArray& bytes : input)
+            bytes.isEmpty() ? host.closeInput() : host.sendRaw(bytes);
+        static const QRegularExpression uuid("[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}");
+        for (const QString& expected : answers)
+            QCOMPARE(QString::fromUtf8(QJsonDocument(host.readAnswer()).toJson(QJsonDocument::Compact)).replace(uuid, "UUID"),
+                     expected);
+        if (!ends)
+            host.closeInput();
+        QVERIFY(host.waitForExit());
+        QCOMPARE(host.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(host.exitCode(), 0);
+        QCOMPARE(host.pendingOutput(), QByteArray());
+
+        // Opt-in log: without the file nothing is created, with it every record has the same shape.
+        if (log.isEmpty())
+            QVERIFY(!QFileInfo::exists(QFileInfo(host.logPath()).path()));
+        const QString text = host.logLines().join('\n');
+        for (const QString& pattern : log) {
+            const bool absent = pattern.startsWith('!');
+            const QRegularExpression expression(pattern.mid(absent ? 1 : 0), QRegularExpression::MultilineOption
+                                                                                  | QRegularExpression::DotMatchesEverythingOption);
+            QVERIFY2(expression.match(text).hasMatch() != absent, qPrintable(pattern + "\n" + text));
+        }
+        static const QRegularExpression record("^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ - (\\d+) - \\d+ - [DWCFI] - .* - at "
+                                               ".* in .* line \\d+$",
+                                               QRegularExpression::DotMatchesEverythingOption);
+        QSet<QString> processes;
+        // Records start with their time; a multi-line message continues on the next lines.
+        for (const QString& line : text.split(QRegularExpression("\n(?=\\d{4}-\\d\\d-\\d\\dT)"), Qt::SkipEmptyParts)) {
+            const QRegularExpressionMatch match = record.match(line);
+            QVERIFY2(match.hasMatch(), qPrintable(line));
+            processes.insert(match.captured(1));
+        }
+        QVERIFY(processes.size() <= 1);
+    }
+
+    void browserNoLongerReadingEndsTheHostNormally()
+    {
+        HostProcess host;
+        host.enableLog();
+        // Stdout is a pipe whose reading end is already closed: the first answer meets a broken pipe.
+        host.qprocess().setChildProcessModifier([] {
+            int ends[2];
+            if (::pipe(ends) == 0) {
+                ::close(ends[0]);
+                ::dup2(ends[1], STDOUT_FILENO);
+                ::close(ends[1]);
+            }
+        });
+        QVERIFY(host.start());
+        host.sendRaw(request("CreateInstance"));
+        QVERIFY(host.waitForExit());
+        QCOMPARE(host.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(host.exitCode(), 0);
+        QVERIFY(host.logContains("Exiting write thread because of exception: AppException: Unable to write the answer"));
+    }
+
+    void startsFromAnyDirectoryButNeedsItsCatalogue()
+    {
+        HostProcess version;
+        QVERIFY(version.start({"--version"}));
+        QVERIFY(version.waitForExit());
+        QVERIFY(QRegularExpression("^ScrivaPkcs11 2\\.6\\.1 \\([0-9a-f]{40}\\)\n$").match(version.pendingOutput()).hasMatch());
+        HostProcess help;
+        QVERIFY(help.start({"--help"}));
+        QVERIFY(help.waitForExit());
+        QVERIFY(help.pendingOutput().contains("--version"));
+
+        QTemporaryDir elsewhere;
+        HostProcess host;
+        host.enableLog();
+        host.qprocess().setWorkingDirectory(elsewhere.path());
+        QVERIFY(host.start());
+        QCOMPARE(host.call("CreateInstance").value("error"), QJsonValue(QJsonValue::Null));
+        QVERIFY(host.logContains("Working directory was not set before the application has started"));
+
+        // A copy of the executable with no share/translations beside it.
+        QVERIFY(QDir(elsewhere.path()).mkpath("bin"));
+        const QString copy = elsewhere.filePath("bin/ScrivaPkcs11");
+        QVERIFY(QFile::copy(HostProcess::executable(), copy));
+        HostProcess lost;
+        lost.enableLog();
+        lost.qprocess().setProcessEnvironment(lost.environment());
+        lost.qprocess().start(copy, {});
+        QVERIFY(lost.waitForExit());
+        QCOMPARE(lost.exitCode(), 1);
+        QVERIFY(lost.logContains("Unable to load translation file"));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestHost)
+#include "tst_host.moc"
