@@ -57,7 +57,10 @@ QStringList HostProcess::logLines() const
 bool HostProcess::start(const QStringList& arguments)
 {
     process.setProcessEnvironment(env);
-    process.start(executable(), arguments);
+    if (launcher.isEmpty())
+        process.start(executable(), arguments);
+    else
+        process.start(launcher.first(), launcher.mid(1) + QStringList{executable()} + arguments);
     return process.waitForStarted(10000);
 }
 

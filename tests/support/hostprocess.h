@@ -26,6 +26,8 @@ public:
     bool logContains(const QString& text) const { return logLines().join(QLatin1Char('\n')).contains(text); }
     QProcessEnvironment& environment() { return env; }
 
+    // Runs the host under another program, such as a profiler (call before start).
+    void setLauncher(const QString& program, const QStringList& arguments = {}) { launcher = QStringList{program} + arguments; }
     bool start(const QStringList& arguments = {});
     void send(const QJsonObject& message);
     void sendRaw(const QByteArray& bytes);
@@ -45,5 +47,6 @@ private:
     QTemporaryDir homeDir;
     QProcessEnvironment env;
     QProcess process;
+    QStringList launcher;
     QByteArray buffer;
 };

@@ -35,12 +35,17 @@ SoftHsmToken::~SoftHsmToken()
         qunsetenv(configVariable);
 }
 
+QProcessEnvironment SoftHsmToken::environment() const
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QString::fromLatin1(configVariable), configPath());
+    return environment;
+}
+
 bool SoftHsmToken::run(const QString& program, const QStringList& arguments, QString* output) const
 {
     QProcess process;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QString::fromLatin1(configVariable), configPath());
-    process.setProcessEnvironment(environment);
+    process.setProcessEnvironment(environment());
     process.setProcessChannelMode(output ? QProcess::SeparateChannels : QProcess::MergedChannels);
     process.start(program, arguments);
     const bool finished = process.waitForFinished(60000);

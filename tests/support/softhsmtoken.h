@@ -22,6 +22,8 @@ public:
     QString lastError() const { return error; }
     QString directory() const { return dir.path(); }
     QString configPath() const { return dir.filePath(QStringLiteral("softhsm2.conf")); }
+    // The system environment with the variable pointing at this store, for child processes.
+    QProcessEnvironment environment() const;
 
     // Initialises the first free token; false (with lastError) on failure.
     bool initToken(const QString& label, const QString& soPin, const QString& userPin);
