@@ -93,15 +93,10 @@ QString attributeList(int count)
 // A GenerateCsr group for its reading routine, with one element left out.
 QString generateCsrWithout(const QString& element)
 {
-    QString fragment = QStringLiteral(
-        "<GenerateCsr><TokenSerialNumber>01</TokenSerialNumber><GenerateKeyPairMechanism>0</GenerateKeyPairMechanism>"
-        "<PublicKeyAttributes><BoolAttribute><Attribute>2</Attribute><Value>true</Value></BoolAttribute></PublicKeyAttributes>"
-        "<PrivateKeyAttributes><BoolAttribute><Attribute>2</Attribute><Value>true</Value></BoolAttribute></PrivateKeyAttributes>"
-        "<CsrType>PKCS10</CsrType><CsrSubject>3000</CsrSubject><CsrAttributes><EnrollmentCspProvider>csp"
-        "</EnrollmentCspProvider></CsrAttributes><CsrDigestMechanism>592</CsrDigestMechanism>"
-        "<CsrSigningMechanism>1</CsrSigningMechanism></GenerateCsr>");
-    return fragment.remove(QRegularExpression(QStringLiteral("<%1>.*</%1>").arg(element),
-                                              QRegularExpression::InvertedGreedinessOption));
+    const QString xml = edited("generatecsr-2022.xml");
+    QString group = xml.mid(xml.indexOf("<GenerateCsr>")).section("</Pkcs11Operation>", 0, 0);
+    return group.remove(QRegularExpression(QStringLiteral("<%1>.*</%1>").arg(element),
+                                           QRegularExpression::DotMatchesEverythingOption | QRegularExpression::InvertedGreedinessOption));
 }
 
 CkAttributeList someAttributes()
