@@ -362,6 +362,36 @@ private slots:
         QVERIFY2(log.contains(warning), qPrintable(log.text()));
     }
 
+    // A routine reads only into an empty output of its own, and only from a reader.
+    void readingRoutinesRefuseUnusableOutputs()
+    {
+        const Pkcs11OperationDataParser parser;
+        QXmlStreamReader reader(QStringLiteral("<GetSlots/>"));
+        const auto refuses = [&](auto* kind) {
+            using T = std::remove_pointer_t<decltype(kind)>;
+            const auto read = [&](QXmlStreamReader* from, T** output) {
+                if constexpr (std::is_same_v<T, Pkcs11LibraryData>)
+                    return parser.parseLibraryData(from, output);
+                else
+                    return parser.parseOperationData(from, output);
+            };
+            T* none = nullptr;
+            T* taken = reinterpret_cast<T*>(&reader); // only found set, never used
+            return !read(nullptr, &none) && !read(&reader, nullptr) && !read(&reader, &taken) && !none;
+        };
+        WarningLog log;
+        QVERIFY(refuses(static_cast<Pkcs11LibraryData*>(nullptr)) && refuses(static_cast<GetSlotsOperationData*>(nullptr))
+                && refuses(static_cast<GetCertificatesOperationData*>(nullptr))
+                && refuses(static_cast<CreateObjectOperationData*>(nullptr))
+                && refuses(static_cast<GenerateCsrOperationData*>(nullptr)));
+        Location location;
+        CK_ATTRIBUTE attribute{};
+        QVERIFY(!parser.parseLocation(nullptr, &location) && !parser.parseLocation(&reader, nullptr));
+        QVERIFY(!parser.parseAttribute(nullptr, &attribute, "BoolAttribute") && !parser.parseAttribute(&reader, nullptr, "BoolAttribute"));
+        QVERIFY(!parser.parseAttribute(&reader, &attribute, {}) && !attribute.pValue);
+        QVERIFY(log.contains("Dereferenced output pointer to pointer is not NULL!") && log.contains("Location output parameter is NULL!"));
+    }
+
     void validationChecksItsArguments()
     {
         const Pkcs11OperationDataParser parser;
