@@ -1,5 +1,6 @@
 #include "appexception.h"
 #include "loghandler.h"
+#include "secretpin.h"
 
 #include <QDir>
 #include <QFile>
@@ -52,7 +53,9 @@ private slots:
                  QStringLiteral("AppException: outer\n  at void c() in c.cpp line 3\n"
                                 "caused by DerivedException: mid\\ndle\n  at void b() in b.cpp line 2\n"
                                 "caused by AppException: <No message available>\n  at void a() in a.cpp line 1"));
-        QCOMPARE(QString::fromLatin1(typeid(AppException).name()), QStringLiteral("12AppException"));
+        // Outside text cannot start a line of its own, in a message or a trace.
+        QCOMPARE(LogHandler::escaped(QStringLiteral("a\rb\tc\x01\x1f \x7f\u009f\u00a0\u2028\u2029~")),
+                 QStringLiteral("a\\rb\\tc\\u0001\\u001f \\u007f\\u009f\u00a0\\u2028\\u2029~"));
     }
 
     void throwSiteMacroRecordsWhereAndKeepsCopiesIndependent()
@@ -71,11 +74,29 @@ private slots:
         }
     }
 
+    void pinKeepsItsBytesMovesWholeAndWipesInPlace()
+    {
+        SecretPin pin = SecretPin::fromText(u"Žx1");
+        QCOMPARE(QByteArray(reinterpret_cast<const char*>(pin.utf8()), int(pin.size())), QStringLiteral("Žx1").toUtf8());
+        SecretPin moved(std::move(pin));
+        QVERIFY(pin.isEmpty() && !pin.utf8() && moved.size() == 4);
+        pin = std::move(moved);
+        QVERIFY(moved.isEmpty() && !moved.utf8() && pin.size() == 4);
+        QVERIFY(SecretPin::fromText(u"").isEmpty());
+        // Every string that shares the buffer sees the zeros; no copy is left behind.
+        QString text = QStringLiteral("1234").repeated(2);
+        const QString sharer = text;
+        SecretPin::wipe(text);
+        QVERIFY(text.isEmpty());
+        QCOMPARE(sharer, QString(8, QChar(0)));
+    }
+
     void logPathsFollowTheDataLocation()
     {
         const QString expected = home.path() + QStringLiteral("/Corvant/Scriva/Logs/ScrivaPkcs11Log.txt");
         QCOMPARE(LogHandler::hostLogPath(), expected);
         QCOMPARE(LogHandler::certStoreLogPath(), home.path() + QStringLiteral("/Corvant/Scriva/Logs/CertStoreLog.txt"));
+        QCOMPARE(LogHandler::keyChainLogPath(), home.path() + QStringLiteral("/Corvant/Scriva/Logs/KeyChainLog.txt"));
         QCOMPARE(LogHandler::dataDirectory(), home.path() + QStringLiteral("/Corvant/Scriva/"));
     }
 
@@ -114,8 +135,9 @@ private slots:
         const QMessageLogContext context("f.cpp", 7, "void f()", nullptr);
         QVERIFY(LogHandler::formatLine(static_cast<QtMsgType>(42), context, QStringLiteral("m"))
                     .endsWith(QStringLiteral(" - ? - m - at void f() in f.cpp line 7")));
-        QVERIFY(LogHandler::formatLine(QtInfoMsg, context, QStringLiteral("m")).contains(QStringLiteral(" - I - m - ")));
-        QVERIFY(LogHandler::formatLine(QtCriticalMsg, context, QStringLiteral("m")).contains(QStringLiteral(" - C - m - ")));
+        const QList<QtMsgType> types{QtDebugMsg, QtWarningMsg, QtCriticalMsg, QtFatalMsg, QtInfoMsg};
+        for (int i = 0; i < types.size(); ++i)
+            QVERIFY(LogHandler::formatLine(types[i], context, "m").contains(QStringLiteral(" - %1 - m - ").arg("DWCFI"[i])));
     }
 };
 

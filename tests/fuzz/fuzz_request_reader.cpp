@@ -11,9 +11,7 @@
 #include "pkcs11/XmlParser/OperationData/OperationSpecific/getcertificatesoperationdata.h"
 #include "pkcs11/XmlParser/OperationData/OperationSpecific/getslotsoperationdata.h"
 
-#include <QString>
 #include <QXmlStreamReader>
-#include <QtGlobal>
 
 #include <cstdint>
 #include <cstdlib>
@@ -29,16 +27,6 @@ namespace {
 
 void silence(QtMsgType, const QMessageLogContext&, const QString&) {}
 
-void setUpOnce()
-{
-    static const bool done = [] {
-        initResources();
-        qInstallMessageHandler(silence);
-        return true;
-    }();
-    Q_UNUSED(done);
-}
-
 template<typename T>
 void parseAs(const QString& xml)
 {
@@ -51,48 +39,43 @@ void parseAs(const QString& xml)
     }
 }
 
+// A routine's result and its output agree: an output exactly when it succeeded.
 template<typename T>
-void readOperation(const Pkcs11OperationDataParser& parser, QXmlStreamReader* reader)
+void read(bool (Pkcs11OperationDataParser::*routine)(QXmlStreamReader*, T**) const, QXmlStreamReader* reader)
 {
-    T* data = nullptr;
-    if (parser.parseOperationData(reader, &data) != (data != nullptr))
+    T* output = nullptr;
+    if ((Pkcs11OperationDataParser().*routine)(reader, &output) != (output != nullptr))
         std::abort();
-    delete data;
+    delete output;
 }
 
 // Every reading routine on whatever elements the text holds, without validation first.
 void readUnvalidated(const QString& xml)
 {
-    const Pkcs11OperationDataParser parser;
+    using P = Pkcs11OperationDataParser;
     QXmlStreamReader reader(xml);
     while (!reader.atEnd()) {
-        reader.readNext();
-        if (!reader.isStartElement())
+        if (reader.readNext() != QXmlStreamReader::StartElement)
             continue;
         const QString name = reader.name().toString();
-        if (name == QLatin1String("Pkcs11Library")) {
-            Pkcs11LibraryData* library = nullptr;
-            if (parser.parseLibraryData(&reader, &library) != (library != nullptr))
-                std::abort();
-            delete library;
-        } else if (name == QLatin1String("Location")) {
-            Location location;
-            parser.parseLocation(&reader, &location);
-        } else if (name == QLatin1String("GetSlots")) {
-            readOperation<GetSlotsOperationData>(parser, &reader);
-        } else if (name == QLatin1String("GetCertificates")) {
-            readOperation<GetCertificatesOperationData>(parser, &reader);
-        } else if (name == QLatin1String("CreateObject")) {
-            readOperation<CreateObjectOperationData>(parser, &reader);
-        } else if (name == QLatin1String("GenerateCsr")) {
-            readOperation<GenerateCsrOperationData>(parser, &reader);
-        } else if (name.endsWith(QLatin1String("Attribute")) && name != QLatin1String("Attribute")) {
-            CK_ATTRIBUTE attribute{};
-            if (parser.parseAttribute(&reader, &attribute, name))
-                std::free(attribute.pValue);
-            else if (attribute.pValue)
-                std::abort(); // a refused attribute must not hold a buffer
-        }
+        Location location;
+        CK_ATTRIBUTE attribute{};
+        if (name == QLatin1String("Pkcs11Library"))
+            read<Pkcs11LibraryData>(&P::parseLibraryData, &reader);
+        else if (name == QLatin1String("Location"))
+            P().parseLocation(&reader, &location);
+        else if (name == QLatin1String("GetSlots"))
+            read<GetSlotsOperationData>(&P::parseOperationData, &reader);
+        else if (name == QLatin1String("GetCertificates"))
+            read<GetCertificatesOperationData>(&P::parseOperationData, &reader);
+        else if (name == QLatin1String("CreateObject"))
+            read<CreateObjectOperationData>(&P::parseOperationData, &reader);
+        else if (name == QLatin1String("GenerateCsr"))
+            read<GenerateCsrOperationData>(&P::parseOperationData, &reader);
+        else if (name.endsWith(QLatin1String("Attribute")) && name != QLatin1String("Attribute")
+                 && !P().parseAttribute(&reader, &attribute, name) && attribute.pValue)
+            std::abort(); // a refused attribute must not hold a buffer
+        std::free(attribute.pValue);
     }
 }
 
@@ -100,29 +83,24 @@ void readUnvalidated(const QString& xml)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    setUpOnce();
-    if (size == 0)
+    static const bool setUp = [] {
+        initResources();
+        qInstallMessageHandler(silence);
+        return true;
+    }();
+    if (!setUp || size == 0)
         return 0;
     // The first byte picks the operation, the rest is the document.
     const QString xml = QString::fromUtf8(reinterpret_cast<const char*>(data) + 1, qsizetype(size - 1));
     switch (data[0] % 4) {
-    case 0:
-        parseAs<GetSlotsOperationData>(xml);
-        break;
-    case 1:
-        parseAs<GetCertificatesOperationData>(xml);
-        break;
-    case 2:
-        parseAs<CreateObjectOperationData>(xml);
-        break;
-    default:
-        parseAs<GenerateCsrOperationData>(xml);
-        break;
+    case 0: parseAs<GetSlotsOperationData>(xml); break;
+    case 1: parseAs<GetCertificatesOperationData>(xml); break;
+    case 2: parseAs<CreateObjectOperationData>(xml); break;
+    default: parseAs<GenerateCsrOperationData>(xml); break;
     }
     // Both schemas, whatever namespace the text names.
-    const Pkcs11OperationDataParser parser;
-    parser.validate(xml, ScrivaNamespaces::version20221229());
-    parser.validate(xml, ScrivaNamespaces::version20260204());
+    Pkcs11OperationDataParser().validate(xml, ScrivaNamespaces::version20221229());
+    Pkcs11OperationDataParser().validate(xml, ScrivaNamespaces::version20260204());
     readUnvalidated(xml);
     return 0;
 }

@@ -1,10 +1,8 @@
 // Without libFuzzer a fuzz target is this program: it feeds every file of the given corpus
 // folders (or single files) to the target once, so the test suite keeps the corpora passing.
-#include <QDir>
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
-#include <QStringList>
 
 #include <cstdint>
 #include <cstdio>
@@ -16,17 +14,13 @@ int main(int argc, char* argv[])
 {
     if (LLVMFuzzerInitialize)
         LLVMFuzzerInitialize(&argc, &argv);
-
     QStringList files;
     for (int i = 1; i < argc; ++i) {
         const QString path = QString::fromLocal8Bit(argv[i]);
-        if (QFileInfo(path).isDir()) {
-            QDirIterator it(path, QDir::Files, QDirIterator::Subdirectories);
-            while (it.hasNext())
-                files << it.next();
-        } else {
+        for (QDirIterator it(path, QDir::Files, QDirIterator::Subdirectories); it.hasNext();)
+            files << it.next();
+        if (QFileInfo(path).isFile())
             files << path;
-        }
     }
     files.sort();
     if (files.isEmpty()) {

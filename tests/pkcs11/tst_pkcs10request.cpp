@@ -1,7 +1,13 @@
 #include "appexception.h"
+#include "ownedresource.h"
 #include "pkcs11/pkcs10request.h"
 
 #include <QTest>
+
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
 
 #include <p11-kit/pkcs11.h>
 
@@ -9,92 +15,111 @@
 
 namespace {
 
-// Nothing is signed here, so any modulus will do; signing on a token is the engine's test.
-const QByteArray modulus = QByteArray(1, '\xC1') + QByteArray(255, '\x5A');
-const QByteArray exponent = QByteArray::fromHex("010001");
-
 QString failureOf(const std::function<void()>& step)
 {
     try {
         step();
     } catch (const AppException& e) {
-        if (e.getGeneralMessage() != QLatin1String("GeneralExceptionMessage"))
-            return QStringLiteral("unexpected general message ") + e.getGeneralMessage();
-        return e.getMessage();
+        return e.getGeneralMessage() == QLatin1String("GeneralExceptionMessage") ? e.getMessage() : e.getGeneralMessage();
     }
     return QString();
 }
 
+QByteArray number(const EVP_PKEY* key, const char* name)
+{
+    BIGNUM* value = nullptr;
+    EVP_PKEY_get_bn_param(key, name, &value);
+    const Owned<BIGNUM, BN_free> owner(value);
+    QByteArray bytes(BN_num_bytes(value), Qt::Uninitialized);
+    BN_bn2bin(value, reinterpret_cast<unsigned char*>(bytes.data()));
+    return bytes;
+}
+
 } // namespace
 
-// The certification request builder: its attribute encoding and what it refuses.
+// The certification request builder: a request the token's raw PKCS#1 signature completes, its
+// attribute encoding and what it refuses.
 class TestPkcs10Request : public QObject
 {
     Q_OBJECT
 
+    Owned<EVP_PKEY, EVP_PKEY_free> key{EVP_RSA_gen(2048)};
+
 private slots:
-    void enrollmentAttributeForProviderAHasItsKnownEncoding()
+    void completesARequestThatVerifies_data()
     {
-        Pkcs10Request plain;
-        plain.setRsaPublicKey(modulus, exponent);
-        plain.setSubject(QStringLiteral("3000"));
-        QVERIFY(plain.getDerEncodedCertificationRequestInfo().endsWith(QByteArray::fromHex("a000")));
-
-        Pkcs10Request withProvider;
-        withProvider.setRsaPublicKey(modulus, exponent);
-        withProvider.setSubject(QStringLiteral("3000"));
-        withProvider.setEnrollmentCspProviderAttribute(QStringLiteral("A"));
-        // [0] { SEQUENCE { OID 1.3.6.1.4.1.311.13.2.2, SET { SEQUENCE { INTEGER 1, BMPString "A", BIT STRING } } } }
-        const QByteArray expected = QByteArray::fromHex("a01c301a060a2b0601040182370d0202310c300a0201011e020041030100");
-        QVERIFY(withProvider.getDerEncodedCertificationRequestInfo().endsWith(expected));
+        QTest::addColumn<CK_MECHANISM_TYPE>("digest");
+        QTest::addColumn<int>("algorithm");
+        QTest::newRow("SHA-1") << CK_MECHANISM_TYPE(CKM_SHA_1) << int(NID_sha1WithRSAEncryption);
+        QTest::newRow("SHA-256") << CK_MECHANISM_TYPE(CKM_SHA256) << int(NID_sha256WithRSAEncryption);
+        QTest::newRow("SHA-384") << CK_MECHANISM_TYPE(CKM_SHA384) << int(NID_sha384WithRSAEncryption);
+        QTest::newRow("SHA-512") << CK_MECHANISM_TYPE(CKM_SHA512) << int(NID_sha512WithRSAEncryption);
     }
 
-    void refusesMalformedSubjects_data()
+    void completesARequestThatVerifies()
     {
-        QTest::addColumn<QString>("subject");
-        QTest::addColumn<QString>("failure");
-        QTest::newRow("not hexadecimal") << QStringLiteral("30zz") << QStringLiteral("Unable to HEX decode subject");
-        QTest::newRow("odd length") << QStringLiteral("300") << QStringLiteral("Unable to HEX decode subject");
-        QTest::newRow("empty") << QString() << QStringLiteral("Unable to DER decode subject");
-        QTest::newRow("not a Name") << QStringLiteral("0401aa") << QStringLiteral("Unable to DER decode subject");
-        QTest::newRow("trailing bytes") << QStringLiteral("3000ff") << QStringLiteral("Unable to DER decode subject");
-    }
-
-    void refusesMalformedSubjects()
-    {
-        QFETCH(QString, subject);
-        QFETCH(QString, failure);
+        QFETCH(CK_MECHANISM_TYPE, digest);
+        QFETCH(int, algorithm);
         Pkcs10Request builder;
-        QCOMPARE(failureOf([&] { builder.setSubject(subject); }), failure);
-        builder.setSubject(QStringLiteral("3000")); // a failed attempt sets nothing
+        builder.setRsaPublicKey(number(key.get(), "n"), number(key.get(), "e"));
+        builder.setSubject(QStringLiteral("300f310d300b06035504030c0454657374")); // CN=Test
+        builder.setKovDataAttibute(QByteArray::fromHex("0c026b76"));
+        builder.setEnrollmentCspProviderAttribute(QStringLiteral("A"));
+        const QByteArray info = builder.getDerEncodedCertificationRequestInfo();
+        // SEQUENCE { OID 1.3.6.1.4.1.311.13.2.2, SET { SEQUENCE { INTEGER 1, BMPString "A", BIT STRING } } }
+        QVERIFY(info.contains(QByteArray::fromHex("301a060a2b0601040182370d0202310c300a0201011e020041030100")));
+
+        // What the token does with CKM_RSA_PKCS: a raw PKCS#1 v1.5 signature of the DigestInfo.
+        int digestNid = NID_undef;
+        const EVP_MD* md = EVP_get_digestbynid(OBJ_find_sigid_algs(algorithm, &digestNid, nullptr) ? digestNid : 0);
+        QVERIFY(md);
+        QByteArray hash(EVP_MD_get_size(md), Qt::Uninitialized);
+        QVERIFY(EVP_Digest(info.constData(), info.size(), reinterpret_cast<unsigned char*>(hash.data()), nullptr, md, nullptr));
+        const QByteArray digestInfo = Pkcs10Request::createPkcs1DigestInfo(hash, digest);
+        const Owned<EVP_PKEY_CTX, EVP_PKEY_CTX_free> context(EVP_PKEY_CTX_new(key.get(), nullptr));
+        QVERIFY(EVP_PKEY_sign_init(context.get()) == 1 && EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1);
+        size_t length = 256;
+        QByteArray signature(int(length), Qt::Uninitialized);
+        QVERIFY(EVP_PKEY_sign(context.get(), reinterpret_cast<unsigned char*>(signature.data()), &length,
+                              reinterpret_cast<const unsigned char*>(digestInfo.constData()), size_t(digestInfo.size())) == 1);
+        builder.setSignature(signature, digest, CKM_RSA_PKCS);
+
+        const QByteArray pem = builder.getPemEncodedRequest();
+        QVERIFY(pem.startsWith("-----BEGIN CERTIFICATE REQUEST-----\n") && pem.endsWith("-----END CERTIFICATE REQUEST-----\n"));
+        const Owned<BIO, BIO_free> bio(BIO_new_mem_buf(pem.constData(), int(pem.size())));
+        const Owned<X509_REQ, X509_REQ_free> request(PEM_read_bio_X509_REQ(bio.get(), nullptr, nullptr, nullptr));
+        QVERIFY(request);
+        QCOMPARE(X509_REQ_verify(request.get(), key.get()), 1);
+        QCOMPARE(X509_REQ_get_version(request.get()), 0);
+        QCOMPARE(X509_REQ_get_signature_nid(request.get()), algorithm);
+        QCOMPARE(X509_REQ_get_attr_count(request.get()), 2);
+        char text[32];
+        OBJ_obj2txt(text, sizeof text, X509_ATTRIBUTE_get0_object(X509_REQ_get_attr(request.get(), 0)), 1);
+        QCOMPARE(text, "1.2.203.7064.1.1.12.20180406");
+        const ASN1_TYPE* kovData = X509_ATTRIBUTE_get0_type(X509_REQ_get_attr(request.get(), 0), 0);
+        QVERIFY(kovData && kovData->type == V_ASN1_UTF8STRING);
+        X509_NAME_get_text_by_NID(X509_REQ_get_subject_name(request.get()), NID_commonName, text, sizeof text);
+        QCOMPARE(text, "Test");
     }
 
-    void refusesUnsupportedMechanisms()
+    void refusesWhatItCannotBuild()
     {
         Pkcs10Request builder;
-        QCOMPARE(failureOf([&] { builder.setSignature(QByteArray(256, 'x'), CKM_SHA224, CKM_RSA_PKCS); }),
+        for (const char* subject : {"30zz", "300"})
+            QCOMPARE(failureOf([&] { builder.setSubject(subject); }), QStringLiteral("Unable to HEX decode subject"));
+        for (const char* subject : {"", "0401aa", "3000ff"})
+            QCOMPARE(failureOf([&] { builder.setSubject(subject); }), QStringLiteral("Unable to DER decode subject"));
+        QCOMPARE(failureOf([&] { builder.setSignature("x", CKM_SHA224, CKM_RSA_PKCS); }),
                  QStringLiteral("Digesting mechanism 597 is not supported"));
-        QCOMPARE(failureOf([&] { builder.setSignature(QByteArray(256, 'x'), CKM_SHA256, CKM_ECDSA); }),
+        QCOMPARE(failureOf([&] { builder.setSignature("x", CKM_SHA256, CKM_ECDSA); }),
                  QStringLiteral("Signing mechanism 4161 is not supported"));
-        try {
-            Pkcs10Request::createPkcs1DigestInfo(QByteArray(16, 'x'), CKM_MD5);
-            QFAIL("MD5 was accepted");
-        } catch (const AppException& e) {
-            QCOMPARE(e.getMessage(), QStringLiteral("AlgorithmNotSupported"));
-        }
-        QCOMPARE(Pkcs10Request::createPkcs1DigestInfo(QByteArray(20, '\x11'), CKM_SHA_1).toHex(),
-                 QByteArray("3021300906052b0e03021a05000414") + QByteArray(20, '\x11').toHex());
-    }
+        QCOMPARE(failureOf([&] { Pkcs10Request::createPkcs1DigestInfo("x", CKM_MD5); }), QStringLiteral("AlgorithmNotSupported"));
 
-    void keepsCallingOrderAndSetsEachPartOnce()
-    {
-        Pkcs10Request builder;
-        QCOMPARE(failureOf([&] { builder.getDerEncodedCertificationRequestInfo(); }),
-                 QStringLiteral("EVP_PKEY is not set"));
-        builder.setRsaPublicKey(modulus, exponent);
-        QCOMPARE(failureOf([&] { builder.setRsaPublicKey(modulus, exponent); }), QStringLiteral("EVP_PKEY is already set"));
-        QCOMPARE(failureOf([&] { builder.getDerEncodedCertificationRequestInfo(); }),
-                 QStringLiteral("X509_NAME is not set"));
+        // Each part in its turn, and only once; a refused attempt sets nothing.
+        QCOMPARE(failureOf([&] { builder.getDerEncodedCertificationRequestInfo(); }), QStringLiteral("EVP_PKEY is not set"));
+        builder.setRsaPublicKey(number(key.get(), "n"), number(key.get(), "e"));
+        QCOMPARE(failureOf([&] { builder.setRsaPublicKey("\1", "\3"); }), QStringLiteral("EVP_PKEY is already set"));
+        QCOMPARE(failureOf([&] { builder.getDerEncodedCertificationRequestInfo(); }), QStringLiteral("X509_NAME is not set"));
         builder.setSubject(QStringLiteral("3000"));
         QCOMPARE(failureOf([&] { builder.setSubject(QStringLiteral("3000")); }), QStringLiteral("X509_NAME is already set"));
         builder.setKovDataAttibute(QByteArray::fromHex("3000"));
@@ -103,9 +128,9 @@ private slots:
         builder.setEnrollmentCspProviderAttribute(QStringLiteral("A"));
         QCOMPARE(failureOf([&] { builder.setEnrollmentCspProviderAttribute(QStringLiteral("B")); }),
                  QStringLiteral("X509_ATTRIBUTE is already set for EnrollmentCspProvider attribute"));
+        QCOMPARE(failureOf([&] { builder.getPemEncodedRequest(); }), QStringLiteral("X509_REQ is not set"));
         QVERIFY(!builder.getDerEncodedCertificationRequestInfo().isEmpty());
-        QCOMPARE(failureOf([&] { builder.getDerEncodedCertificationRequestInfo(); }),
-                 QStringLiteral("X509_REQ is already set"));
+        QCOMPARE(failureOf([&] { builder.getDerEncodedCertificationRequestInfo(); }), QStringLiteral("X509_REQ is already set"));
     }
 };
 

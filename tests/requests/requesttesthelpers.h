@@ -1,43 +1,27 @@
 #pragma once
 
 #include "appexception.h"
-#include "pkcs11/XmlParser/scrivanamespaces.h"
 
 #include <p11-kit/pkcs11.h>
 
-#include <QByteArray>
 #include <QFile>
 #include <QRegularExpression>
-#include <QString>
 #include <QStringList>
-#include <QtGlobal>
 
 #include <functional>
 
-// Test documents of tests/data/requests and small helpers shared by the request tests.
+// Test documents of tests/data/requests and small helpers of the request tests.
 
 inline const QString requestNonce = QStringLiteral("0f8fad5b-d9cb-469f-a165-70867728950e");
 
-inline QString readData(const QString& name)
-{
-    QFile file(QStringLiteral(SCRIVA_TEST_DATA_DIR "/requests/") + name);
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
-}
-
-// A test document with one edit; `from` is a pattern that must match, else the result is null.
+// A test document, with one edit when `from` is given; `from` is a pattern that must match, else
+// the result is null.
 inline QString edited(const QString& name, const QString& from = {}, const QString& to = {})
 {
-    QString xml = readData(name);
-    if (from.isEmpty())
-        return xml;
+    QFile file(QStringLiteral(SCRIVA_TEST_DATA_DIR "/requests/") + name);
+    QString xml = file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
     const QRegularExpression pattern(from, QRegularExpression::DotMatchesEverythingOption);
-    return xml.contains(pattern) ? xml.replace(pattern, to) : QString();
-}
-
-inline QString namespaceOf(const QString& fileName)
-{
-    return fileName.contains(QLatin1String("2022")) ? ScrivaNamespaces::version20221229()
-                                                    : ScrivaNamespaces::version20260204();
+    return from.isEmpty() ? xml : xml.contains(pattern) ? xml.replace(pattern, to) : QString();
 }
 
 inline QString refusal(const std::function<void()>& action)
@@ -55,11 +39,6 @@ inline QByteArray valueOf(const CK_ATTRIBUTE& attribute)
     return QByteArray(static_cast<const char*>(attribute.pValue), qsizetype(attribute.ulValueLen));
 }
 
-inline QByteArray ulongBytes(CK_ULONG value)
-{
-    return QByteArray(reinterpret_cast<const char*>(&value), sizeof(value));
-}
-
 // Collects the warnings logged while it lives, instead of printing them.
 class WarningLog
 {
@@ -69,8 +48,8 @@ public:
     WarningLog(const WarningLog&) = delete;
     WarningLog& operator=(const WarningLog&) = delete;
 
-    const QStringList& warnings() const { return lines(); }
-    bool contains(const QString& text) const { return lines().contains(text); }
+    QString text() const { return lines().join(QLatin1Char('\n')); }
+    bool contains(const QString& line) const { return lines().contains(line); }
 
 private:
     static QStringList& lines()
