@@ -52,8 +52,8 @@ int main(int argc, char** argv)
 
     QCoreApplication::setApplicationVersion(
         QStringLiteral("%1 (%2)").arg(QLatin1String(NativeMessagingHost::programVersion), QLatin1String(SCRIVA_BUILD_ID)));
-    qInfo().noquote() << "Starting app: " + QCoreApplication::applicationName() + QLatin1Char(' ')
-                             + QCoreApplication::applicationVersion();
+    // Name and version follow each other directly, as the banner has always read.
+    qInfo().noquote() << "Starting app: " + QCoreApplication::applicationName() + QCoreApplication::applicationVersion();
     qInfo().noquote() << "Qt build version: " QT_VERSION_STR;
     qInfo().noquote() << QStringLiteral("Qt runtime version: ") + QLatin1String(qVersion());
     qInfo().noquote() << "OS type: " + QSysInfo::prettyProductName();

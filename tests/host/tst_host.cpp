@@ -78,7 +78,8 @@ private slots:
             << QStringList{created, answer("GetVersion", QJsonValue::Null, "2.6.1 (qt)", "req-7"), answer("BringToFront"),
                            version}
             << false
-            << QStringList{"- I - Qt build version: " QT_VERSION_STR " - at [^\n]*main[^\n]* in [^\n]*main\\.cpp line [1-9]",
+            << QStringList{"- I - Starting app: ScrivaPkcs112\\.6\\.1 \\([0-9a-f]{40}\\) - at ",
+                           "- I - Qt build version: " QT_VERSION_STR " - at [^\n]*main[^\n]* in [^\n]*main\\.cpp line [1-9]",
                            "!Working directory was not set"};
         *row("unroutable requests") << QStringList()
             << QByteArrayList{create, request("getslots"), request("Sign"), HostProcess::frame("{\"id\":\"no-method\"}"),
