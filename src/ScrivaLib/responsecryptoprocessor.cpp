@@ -58,11 +58,11 @@ void ResponseCryptoProcessor::processCmsSignedData(const QByteArray& der)
         cmsContent = QString::fromUtf8(reinterpret_cast<const char*>(ASN1_STRING_get0_data(*content)),
                                        ASN1_STRING_length(*content));
         if (!LogHandler::dropsLines())
-            qDebug().noquote() << QStringLiteral("CMS content: ") + cmsContent;
+            qDebug().noquote() << QStringLiteral("CMS content: ") + LogHandler::escaped(cmsContent);
 
         serverCertificate = verifyCmsSignature(cms.get());
         if (!LogHandler::dropsLines())
-            qDebug().noquote() << QStringLiteral("Server certificate: ") + serverCertificate.toString();
+            qDebug().noquote() << QStringLiteral("Server certificate: ") + LogHandler::escaped(serverCertificate.toString());
     } catch (const AppException& e) {
         qWarning().noquote() << "CMS processing error:" << e.toString(true);
         throw AppException(e);
