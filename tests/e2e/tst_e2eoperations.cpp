@@ -86,6 +86,8 @@ private slots:
                  qPrintable(document));
         // The PIN pad logged in: no PIN form was ever set up.
         QVERIFY(!th.host().logContains("Setting up slot and token info"));
+        // Each result reached its own operation's answer.
+        QVERIFY(!th.host().logContains("Received result of an unknown async method"));
         // With the log on, the request and its signer are logged, each on one line.
         QVERIFY(th.host().logContains("CMS content: <?xml version=\"1.0\" encoding=\"UTF-8\"?>\\n<ScrivaOperation"));
         QVERIFY(th.host().logContains("Server certificate: -----BEGIN CERTIFICATE-----\\n"));
