@@ -129,6 +129,18 @@ private slots:
         QCOMPARE(TraceSwitch::trace().filter(QRegularExpression("^(  Flags|C_Initialize ret|C_Finalize ret)")), trace);
     }
 
+    // A module without slots is still given a buffer, an empty one, for its second answer.
+    void noSlotsAreReadIntoAnEmptyBuffer()
+    {
+        open({"no_slots=1"});
+        TraceSwitch::set(true);
+        QCOMPARE(library->getSlots(CK_TRUE), QList<unsigned long>());
+        const QStringList lists = TraceSwitch::trace().filter(QRegularExpression("^ pSlotList: "));
+        QCOMPARE(lists.size(), 4);
+        QCOMPARE(lists.mid(0, 2), QStringList({" pSlotList: (nil)", " pSlotList: (nil)"}));
+        QVERIFY2(!lists.mid(2).join("").contains("(nil)"), qPrintable(lists.join(" | ")));
+    }
+
     void pinDialogue_data()
     {
         QTest::addColumn<QStringList>("config");

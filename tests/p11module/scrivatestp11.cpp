@@ -18,6 +18,7 @@
 //   context_pin=5678              ... with this PIN (a null PIN is accepted with a PIN pad)
 //   token_platform=Platform text  vendor attribute 0x80001070 of object handle 0
 //   kov_data_hex=3003020101       vendor attribute 0x80000007 of public keys
+//   no_slots=1                    C_GetSlotList reports no slots
 //   slow_calls=C_OpenSession,C_Sign  these calls take slow_ms longer, as through a slow card reader
 //   slow_ms=2000                  (default 1000)
 //   hold_calls=C_GenerateKeyPair  these calls wait until the file <hold_dir>/<call>.release exists
@@ -192,7 +193,20 @@ void pause(const char* call)
         return target->call arguments;           \
     }
 
-SCRIVA_PACED(C_GetSlotList, (CK_BBOOL present, CK_SLOT_ID_PTR list, CK_ULONG_PTR count), (present, list, count))
+// With no_slots=1 the module has no slots at all.
+CK_RV paced_C_GetSlotList(CK_BBOOL present, CK_SLOT_ID_PTR list, CK_ULONG_PTR count)
+{
+    pause("C_GetSlotList");
+    {
+        State& s = state();
+        std::lock_guard<std::mutex> lock(s.mutex);
+        if (number(s, "no_slots", 0) != 0) {
+            *count = 0;
+            return CKR_OK;
+        }
+    }
+    return target->C_GetSlotList(present, list, count);
+}
 SCRIVA_PACED(C_GetSlotInfo, (CK_SLOT_ID slot, CK_SLOT_INFO_PTR info), (slot, info))
 SCRIVA_PACED(C_OpenSession,
              (CK_SLOT_ID slot, CK_FLAGS flags, CK_VOID_PTR application, CK_NOTIFY notify, CK_SESSION_HANDLE_PTR session),
