@@ -25,6 +25,7 @@ QByteArray ReadThread::getBytes(int count)
 
 void ReadThread::readInto(char* destination, int count)
 {
+    static_assert(EWOULDBLOCK == EAGAIN, "a read that would block is told by EAGAIN alone");
     if (!nonBlocking) {
         const int flags = fcntl(STDIN_FILENO, F_GETFL);
         fcntl(STDIN_FILENO, F_SETFL, flags | O_NONBLOCK);
@@ -41,7 +42,7 @@ void ReadThread::readInto(char* destination, int count)
         }
         if (result == 0)
             throw APP_EXCEPTION(QStringLiteral("End of file reached"));
-        if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
+        if (errno != EAGAIN && errno != EINTR)
             throw APP_EXCEPTION(QStringLiteral("Error was cought, errno from function read is %1").arg(errno));
         if (isInterruptionRequested())
             throw APP_EXCEPTION(QStringLiteral("Interruption of ReadThread is requested."));
