@@ -9,7 +9,8 @@
 #include <QWaitCondition>
 
 // Writes the queued answers to stdout as native-messaging frames, first in first out. The
-// queue is always drained before an interruption request is honoured.
+// queue is always drained before an interruption request is honoured. A small answer that finds
+// the thread idle and the pipe with room is written by the caller itself, in order all the same.
 class WriteThread : public QThread
 {
     Q_OBJECT
@@ -28,6 +29,8 @@ protected:
     void run() override;
 
 private:
+    bool writeNowIfRoom(const QJsonDocument& document);
+
     QList<QJsonDocument> queue;
     QMutex queueMutex;
     QWaitCondition queued;
