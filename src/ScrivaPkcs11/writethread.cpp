@@ -25,10 +25,10 @@ WriteThread::WriteThread(QObject* parent) : QThread(parent)
 
 void WriteThread::addJsonDocument(QJsonDocument document)
 {
-    // Holding the lock means the thread is waiting, not writing; with nothing queued before it,
-    // the answer may go out at once, which spares a thread switch per answer.
+    // With the thread idle and nothing queued before it, the answer may go out at once, which
+    // spares a thread switch per answer.
     QMutexLocker locker(&queueMutex);
-    if (queue.isEmpty() && writeNowIfRoom(document))
+    if (queue.isEmpty() && !writing && writeNowIfRoom(document))
         return;
     queue.append(document);
     queued.wakeOne();
@@ -82,8 +82,16 @@ void WriteThread::run()
     try {
         QMutexLocker locker(&queueMutex);
         for (;;) {
-            while (!queue.isEmpty())
-                writeToStdout(queue.takeFirst());
+            while (!queue.isEmpty()) {
+                const QJsonDocument document = queue.takeFirst();
+                // Written unlocked: a browser slow to read holds up this thread only, never the
+                // one that queues the next answer.
+                writing = true;
+                locker.unlock();
+                writeToStdout(document);
+                locker.relock();
+                writing = false;
+            }
             if (isInterruptionRequested())
                 break;
             // Woken by addJsonDocument; the 10 ms bound keeps interruption requests noticed.

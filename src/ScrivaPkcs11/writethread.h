@@ -32,6 +32,7 @@ private:
     bool writeNowIfRoom(const QJsonDocument& document);
 
     QList<QJsonDocument> queue;
+    bool writing = false;
     QMutex queueMutex;
     QWaitCondition queued;
     QFile stdoutFile;
