@@ -18,7 +18,7 @@ ReadThread::ReadThread(QObject* parent) : QThread(parent)
 
 QByteArray ReadThread::getBytes(int count)
 {
-    QByteArray bytes(qMax(count, 0), Qt::Uninitialized);
+    QByteArray bytes(count, Qt::Uninitialized); // empty for a negative count
     readInto(bytes.data(), count);
     return bytes;
 }
@@ -79,9 +79,9 @@ QByteArray ReadThread::readMessageFromStdin()
                                 .arg(length)
                                 .arg(maximumIncomingSize));
 
-    const int size = qMax(length, 0);
-    frameBuffer.resize(size);
-    readInto(frameBuffer.data(), size);
+    // A negative length leaves the payload empty.
+    frameBuffer.resize(length);
+    readInto(frameBuffer.data(), length);
     return frameBuffer;
 }
 
