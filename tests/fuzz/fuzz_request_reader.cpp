@@ -1,7 +1,6 @@
-// Fuzzes request documents: any text goes through the namespace choice, schema validation and
-// reading as a request of one of the four operations, and, as if validation had been bypassed,
-// straight through every reading routine whose element it contains. Refusals are the expected
-// outcome; crashes, leaks, double frees and undefined behaviour are the findings.
+// Any text as a request of the operation its first byte picks (namespace choice, both schemas,
+// reading), then, as if validation had been bypassed, through every reading routine whose element
+// it holds. Refusals are expected; crashes, leaks, double frees and undefined behaviour are findings.
 #include "appexception.h"
 #include "pkcs11/XmlParser/pkcs11operationdataparser.h"
 #include "pkcs11/XmlParser/scrivanamespaces.h"
@@ -11,70 +10,65 @@
 #include "pkcs11/XmlParser/OperationData/OperationSpecific/getcertificatesoperationdata.h"
 #include "pkcs11/XmlParser/OperationData/OperationSpecific/getslotsoperationdata.h"
 
+#include <QHash>
 #include <QXmlStreamReader>
 
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
 
-// Resources are registered from the global namespace, where their initialiser lives.
-static void initResources()
-{
-    Q_INIT_RESOURCE(scriva);
-}
+static void initResources() { Q_INIT_RESOURCE(scriva); } // only from the global namespace
 
 namespace {
-
-void silence(QtMsgType, const QMessageLogContext&, const QString&) {}
 
 template<typename T>
 void parseAs(const QString& xml)
 {
     try {
-        std::unique_ptr<ScrivaPkcs11OperationData<T>> record(ScrivaPkcs11InputXmlParser<T>::parseXml(xml));
-        // A record that was handed out is complete.
+        const std::unique_ptr<ScrivaPkcs11OperationData<T>> record(ScrivaPkcs11InputXmlParser<T>::parseXml(xml));
         if (record->getNonce().isEmpty() || record->getLibraryData()->getLocations().isEmpty())
-            std::abort();
+            std::abort(); // a record handed out is complete
     } catch (const AppException&) {
     }
 }
 
-// A routine's result and its output agree: an output exactly when it succeeded.
+// A routine gives an output exactly when it succeeds.
 template<typename T>
-void read(bool (Pkcs11OperationDataParser::*routine)(QXmlStreamReader*, T**) const, QXmlStreamReader* reader)
+void read(QXmlStreamReader* reader)
 {
     T* output = nullptr;
-    if ((Pkcs11OperationDataParser().*routine)(reader, &output) != (output != nullptr))
+    bool read = false;
+    if constexpr (std::is_same_v<T, Pkcs11LibraryData>)
+        read = Pkcs11OperationDataParser().parseLibraryData(reader, &output);
+    else
+        read = Pkcs11OperationDataParser().parseOperationData(reader, &output);
+    if (read != (output != nullptr))
         std::abort();
     delete output;
 }
 
-// Every reading routine on whatever elements the text holds, without validation first.
+void readLocation(QXmlStreamReader* reader)
+{
+    Location location;
+    Pkcs11OperationDataParser().parseLocation(reader, &location);
+}
+
 void readUnvalidated(const QString& xml)
 {
-    using P = Pkcs11OperationDataParser;
-    QXmlStreamReader reader(xml);
-    while (!reader.atEnd()) {
+    static const QHash<QString, void (*)(QXmlStreamReader*)> routines{
+        {"Pkcs11Library", &read<Pkcs11LibraryData>}, {"Location", &readLocation},
+        {"GetSlots", &read<GetSlotsOperationData>}, {"GetCertificates", &read<GetCertificatesOperationData>},
+        {"CreateObject", &read<CreateObjectOperationData>}, {"GenerateCsr", &read<GenerateCsrOperationData>}};
+    for (QXmlStreamReader reader(xml); !reader.atEnd();) {
         if (reader.readNext() != QXmlStreamReader::StartElement)
             continue;
         const QString name = reader.name().toString();
-        Location location;
         CK_ATTRIBUTE attribute{};
-        if (name == QLatin1String("Pkcs11Library"))
-            read<Pkcs11LibraryData>(&P::parseLibraryData, &reader);
-        else if (name == QLatin1String("Location"))
-            P().parseLocation(&reader, &location);
-        else if (name == QLatin1String("GetSlots"))
-            read<GetSlotsOperationData>(&P::parseOperationData, &reader);
-        else if (name == QLatin1String("GetCertificates"))
-            read<GetCertificatesOperationData>(&P::parseOperationData, &reader);
-        else if (name == QLatin1String("CreateObject"))
-            read<CreateObjectOperationData>(&P::parseOperationData, &reader);
-        else if (name == QLatin1String("GenerateCsr"))
-            read<GenerateCsrOperationData>(&P::parseOperationData, &reader);
-        else if (name.endsWith(QLatin1String("Attribute")) && name != QLatin1String("Attribute")
-                 && !P().parseAttribute(&reader, &attribute, name) && attribute.pValue)
-            std::abort(); // a refused attribute must not hold a buffer
+        if (routines.contains(name))
+            routines[name](&reader);
+        else if (name.endsWith("Attribute") && !Pkcs11OperationDataParser().parseAttribute(&reader, &attribute, name)
+                 && attribute.pValue)
+            std::abort(); // a refused attribute holds no buffer
         std::free(attribute.pValue);
     }
 }
@@ -83,24 +77,14 @@ void readUnvalidated(const QString& xml)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static const bool setUp = [] {
-        initResources();
-        qInstallMessageHandler(silence);
-        return true;
-    }();
+    static const bool setUp = (initResources(), qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {}), true);
     if (!setUp || size == 0)
         return 0;
-    // The first byte picks the operation, the rest is the document.
     const QString xml = QString::fromUtf8(reinterpret_cast<const char*>(data) + 1, qsizetype(size - 1));
-    switch (data[0] % 4) {
-    case 0: parseAs<GetSlotsOperationData>(xml); break;
-    case 1: parseAs<GetCertificatesOperationData>(xml); break;
-    case 2: parseAs<CreateObjectOperationData>(xml); break;
-    default: parseAs<GenerateCsrOperationData>(xml); break;
-    }
-    // Both schemas, whatever namespace the text names.
-    Pkcs11OperationDataParser().validate(xml, ScrivaNamespaces::version20221229());
-    Pkcs11OperationDataParser().validate(xml, ScrivaNamespaces::version20260204());
+    const auto parses = {&parseAs<GetSlotsOperationData>, &parseAs<GetCertificatesOperationData>,
+                         &parseAs<CreateObjectOperationData>, &parseAs<GenerateCsrOperationData>};
+    parses.begin()[data[0] % 4](xml);
+    Pkcs11OperationDataParser().validate(xml, ScrivaNamespaces::version20260204()); // whatever namespace the text names
     readUnvalidated(xml);
     return 0;
 }

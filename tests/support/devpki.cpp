@@ -4,17 +4,10 @@
 
 #include <QDir>
 #include <QFileInfo>
-#include <QtGlobal>
 
-bool DevPki::isAvailable()
-{
-    return QFileInfo(file(QStringLiteral("complete"))).isFile();
-}
+bool DevPki::isAvailable() { return QFileInfo(file(QStringLiteral("complete"))).isFile(); }
 
-QString DevPki::file(const QString& name)
-{
-    return QDir(QStringLiteral(SCRIVA_DEV_PKI_DIR)).filePath(name);
-}
+QString DevPki::file(const QString& name) { return QDir(QStringLiteral(SCRIVA_DEV_PKI_DIR)).filePath(name); }
 
 QByteArray DevPki::signedCms(const QByteArray& content, const QStringList& signers, bool detached)
 {
