@@ -297,7 +297,7 @@ private slots:
         row("attributes behind a quoted >", "getslots-2022", "<GetSlots", "<GetSlots a=\">\"" + attributeList(64), invalid,
             tooMany);
         row("lookalikes in comment, CDATA, PI and quotes", "getslots-2022", "<GetSlots/>",
-            "<GetSlots a=\"x>y='1'\" b='\"'><!-- <c d=\"1\"> --><![CDATA[<f g=\"1\">]]><?pi h=\"1\"?></GetSlots>", library22);
+            "<GetSlots a=\"" + QString(66, '=') + "x>y='1'\" b='\"'><!-- <c d=\"1\"> --><![CDATA[<f g=\"1\">]]><?pi h=\"1\"?></GetSlots>", library22);
         row("50,000 references in an attribute", "getslots-2022", "<GetSlots",
             "<GetSlots a=\"" + QStringLiteral("&amp;&#65;").repeated(25000) + "\"", library22);
         row("50,000 references in text", "getslots-2022", "User PIN", QStringLiteral("&lt;&#x263A;").repeated(25000),

@@ -229,7 +229,7 @@ private slots:
         signing.start(QStringLiteral(SCRIVA_BIN_DIR "/scriva-sign-request"),
                       {input.fileName(), DevPki::file("server-chain1.key"), DevPki::file("server-chain1.pem")});
         QVERIFY(signing.waitForFinished(30000) && signing.exitCode() == 0);
-        const QByteArray argument = signing.readAllStandardOutput().trimmed();
+        const QByteArray argument = signing.readAllStandardOutput().trimmed(); // the one-line operation argument
         QVERIFY(!argument.isEmpty() && !argument.contains('\n'));
         QProcess verifying;
         verifying.start(openssl, {"cms", "-verify", "-noverify", "-inform", "DER"});
