@@ -7,8 +7,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static const QtMessageHandler quiet = qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
-    Q_UNUSED(quiet);
+    [[maybe_unused]] static const auto quiet = qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
     ResponseCryptoProcessor processor;
     try {
         processor.processCmsSignedData(QByteArray(reinterpret_cast<const char*>(data), qsizetype(size)));

@@ -13,10 +13,9 @@ QByteArray DevPki::signedCms(const QByteArray& content, const QStringList& signe
 {
     RequestSigner signer;
     signer.setDetached(detached);
-    for (const QString& name : signers) {
+    for (const QString& name : signers)
         if (!signer.addSigner(file(name + QStringLiteral(".key")), file(name + QStringLiteral(".pem"))))
             qFatal("Development signer %s unusable: %s", qPrintable(name), qPrintable(signer.errorString()));
-    }
     const QByteArray cms = signer.sign(content);
     if (cms.isEmpty())
         qFatal("Signing failed: %s", qPrintable(signer.errorString()));

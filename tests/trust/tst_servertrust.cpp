@@ -7,15 +7,7 @@
 #include "trustanchors.h"
 #include "x509certificate2ultra.h"
 
-#include <QDateTime>
-#include <QFile>
-#include <QJsonObject>
-#include <QLoggingCategory>
-#include <QProcess>
-#include <QRegularExpression>
-#include <QStandardPaths>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 #include <openssl/err.h>
 #include <openssl/objects.h>
@@ -172,17 +164,19 @@ private slots:
 
     void judgesValidityPeriodInWholeSeconds()
     {
-        // Effective in the current second: not yet valid. Retried if the clock ticks meanwhile.
+        // Effective or expiring in the current second: not valid. Retried if the clock ticks meanwhile.
         const QByteArray keyPem = devFile(QStringLiteral("server-chain2.key"));
         const Owned<BIO, BIO_free> bio(BIO_new_mem_buf(keyPem.constData(), int(keyPem.size())));
         const Owned<EVP_PKEY, EVP_PKEY_free> key(PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr));
         for (qint64 second = 0; second != QDateTime::currentSecsSinceEpoch();) {
             second = QDateTime::currentSecsSinceEpoch();
-            const Owned<X509, X509_free> fresh(X509_new());
-            QVERIFY(ASN1_TIME_set(X509_getm_notBefore(fresh.get()), time_t(second))
-                    && ASN1_TIME_set(X509_getm_notAfter(fresh.get()), time_t(second + 3600))
-                    && X509_set_pubkey(fresh.get(), key.get()) && X509_sign(fresh.get(), key.get(), EVP_sha256()));
-            QVERIFY(!X509Certificate2Ultra(fresh.get()).isValidByTime() || second != QDateTime::currentSecsSinceEpoch());
+            for (const qint64 from : {second, second - 3600}) {
+                const Owned<X509, X509_free> certificate(X509_new());
+                QVERIFY(ASN1_TIME_set(X509_getm_notBefore(certificate.get()), time_t(from))
+                        && ASN1_TIME_set(X509_getm_notAfter(certificate.get()), time_t(from + 3600))
+                        && X509_set_pubkey(certificate.get(), key.get()) && X509_sign(certificate.get(), key.get(), EVP_sha256()));
+                QVERIFY(!X509Certificate2Ultra(certificate.get()).isValidByTime() || second != QDateTime::currentSecsSinceEpoch());
+            }
         }
     }
 
