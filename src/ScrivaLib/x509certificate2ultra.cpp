@@ -18,6 +18,7 @@
 #include <climits>
 #include <ctime>
 #include <deque>
+#include <limits>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -214,8 +215,8 @@ void X509Certificate2Ultra::verifyIssuer(const QList<X509Certificate2Ultra>& cha
                              Q_FUNC_INFO, __LINE__);
     }
 
-    time_t from = 0;
-    time_t until = 0;
+    time_t from = std::numeric_limits<time_t>::min();
+    time_t until = std::numeric_limits<time_t>::max();
     STACK_OF(X509)* path = X509_STORE_CTX_get0_chain(context.get());
     for (int i = 0; i < sk_X509_num(path); ++i) {
         time_t notBefore = 0;
@@ -223,8 +224,8 @@ void X509Certificate2Ultra::verifyIssuer(const QList<X509Certificate2Ultra>& cha
         X509* member = sk_X509_value(path, i);
         if (!secondsOf(X509_get0_notBefore(member), &notBefore) || !secondsOf(X509_get0_notAfter(member), &notAfter))
             return;
-        from = i == 0 ? notBefore : std::max(from, notBefore);
-        until = i == 0 ? notAfter : std::min(until, notAfter);
+        from = std::max(from, notBefore);
+        until = std::min(until, notAfter);
     }
     std::vector<OwnedX509> held;
     for (X509* member : chainGiven) {

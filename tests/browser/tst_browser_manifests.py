@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """The extension and the host manifests must name each other, and install-host.sh must put the
-manifests where Chromium, Google Chrome, Brave, Vivaldi, Microsoft Edge and Firefox look, and take
-them away again."""
+manifests where Chromium, Google Chrome, Brave, Vivaldi, Microsoft Edge and Firefox look, for the
+user and for the system, and take them away again."""
 import argparse
 import base64
 import hashlib
@@ -12,7 +12,6 @@ import sys
 import tempfile
 
 HOST_NAME = "com.corvant.scriva.pkcs11"
-# Where Chromium, Google Chrome, Brave, Vivaldi, Microsoft Edge and Firefox look on Linux.
 USER_FOLDERS = [".config/chromium/NativeMessagingHosts", ".config/google-chrome/NativeMessagingHosts",
                 ".config/BraveSoftware/Brave-Browser/NativeMessagingHosts", ".config/vivaldi/NativeMessagingHosts",
                 ".config/microsoft-edge/NativeMessagingHosts", ".mozilla/native-messaging-hosts"]
@@ -28,20 +27,13 @@ def check(condition, what, detail=""):
         failures.append(what)
 
 
-def chromium_id(public_key_base64):
-    """Chromium's extension id: the first 128 bits of SHA-256 of the public key, as letters a-p."""
-    digest = hashlib.sha256(base64.b64decode(public_key_base64)).hexdigest()[:32]
-    return "".join(chr(ord("a") + int(digit, 16)) for digit in digest)
-
-
 def load(path):
     with open(path) as file:
         return json.load(file)
 
 
 def files_under(root):
-    return sorted(os.path.relpath(os.path.join(folder, name), root)
-                  for folder, _, names in os.walk(root) for name in names)
+    return sorted(os.path.relpath(os.path.join(folder, name), root) for folder, _, names in os.walk(root) for name in names)
 
 
 def main():
@@ -51,21 +43,21 @@ def main():
     args = parser.parse_args()
     extension = load(os.path.join(args.source, "browser", "extension", "manifest.json"))
     share = os.path.join(args.build, "share", "scriva")
-    chromium = load(os.path.join(share, "native-messaging-hosts", "chromium", HOST_NAME + ".json"))
-    firefox = load(os.path.join(share, "native-messaging-hosts", "firefox", HOST_NAME + ".json"))
-
-    check(chromium["allowed_origins"] == [f"chrome-extension://{chromium_id(extension['key'])}/"],
-          "Chromium's manifest admits the id that follows from the extension's key", chromium["allowed_origins"])
-    check(firefox["allowed_extensions"] == [extension["browser_specific_settings"]["gecko"]["id"]],
-          "Firefox's manifest admits the extension's gecko id", firefox["allowed_extensions"])
-    for manifest in (chromium, firefox):
-        check(manifest["name"] == HOST_NAME and manifest["type"] == "stdio" and os.path.isabs(manifest["path"])
-              and os.access(manifest["path"], os.X_OK), "a manifest names the built host", manifest)
-    check(extension["manifest_version"] == 3 and "nativeMessaging" in extension["permissions"],
-          "the extension is Manifest V3 with native messaging", extension.get("permissions"))
-    matches = extension["content_scripts"][0]["matches"]
-    check(sorted(matches) == ["http://127.0.0.1/*", "http://localhost/*", "https://*/*"],
-          "the content script runs only on https and local pages", matches)
+    manifests = {name: load(os.path.join(share, "native-messaging-hosts", name, HOST_NAME + ".json"))
+                 for name in ("chromium", "firefox")}
+    # Chromium's extension id: the first 128 bits of SHA-256 of the public key, as letters a-p.
+    digest = hashlib.sha256(base64.b64decode(extension["key"])).hexdigest()[:32]
+    chromium_id = "".join(chr(ord("a") + int(digit, 16)) for digit in digest)
+    admitted = {"chromium": ("allowed_origins", f"chrome-extension://{chromium_id}/"),
+                "firefox": ("allowed_extensions", extension["browser_specific_settings"]["gecko"]["id"])}
+    for name, manifest in manifests.items():
+        key, value = admitted[name]
+        check(manifest[key] == [value] and manifest["name"] == HOST_NAME and manifest["type"] == "stdio"
+              and os.path.isabs(manifest["path"]) and os.access(manifest["path"], os.X_OK),
+              f"{name}'s manifest names the built host and admits the extension", manifest)
+    seen = (extension["manifest_version"], extension["permissions"], sorted(extension["content_scripts"][0]["matches"]))
+    check(seen == (3, ["nativeMessaging"], ["http://127.0.0.1/*", "http://localhost/*", "https://*/*"]),
+          "the extension is Manifest V3 with native messaging, on https and local pages only", seen)
 
     script = os.path.join(share, "install-host.sh")
     with tempfile.TemporaryDirectory() as home:
@@ -73,24 +65,23 @@ def main():
         env["HOME"] = home
         root = os.path.join(home, "root")
         # The folders that stay after uninstalling: the ones every user or system has anyway.
-        for scope, folders, kept in (("--user", USER_FOLDERS, [".", ".config"]),
-                                     ("--system", SYSTEM_FOLDERS, [".", "etc", "usr", "usr/lib", "usr/lib/mozilla"])):
-            top = home if scope == "--user" else root
-            extra = [] if scope == "--user" else ["--root", root]
-            subprocess.run(["sh", script, scope] + extra, env=env, check=True, capture_output=True)
-            installed = files_under(top)
-            expected = sorted(os.path.join(folder, HOST_NAME + ".json") for folder in folders)
-            check(installed == expected, f"install-host.sh {scope} registers with every browser", installed)
-            wrong = [path for path in installed if load(os.path.join(top, path)) != (firefox if "mozilla" in path else chromium)
-                     or os.stat(os.path.join(top, path)).st_mode & 0o777 != 0o644]
-            check(not wrong, f"install-host.sh {scope} gives each browser its manifest, readable by all", wrong)
-            subprocess.run(["sh", script, scope, "--uninstall"] + extra, env=env, check=True, capture_output=True)
+        for scope, folders, top, kept in (
+                ("--user", USER_FOLDERS, home, [".", ".config"]),
+                ("--system", SYSTEM_FOLDERS, root, [".", "etc", "usr", "usr/lib", "usr/lib/mozilla"])):
+            extra = [scope] if scope == "--user" else [scope, "--root", root]
+            subprocess.run(["sh", script] + extra, env=env, check=True, capture_output=True)
+            installed = {path: (load(os.path.join(top, path)), os.stat(os.path.join(top, path)).st_mode & 0o777)
+                         for path in files_under(top)}
+            check(installed == {os.path.join(folder, HOST_NAME + ".json"):
+                                (manifests["firefox" if "mozilla" in folder else "chromium"], 0o644) for folder in folders},
+                  f"install-host.sh {scope} gives every browser its manifest, readable by all", installed)
+            subprocess.run(["sh", script, "--uninstall"] + extra, env=env, check=True, capture_output=True)
             left = sorted(os.path.relpath(folder, top) for folder, _, _ in os.walk(top))
             check(files_under(top) == [] and left == kept,
                   f"install-host.sh {scope} --uninstall removes them and the folders it made", left)
 
-        xdg = dict(env, XDG_CONFIG_HOME=os.path.join(home, "xdg"))
-        subprocess.run(["sh", script, "--user"], env=xdg, check=True, capture_output=True)
+        subprocess.run(["sh", script, "--user"], env=dict(env, XDG_CONFIG_HOME=os.path.join(home, "xdg")),
+                       check=True, capture_output=True)
         check(len(files_under(os.path.join(home, "xdg"))) == len(USER_FOLDERS) - 1,
               "install-host.sh --user follows XDG_CONFIG_HOME for the Chromium family", files_under(home))
         missing = subprocess.run(["sh", script, "--user", "--manifests", os.path.join(home, "none")], env=env,

@@ -12,22 +12,14 @@ import sys
 
 PREFIX = "/opt/scriva"
 HOST = "com.corvant.scriva.pkcs11.json"
-EXPECTED = {
-    PREFIX + "/bin/ScrivaPkcs11",
-    PREFIX + "/share/translations/Scriva_en.qm",
-    PREFIX + "/share/translations/Scriva_cs.qm",
-    PREFIX + "/share/scriva/extension/manifest.json",
-    PREFIX + "/share/scriva/extension/background.js",
-    PREFIX + "/share/scriva/extension/content.js",
-    PREFIX + "/share/scriva/client/scriva-client.js",
-    PREFIX + "/share/scriva/install-host.sh",
-    "/etc/chromium/native-messaging-hosts/" + HOST,
-    "/etc/opt/chrome/native-messaging-hosts/" + HOST,
-    "/etc/opt/edge/native-messaging-hosts/" + HOST,
-    "/usr/lib/mozilla/native-messaging-hosts/" + HOST,
-    "/usr/share/doc/scriva-pkcs11/copyright",
-    "/usr/share/doc/scriva-pkcs11/changelog.Debian.gz",
-}
+MANIFESTS = {f"{folder}/native-messaging-hosts/{HOST}" for folder in ("/etc/chromium", "/etc/opt/chrome", "/etc/opt/edge",
+                                                                      "/usr/lib/mozilla")}
+EXPECTED = MANIFESTS | {PREFIX + path for path in (
+    "/bin/ScrivaPkcs11", "/share/translations/Scriva_en.qm", "/share/translations/Scriva_cs.qm",
+    "/share/scriva/extension/manifest.json", "/share/scriva/extension/background.js",
+    "/share/scriva/extension/content.js", "/share/scriva/extension/origin.js", "/share/scriva/client/scriva-client.js",
+    "/share/scriva/install-host.sh")} | {"/usr/share/doc/scriva-pkcs11/copyright",
+                                         "/usr/share/doc/scriva-pkcs11/changelog.Debian.gz"}
 failures = []
 
 
@@ -37,22 +29,8 @@ def check(condition, what, detail=""):
         failures.append(what)
 
 
-def output(*arguments, cwd=None):
-    return subprocess.run(arguments, cwd=cwd, capture_output=True, text=True, check=True).stdout
-
-
-def talk(host, messages):
-    """Sends framed JSON messages to the host and reads one framed answer per message."""
-    payload = b"".join(struct.pack("<I", len(data)) + data for data in (json.dumps(m).encode() for m in messages))
-    env = dict(os.environ, QT_QPA_PLATFORM="offscreen")
-    process = subprocess.run([host, "chrome-extension://test/"], input=payload, capture_output=True, env=env,
-                             timeout=60)
-    answers, data = [], process.stdout
-    while len(data) >= 4:
-        (length,) = struct.unpack("<I", data[:4])
-        answers.append(json.loads(data[4:4 + length]))
-        data = data[4 + length:]
-    return answers
+def output(*arguments):
+    return subprocess.run(arguments, capture_output=True, text=True, check=True).stdout
 
 
 def main():
@@ -68,17 +46,14 @@ def main():
     check(len(packages) == 1, "cpack writes one package", packages)
     package = packages[0]
 
+    # The version is the program's with a package revision, the dependencies follow the linked libraries.
     fields = {name: output("dpkg-deb", "-f", package, name).strip() for name in ("Package", "Version", "Depends")}
-    check(fields["Package"] == "scriva-pkcs11", "the package is named scriva-pkcs11", fields)
-    check(fields["Version"].startswith("2.6.1-"), "the version is the program's with a package revision", fields)
-    check("libqt6widgets6" in fields["Depends"] and "libssl3" in fields["Depends"],
-          "dependencies come from the linked libraries", fields["Depends"])
-    control = os.path.join(args.work, "control")
-    subprocess.run(["dpkg-deb", "-e", package, control], check=True)
-    with open(os.path.join(control, "conffiles")) as file:
-        conffiles = set(file.read().split())
-    check(conffiles == {path for path in EXPECTED if path.startswith("/etc/")},
-          "the manifests in /etc are conffiles", conffiles)
+    seen = (fields["Package"], fields["Version"].split("-")[0],
+            *(name in fields["Depends"] for name in ("libqt6widgets6", "libssl3")))
+    check(seen == ("scriva-pkcs11", "2.6.1", True, True), "the package's name, version and dependencies", fields)
+    conffiles = set(output("dpkg-deb", "-I", package, "conffiles").split())
+    check(conffiles == {path for path in MANIFESTS if path.startswith("/etc/")}, "the manifests in /etc are conffiles",
+          conffiles)
 
     listing = {line.split()[-1].lstrip(".") for line in output("dpkg-deb", "-c", package).splitlines()}
     check(EXPECTED <= listing, "the package holds the expected files", sorted(EXPECTED - listing))
@@ -89,17 +64,19 @@ def main():
 
     root = os.path.join(args.work, "root")
     subprocess.run(["dpkg", "-x", package, root], check=True)
-    for path in sorted(path for path in EXPECTED if path.endswith(HOST)):
-        with open(root + path) as file:
-            manifest = json.load(file)
-        check(manifest["path"] == PREFIX + "/bin/ScrivaPkcs11" and manifest["type"] == "stdio",
-              f"{path} names the installed host", manifest)
-    host = root + PREFIX + "/bin/ScrivaPkcs11"
-    check(".symtab" not in output("readelf", "-S", "-W", host), "the host is stripped")
-    answers = talk(host, [{"method": "ScrivaPkcs11.1.0.0.qt.QES.CreateInstance", "id": "1"},
-                          {"method": "ScrivaPkcs11.1.0.0.qt.QES.GetVersion", "id": "2"},
-                          {"method": "ScrivaPkcs11.1.0.0.qt.QES.Terminate", "id": "3"}])
-    check(len(answers) == 3 and answers[1]["result"] == "2.6.1 (qt)", "the unpacked host answers", answers)
+    host = PREFIX + "/bin/ScrivaPkcs11"
+    named = {path: {key: value for key, value in json.load(open(root + path)).items() if key in ("path", "type")}
+             for path in MANIFESTS}
+    check(named == dict.fromkeys(MANIFESTS, {"path": host, "type": "stdio"}), "the manifests name the installed host",
+          named)
+    check(".symtab" not in output("readelf", "-S", "-W", root + host), "the host is stripped")
+    # A browser's first two messages, each framed by its length.
+    messages = [json.dumps({"method": f"ScrivaPkcs11.1.0.0.qt.QES.{method}", "id": method}).encode()
+                for method in ("CreateInstance", "GetVersion")]
+    answer = subprocess.run([root + host, "chrome-extension://test/"], capture_output=True, timeout=60,
+                            input=b"".join(struct.pack("<I", len(data)) + data for data in messages),
+                            env=dict(os.environ, QT_QPA_PLATFORM="offscreen")).stdout
+    check(b'"result":"2.6.1 (qt)"' in answer, "the unpacked host answers", answer)
 
     if shutil.which("lintian"):
         lint = subprocess.run(["lintian", "--fail-on", "error,warning", package], capture_output=True, text=True)

@@ -1,7 +1,5 @@
-#include "requesttesthelpers.h"
-
+#include "appexception.h"
 #include "devpki.h"
-#include "pkcs11/XmlParser/ckattributelist.h"
 #include "pkcs11/XmlParser/ckattributeparser.h"
 #include "pkcs11/XmlParser/pkcs11operationdataparser.h"
 #include "pkcs11/XmlParser/scrivanamespaces.h"
@@ -12,9 +10,6 @@
 #include "pkcs11/XmlParser/OperationData/OperationSpecific/getslotsoperationdata.h"
 #include "x509certificate2ultra.h"
 
-#include <QElapsedTimer>
-#include <QLoggingCategory>
-#include <QXmlStreamReader>
 #include <QtTest>
 
 #include <cstdlib>
@@ -24,14 +19,52 @@
 
 namespace {
 
+const QString requestNonce = QStringLiteral("0f8fad5b-d9cb-469f-a165-70867728950e");
 const QString invalid = QStringLiteral("Unsuccessful XML validation!");
 const QString operationRefused = QStringLiteral("Unable to parse operation specific data!");
+
+QStringList warnings; // logged since the test row began, instead of printed
+
+void collectWarnings(QtMsgType type, const QMessageLogContext&, const QString& message)
+{
+    if (type == QtWarningMsg)
+        warnings << message;
+}
+
+// "accepted", or the warnings of the refusal; starts a fresh log for the next call.
+QString warned(bool accepted)
+{
+    const QString outcome = accepted ? QStringLiteral("accepted") : warnings.join(QLatin1String(" | "));
+    warnings.clear();
+    return outcome;
+}
+
+// A test document, with one edit when `from` is given; `from` is a pattern that must match, else
+// the result is null.
+QString edited(const QString& name, const QString& from = {}, const QString& to = {})
+{
+    QFile file(QStringLiteral(SCRIVA_TEST_DATA_DIR "/requests/") + name);
+    QString xml = file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    const QRegularExpression pattern(from, QRegularExpression::DotMatchesEverythingOption);
+    return from.isEmpty() ? xml : xml.contains(pattern) ? xml.replace(pattern, to) : QString();
+}
+
+template<typename Action>
+QString thrown(const Action& action)
+{
+    try {
+        action();
+    } catch (const AppException& exception) {
+        return exception.getMessage();
+    }
+    return {};
+}
 
 QString attributes(const QList<CK_ATTRIBUTE>& list)
 {
     QStringList items;
-    for (const CK_ATTRIBUTE& attribute : list)
-        items << QString::number(attribute.type) + QLatin1Char('=') + QString::fromLatin1(valueOf(attribute).toHex());
+    for (const CK_ATTRIBUTE& a : list)
+        items << QString::number(a.type) + '=' + QByteArray(static_cast<const char*>(a.pValue), qsizetype(a.ulValueLen)).toHex();
     return items.join(QLatin1Char(','));
 }
 
@@ -55,17 +88,15 @@ QString outcome(const QString& xml)
 {
     try {
         const std::unique_ptr<ScrivaPkcs11OperationData<T>> record(ScrivaPkcs11InputXmlParser<T>::parseXml(xml));
-        if constexpr (!std::is_same_v<T, GetSlotsOperationData>) {
+        if constexpr (!std::is_same_v<T, GetSlotsOperationData>)
             return describe(*record->getOperationData());
-        } else { // the library, for the one operation without data of its own
-            const Pkcs11LibraryData& library = *record->getLibraryData();
-            QStringList text{record->getNonce().left(4), record->getXmlNamespace().right(4)};
-            for (const Location& location : library.getLocations())
-                text << location.getPath().section('/', -1) + ':' + QString::number(int(location.getArchitecture()));
-            return (text << library.getPin1Name() << library.getPin2Name() << QString::number(library.getShowPinForm())
-                         << QString::number(library.getAllowManualSelection()) << library.getVendorExtensions())
-                .join(' ');
-        }
+        const Pkcs11LibraryData& library = *record->getLibraryData(); // for the operation without data of its own
+        QStringList text{record->getNonce().left(4), record->getXmlNamespace().right(4)};
+        for (const Location& location : library.getLocations())
+            text << location.getPath().section('/', -1) + ':' + QString::number(int(location.getArchitecture()));
+        return (text << library.getPin1Name() << library.getPin2Name() << QString::number(library.getShowPinForm())
+                     << QString::number(library.getAllowManualSelection()) << library.getVendorExtensions())
+            .join(' ');
     } catch (const AppException& exception) {
         return exception.getMessage();
     }
@@ -73,30 +104,39 @@ QString outcome(const QString& xml)
 
 QString outcome(const QString& operation, const QString& xml)
 {
-    if (operation == QLatin1String("GetSlots"))
-        return outcome<GetSlotsOperationData>(xml);
-    if (operation == QLatin1String("GetCertificates"))
-        return outcome<GetCertificatesOperationData>(xml);
-    if (operation == QLatin1String("CreateObject"))
-        return outcome<CreateObjectOperationData>(xml);
-    return outcome<GenerateCsrOperationData>(xml);
+    return operation == "GetSlots"          ? outcome<GetSlotsOperationData>(xml)
+           : operation == "GetCertificates" ? outcome<GetCertificatesOperationData>(xml)
+           : operation == "CreateObject"    ? outcome<CreateObjectOperationData>(xml)
+                                            : outcome<GenerateCsrOperationData>(xml);
 }
 
-QString attributeList(int count)
+// The reading routine of the element the reader stands on, as if validation had been bypassed:
+// "accepted" (with an attribute's value) when it succeeds and leaves the reader on its own end
+// tag, else the warnings (and any value a refusal kept). Whatever it made is freed.
+QString readElement(QXmlStreamReader* reader)
 {
-    QString text;
-    for (int i = 0; i < count; ++i)
-        text += QStringLiteral(" a%1=\"\"").arg(i);
-    return text;
-}
-
-// A GenerateCsr group for its reading routine, with one element left out.
-QString generateCsrWithout(const QString& element)
-{
-    const QString xml = edited("generatecsr-2022.xml");
-    QString group = xml.mid(xml.indexOf("<GenerateCsr>")).section("</Pkcs11Operation>", 0, 0);
-    return group.remove(QRegularExpression(QStringLiteral("<%1>.*</%1>").arg(element),
-                                           QRegularExpression::DotMatchesEverythingOption | QRegularExpression::InvertedGreedinessOption));
+    const Pkcs11OperationDataParser parser;
+    const QString root = reader->name().toString();
+    const auto read = [&](auto* output) {
+        const bool accepted = parser.parseOperationData(reader, &output);
+        delete output;
+        return accepted;
+    };
+    Location location;
+    CK_ATTRIBUTE attribute{};
+    Pkcs11LibraryData* library = nullptr;
+    const bool accepted = root == "Location"          ? parser.parseLocation(reader, &location)
+                          : root == "Pkcs11Library"   ? parser.parseLibraryData(reader, &library)
+                          : root == "GenerateCsr"     ? read(static_cast<GenerateCsrOperationData*>(nullptr))
+                          : root == "CreateObject"    ? read(static_cast<CreateObjectOperationData*>(nullptr))
+                          : root == "GetCertificates" ? read(static_cast<GetCertificatesOperationData*>(nullptr))
+                          : root == "GetSlots"        ? read(static_cast<GetSlotsOperationData*>(nullptr))
+                                                      : parser.parseAttribute(reader, &attribute, root);
+    delete library;
+    const QString value = attribute.pValue ? ' ' + attributes({attribute}) : QString();
+    std::free(attribute.pValue);
+    const bool atItsEnd = reader->isEndElement() && reader->name() == root;
+    return accepted && !atItsEnd ? QStringLiteral("read past its end") : warned(accepted) + value;
 }
 
 CkAttributeList someAttributes()
@@ -119,8 +159,10 @@ private slots:
     void initTestCase()
     {
         Q_INIT_RESOURCE(scriva);
-        QLoggingCategory::setFilterRules(QStringLiteral("*.info=false\n*.debug=false"));
+        qInstallMessageHandler(collectWarnings); // info and debug lines are dropped with the rest
     }
+
+    void init() { warnings.clear(); }
 
     void readsRequests_data()
     {
@@ -136,6 +178,12 @@ private slots:
                 QRegularExpression("^" + document.section('-', 0, 0) + "$", QRegularExpression::CaseInsensitiveOption)).value(0);
             QTest::newRow(name) << (operation.isEmpty() ? own : operation) << edited(document + ".xml", from, to) << expected
                                 << (warning.isEmpty() && expected == invalid ? QStringLiteral("Input XML is not valid!") : warning);
+        };
+        const auto attributeList = [](int count) {
+            QString text;
+            for (int i = 0; i < count; ++i)
+                text += QStringLiteral(" a%1=\"\"").arg(i);
+            return text;
         };
         const QString serial = QStringLiteral("0123456789ABCDEF"), token = serial + "/Scriva token";
         const QString library22 = "0f8f 2/29 libsofthsm2.so:2 opensc-pkcs11.so:0 User PIN Signature PIN 1 0 ";
@@ -174,7 +222,6 @@ private slots:
         row("unknown attribute kind", "createobject-2026", "BoolAttribute>", "FloatAttribute>", invalid);
         row("attribute children reordered", "createobject-2022", "(<Attribute>3</Attribute>)(\\s*)(<Value>[^<]*</Value>)",
             "\\3\\2\\1", invalid);
-        row("date with fraction", "createobject-2022", "59Z", "59.5Z", invalid);
         row("date with zone offset", "createobject-2022", "59Z", "59+01:00", invalid);
         row("date without Z", "createobject-2026", "59Z", "59", invalid);
         row("largest unsigned long", "createobject-2022", "<Value>1<", "<Value>18446744073709551615<",
@@ -193,10 +240,6 @@ private slots:
         row("element outside the namespace", "getslots-2022", "<GetSlots/>", "<GetSlots xmlns=\"\"/>", invalid);
         row("answer as a request", "getslots-response-2026", {}, {}, operationRefused, "Unexpected element!");
         row("answer of another operation", "GetCertificates:getslots-response-2022", {}, {}, "Unexpected element!");
-        row("2022 answer with TokenPlatform", "getslots-response-2022", "<TokenInfo/>", "<TokenInfo/><TokenPlatform/>", invalid);
-        row("2026 answer without TokenPlatform", "getslots-response-2026", "<TokenPlatform>[^<]*</TokenPlatform>", "", invalid);
-        row("answer with empty library path", "getslots-response-2022", "<Pkcs11LibraryPath>[^<]*<", "<Pkcs11LibraryPath><",
-            invalid);
         // libxml2 quotes request text in its messages; a line break in it stays on the log line.
         const QString ns = "{" + ScrivaNamespaces::version20221229() + "}";
         row("libxml2 reason logged", "getslots-2022", "<GetSlots/>", "<Bogus/>", invalid,
@@ -215,14 +258,10 @@ private slots:
         // Valid for the schema, refused by the reader.
         row("GetSlots request holding GetCertificates", "GetSlots:getcertificates-2022", {}, {}, "Unexpected element!");
         row("GenerateCsr request holding CreateObject", "GenerateCsr:createobject-2026", {}, {}, "Unexpected element!");
-        for (const char* file : {"getcertificates-2026", "createobject-2026", "generatecsr-2026"})
-            row(file, file, ">0123456789ABCDEF<", "><", operationRefused, "Token serial number is null or empty!");
-        row("attribute bool 1", "createobject-2022", "<Value>true<", "<Value>1<", operationRefused,
-            "Unable to create CK_ATTRIBUTE from BoolAttribute");
+        row("empty serial", "getcertificates-2026", ">0123456789ABCDEF<", "><", operationRefused,
+            "Token serial number is null or empty!");
         row("key attribute bool 0", "generatecsr-2026", "<Value>false<", "<Value>0<", operationRefused,
             "Unable to parse a CK_ATTRIBUTE!");
-        row("empty string value", "createobject-2026", "Certifikát podpisu", "", operationRefused,
-            "AttributeValue is null or empty!");
         row("no CsrAttributes", "generatecsr-2022", "<CsrAttributes>.*</CsrAttributes>", "", operationRefused,
             "EnrollmentCspProvider is null or empty!");
 
@@ -248,7 +287,7 @@ private slots:
         row("attributes behind a quoted >", "getslots-2022", "<GetSlots", "<GetSlots a=\">\"" + attributeList(64), invalid,
             tooMany);
         row("lookalikes in comment, CDATA, PI and quotes", "getslots-2022", "<GetSlots/>",
-            "<GetSlots a=\"x>y='1'\" b='\"'><!-- <c d=\"1\"> --><![CDATA[<f g=\"1\">]]><?pi h=\"1\"?></GetSlots>", library22);
+            "<GetSlots a=\"" + QString(66, '=') + "x>y='1'\" b='\"'><!-- <c d=\"1\"> " + QString(65, '=') + " --><![CDATA[<f g=\"1\">]]><?pi h=\"1\"?></GetSlots>", library22);
         row("50,000 references in an attribute", "getslots-2022", "<GetSlots",
             "<GetSlots a=\"" + QStringLiteral("&amp;&#65;").repeated(25000) + "\"", library22);
         row("50,000 references in text", "getslots-2022", "User PIN", QStringLiteral("&lt;&#x263A;").repeated(25000),
@@ -262,34 +301,48 @@ private slots:
         QFETCH(QString, expected);
         QFETCH(QString, warning);
         QVERIFY2(!xml.isNull(), "test edit did not apply");
-        WarningLog log;
         QElapsedTimer timer;
         timer.start();
         QCOMPARE(outcome(operation, xml), expected);
         // Only a guard against a hang; the benchmark keeps the real figures.
         QVERIFY2(timer.elapsed() < 5000, qPrintable(QString::number(timer.elapsed()) + " ms"));
-        QVERIFY2(warning.isEmpty() || log.contains(warning), qPrintable(log.text()));
+        QVERIFY2(warning.isEmpty() || warnings.contains(warning), qPrintable(warnings.join('\n')));
     }
 
-    void readingRoutinesRefuse_data()
+    void readingRoutines_data()
     {
         QTest::addColumn<QString>("fragment");
-        QTest::addColumn<QString>("warning");
+        QTest::addColumn<QString>("expected"); // "accepted" or the warnings
         const QString library = QStringLiteral(
             "<Pkcs11Library><Locations><Location><Path>a.so</Path><Architecture>x86</Architecture></Location></Locations>"
             "<Pin1Name>P1</Pin1Name><Pin2Name>P2</Pin2Name><ShowPinForm>true</ShowPinForm>"
             "<AllowManualSelection>true</AllowManualSelection></Pkcs11Library>");
+        const QString csr = edited("generatecsr-2022.xml").section("<GenerateCsr>", 1).section("</Pkcs11Operation>", 0, 0);
+        // `element` left out of `xml`.
+        const auto without = [](QString xml, const QString& element) {
+            return xml.remove(QRegularExpression(QStringLiteral("<%1>.*</%1>").arg(element),
+                                                 QRegularExpression::DotMatchesEverythingOption
+                                                     | QRegularExpression::InvertedGreedinessOption));
+        };
+        const QString object = "<CreateObject><TokenSerialNumber>1</TokenSerialNumber><ObjectAttributes>"
+                               "<StringAttribute><Attribute>3</Attribute><Value>x</Value></StringAttribute></ObjectAttributes>"
+                               "</CreateObject>";
+        for (const QString& fragment : {library, "<GenerateCsr>" + csr, object, QStringLiteral("<GetSlots/>"),
+                                        QStringLiteral("<GetCertificates><TokenIdentification><SerialNumber>1</SerialNumber>"
+                                                       "<Label>x</Label></TokenIdentification></GetCertificates>"),
+                                        QStringLiteral("<Location><Path>a</Path><Architecture>both</Architecture></Location>")})
+            QTest::addRow("whole %s", qPrintable(fragment.section('>', 0, 0).mid(1))) << fragment << "accepted";
+
         const QList<QPair<QString, QString>> libraryRows{
             {"Pin1Name", "Pin1Name is null or empty!"}, {"Pin2Name", "Pin2Name is null or empty!"},
             {"Location", "No library location parsed!"}, {"AllowManualSelection", "AllowManualSelection was not parsed!"},
             {"ShowPinForm", "ShowPinFormParsed was not parsed!"}};
         for (const auto& [element, warning] : libraryRows)
-            QTest::addRow("library without %s", qPrintable(element))
-                << QString(library).remove(QRegularExpression(QStringLiteral("<%1>.*</%1>").arg(element))) << warning;
+            QTest::addRow("library without %s", qPrintable(element)) << without(library, element) << warning;
         QTest::newRow("library with unknown child") << QString(library).replace("<Locations>", "<Extra/><Locations>")
                                                     << "Unexpected element!";
         QTest::newRow("library with bad location") << QString(library).replace(">x86<", ">X86<")
-                                                   << "Unable to parse library Location!";
+                                                   << "Library Architecture was not parsed! | Unable to parse library Location!";
         QTest::newRow("architecture outside the three") << "<Location><Path>a</Path><Architecture>X64</Architecture></Location>"
                                                         << "Library Architecture was not parsed!";
         QTest::newRow("location without path") << "<Location><Architecture>x64</Architecture></Location>"
@@ -305,13 +358,11 @@ private slots:
             {"CsrDigestMechanism", "CsrDigestMechanism was not parsed!"},
             {"CsrSigningMechanism", "CsrSigningMechanism was not parsed!"}};
         for (const auto& [element, warning] : csrRows)
-            QTest::addRow("csr without %s", qPrintable(element)) << generateCsrWithout(element) << warning;
+            QTest::addRow("csr without %s", qPrintable(element)) << without("<GenerateCsr>" + csr, element) << warning;
         QTest::newRow("attribute before any template")
-            << generateCsrWithout("x").replace("<TokenSerialNumber>", "<BoolAttribute><Attribute>3</Attribute><Value>true</Value>"
-                                                                      "</BoolAttribute><TokenSerialNumber>")
+            << "<GenerateCsr><BoolAttribute><Attribute>3</Attribute><Value>true</Value></BoolAttribute>" + csr
             << "Key type was not specified for this CK_ATTRIBUTE!";
-        QTest::newRow("csr with unknown child") << generateCsrWithout("x").replace("<CsrType>", "<Extra/><CsrType>")
-                                                << "Unexpected element!";
+        QTest::newRow("csr with unknown child") << "<GenerateCsr><Extra/>" + csr << "Unexpected element!";
         QTest::newRow("GetSlots with content") << "<GetSlots><Any/></GetSlots>" << "Unexpected element!";
         QTest::newRow("serial outside its group") << "<GetCertificates><SerialNumber>1</SerialNumber></GetCertificates>"
                                                   << "Unexpected element!";
@@ -321,157 +372,95 @@ private slots:
             << "Unexpected element!";
         QTest::newRow("object without attributes") << "<CreateObject><TokenSerialNumber>1</TokenSerialNumber></CreateObject>"
                                                    << "No object attribute was parsed!";
-        QTest::newRow("object without serial")
-            << "<CreateObject><ObjectAttributes><StringAttribute><Attribute>3</Attribute><Value>x</Value></StringAttribute>"
-               "</ObjectAttributes></CreateObject>"
-            << "Token serial number is null or empty!";
+        QTest::newRow("object without serial") << without(object, "TokenSerialNumber") << "Token serial number is null or empty!";
         QTest::newRow("object with unknown child") << "<CreateObject><Extra/></CreateObject>" << "Unexpected element!";
         QTest::newRow("unknown attribute kind") << "<FloatAttribute><Attribute>1</Attribute><Value>1.5</Value></FloatAttribute>"
                                                 << "Parent element name has an invalid value. Unable to determine the CK_ATTRIBUTE type!";
         QTest::newRow("attribute without type") << "<StringAttribute><Value>x</Value></StringAttribute>"
                                                 << "Attribute type was not parsed!";
         QTest::newRow("attribute with unknown child") << "<StringAttribute><Name/></StringAttribute>" << "Unexpected element!";
-        for (const char* kind : {"UnsignedLongAttribute", "DateTimeAttribute", "BoolAttribute"})
-            QTest::addRow("%s not convertible", kind) << QStringLiteral("<%1><Attribute>1</Attribute><Value>x</Value></%1>").arg(kind)
-                                                      << QStringLiteral("Unable to create CK_ATTRIBUTE from ") + kind;
+        QTest::newRow("attribute without value") << "<StringAttribute><Attribute>1</Attribute></StringAttribute>"
+                                                 << "AttributeValue is null or empty!";
+        // Attribute values: the type and the value's bytes in hex, or the refusal.
+        const auto value = [](const char* name, const char* kind, const QString& text, const QString& expected) {
+            QTest::newRow(name) << QStringLiteral("<%1Attribute><Attribute>7</Attribute><Value>%2</Value></%1Attribute>").arg(kind, text)
+                                << (expected.contains(' ') ? expected + " | Unable to create CK_ATTRIBUTE from " + kind + "Attribute"
+                                                           : "accepted 7=" + expected);
+        };
+        value("bool TRUE", "Bool", "TRUE", "01");
+        value("bool False", "Bool", "False", "00");
+        value("bool 1", "Bool", "1", "Attribute value is invalid");
+        value("string in UTF-8", "String", "Žluť", "c5bd6c75c5a5");
+        value("hex either case, strays skipped", "ByteArray", "0A zz 0b", "0a0b");
+        value("hex of nothing", "ByteArray", "zz", "");
+        value("largest unsigned long", "UnsignedLong", "18446744073709551615", "ffffffffffffffff");
+        for (const char* text : {"18446744073709551616", "-1", "0x10", "x"})
+            value(text, "UnsignedLong", text, "Unable to convert parsed value to ULong!");
+        value("leap day in UTC", "DateTime", "2024-02-29T23:59:59Z", QByteArray("20240229").toHex());
+        value("date in its stated zone", "DateTime", "2024-03-01T00:30:00+01:00", QByteArray("20240301").toHex());
+        value("no such day", "DateTime", "2023-02-29T00:00:00Z", "Unable to parse the dateTime!");
     }
 
-    // Each fragment goes straight to the reading routine of its root element, as if validation had
-    // been bypassed; a refusing routine leaves its output empty.
-    void readingRoutinesRefuse()
+    // Each fragment goes straight to the reading routine of its root element.
+    void readingRoutines()
     {
         QFETCH(QString, fragment);
-        QFETCH(QString, warning);
+        QFETCH(QString, expected);
         QXmlStreamReader reader(fragment);
         QVERIFY(reader.readNextStartElement());
-        const QString root = reader.name().toString();
-        const Pkcs11OperationDataParser parser;
-        WarningLog log;
-        const auto read = [&](auto* none) { return parser.parseOperationData(&reader, &none) || none; };
-        Location location;
-        CK_ATTRIBUTE attribute{};
-        Pkcs11LibraryData* library = nullptr;
-        const bool accepted = root == "Location"          ? parser.parseLocation(&reader, &location)
-                              : root == "Pkcs11Library"   ? parser.parseLibraryData(&reader, &library) || library
-                              : root == "GenerateCsr"     ? read(static_cast<GenerateCsrOperationData*>(nullptr))
-                              : root == "CreateObject"    ? read(static_cast<CreateObjectOperationData*>(nullptr))
-                              : root == "GetCertificates" ? read(static_cast<GetCertificatesOperationData*>(nullptr))
-                              : root == "GetSlots"        ? read(static_cast<GetSlotsOperationData*>(nullptr))
-                                                          : parser.parseAttribute(&reader, &attribute, root) || attribute.pValue;
-        QVERIFY(!accepted);
-        QVERIFY2(log.contains(warning), qPrintable(log.text()));
+        QCOMPARE(readElement(&reader), expected);
     }
 
-    // A routine reads only into an empty output of its own, and only from a reader.
-    void readingRoutinesRefuseUnusableOutputs()
+    // A routine reads only from a reader into an empty output of its own; validation needs a
+    // document and a namespace it has a schema for.
+    void routinesRefuseUnusableArguments()
     {
         const Pkcs11OperationDataParser parser;
         QXmlStreamReader reader(QStringLiteral("<GetSlots/>"));
-        const auto refuses = [&](auto* kind) {
-            using T = std::remove_pointer_t<decltype(kind)>;
-            const auto read = [&](QXmlStreamReader* from, T** output) {
-                if constexpr (std::is_same_v<T, Pkcs11LibraryData>)
-                    return parser.parseLibraryData(from, output);
-                else
-                    return parser.parseOperationData(from, output);
-            };
-            T* none = nullptr;
-            T* taken = reinterpret_cast<T*>(&reader); // only found set, never used
-            return !read(nullptr, &none) && !read(&reader, nullptr) && !read(&reader, &taken) && !none;
-        };
-        WarningLog log;
-        QVERIFY(refuses(static_cast<Pkcs11LibraryData*>(nullptr)) && refuses(static_cast<GetSlotsOperationData*>(nullptr))
-                && refuses(static_cast<GetCertificatesOperationData*>(nullptr))
-                && refuses(static_cast<CreateObjectOperationData*>(nullptr))
-                && refuses(static_cast<GenerateCsrOperationData*>(nullptr)));
+        GetSlotsOperationData* none = nullptr;
+        auto* taken = reinterpret_cast<GetSlotsOperationData*>(&reader); // only found set, never used
+        auto* takenLibrary = reinterpret_cast<Pkcs11LibraryData*>(&reader);
         Location location;
         CK_ATTRIBUTE attribute{};
-        QVERIFY(!parser.parseLocation(nullptr, &location) && !parser.parseLocation(&reader, nullptr));
-        QVERIFY(!parser.parseAttribute(nullptr, &attribute, "BoolAttribute") && !parser.parseAttribute(&reader, nullptr, "BoolAttribute"));
-        QVERIFY(!parser.parseAttribute(&reader, &attribute, {}) && !attribute.pValue);
-        QVERIFY(log.contains("Dereferenced output pointer to pointer is not NULL!") && log.contains("Location output parameter is NULL!"));
-    }
-
-    void validationChecksItsArguments()
-    {
-        const Pkcs11OperationDataParser parser;
-        WarningLog log;
-        QVERIFY(!parser.validate({}, ScrivaNamespaces::version20221229()) && log.contains("XML is null or empty!"));
-        QVERIFY(!parser.validate("<a/>", {}) && log.contains("XML namespace is null or empty!"));
-        QVERIFY(!parser.validate("<a/>", "urn:x") && log.contains("Unable to find XSD schema for provided XML namespace!"));
-        QVERIFY(!parser.validate("<a>", ScrivaNamespaces::version20221229()) && log.contains("Unable to load XML."));
-    }
-
-    void encodesAttributeValues_data()
-    {
-        QTest::addColumn<QString>("kind");
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<QByteArray>("bytes"); // null when refused
-        QTest::addColumn<QString>("warning");
-        const QByteArray refused;
-        QTest::newRow("bool TRUE") << "bool" << "TRUE" << QByteArray(1, '\1') << "";
-        QTest::newRow("bool False") << "bool" << "False" << QByteArray(1, '\0') << "";
-        QTest::newRow("bool 1") << "bool" << "1" << refused << "Attribute value is invalid";
-        QTest::newRow("string in UTF-8") << "string" << "Žluť" << QStringLiteral("Žluť").toUtf8() << "";
-        QTest::newRow("empty string") << "string" << "" << QByteArray("") << "";
-        QTest::newRow("hex either case, strays skipped") << "hex" << "0A zz 0b" << QByteArray("\x0A\x0B") << "";
-        QTest::newRow("unsigned long 1") << "ulong" << "1" << QByteArray("\1\0\0\0\0\0\0\0", 8) << "";
-        QTest::newRow("largest unsigned long") << "ulong" << "18446744073709551615" << QByteArray(8, '\xFF') << "";
-        for (const char* text : {"18446744073709551616", "-1", "0x10"})
-            QTest::addRow("unsigned long %s", text) << "ulong" << text << refused << "Unable to convert parsed value to ULong!";
-        QTest::newRow("leap day in UTC") << "date" << "2024-02-29T23:59:59Z" << QByteArray("20240229") << "";
-        QTest::newRow("date in its stated zone") << "date" << "2024-03-01T00:30:00+01:00" << QByteArray("20240301") << "";
-        QTest::newRow("no such day") << "date" << "2023-02-29T00:00:00Z" << refused << "Unable to parse the dateTime!";
-    }
-
-    void encodesAttributeValues()
-    {
-        QFETCH(QString, kind);
-        QFETCH(QString, text);
-        QFETCH(QByteArray, bytes);
-        QFETCH(QString, warning);
-        const CkAttributeParser parser;
-        const CK_ATTRIBUTE_TYPE type = 0x80000007;
-        CK_ATTRIBUTE attribute{42, nullptr, 0};
-        WarningLog log;
-        const bool accepted = kind == "bool"     ? parser.getAttributeBoolean(type, text, &attribute)
-                              : kind == "string" ? parser.getAttributeString(type, text, &attribute)
-                              : kind == "hex"    ? parser.getAttributeHexByteArray(type, text, &attribute)
-                              : kind == "ulong"  ? parser.getAttributeUnsignedLong(type, text, &attribute)
-                                                 : parser.getAttributeDate(type, text, &attribute);
-        const QByteArray value = attribute.pValue ? valueOf(attribute) : QByteArray();
-        std::free(attribute.pValue);
-        QCOMPARE(accepted, !bytes.isNull());
-        QCOMPARE(log.text(), warning);
-        QCOMPARE(attribute.type, bytes.isNull() ? CK_ATTRIBUTE_TYPE(42) : type);
-        QCOMPARE(value, bytes);
-        QCOMPARE(attribute.ulValueLen, CK_ULONG(bytes.size()));
-        QVERIFY(bytes.isNull() == !attribute.pValue);
-        // Every kind refuses a missing output.
-        QVERIFY(!parser.getAttributeString(type, text, nullptr) && !parser.getAttributeBoolean(type, text, nullptr)
-                && !parser.getAttributeUnsignedLong(type, text, nullptr) && !parser.getAttributeDate(type, text, nullptr));
+        QCOMPARE(warned(parser.parseOperationData(nullptr, &none)), "QXmlStreamReader is NULL!");
+        QCOMPARE(warned(parser.parseOperationData(&reader, static_cast<GetSlotsOperationData**>(nullptr))),
+                 "Output pointer to pointer is NULL!");
+        QCOMPARE(warned(parser.parseOperationData(&reader, &taken)), "Dereferenced output pointer to pointer is not NULL!");
+        QCOMPARE(warned(parser.parseLibraryData(&reader, &takenLibrary)),
+                 "Dereferenced output pointer to pointer is not nullptr!");
+        QCOMPARE(warned(parser.parseLocation(nullptr, &location)), "QXmlStreamReader is NULL!");
+        QCOMPARE(warned(parser.parseLocation(&reader, nullptr)), "Location output parameter is NULL!");
+        QCOMPARE(warned(parser.parseAttribute(nullptr, &attribute, "BoolAttribute")), "QXmlStreamReader is nullptr!");
+        QCOMPARE(warned(parser.parseAttribute(&reader, nullptr, "BoolAttribute")), "CK_ATTRIBUTE output parameter is nullptr!");
+        QCOMPARE(warned(parser.parseAttribute(&reader, &attribute, {}) || attribute.pValue),
+                 "Parent element name is null or empty. Unable to determine the CK_ATTRIBUTE type!");
+        QCOMPARE(warned(parser.validate({}, ScrivaNamespaces::version20221229())), "XML is null or empty!");
+        QCOMPARE(warned(parser.validate("<a/>", {})), "XML namespace is null or empty!");
+        QCOMPARE(warned(parser.validate("<a/>", "urn:x")), "Unable to find XSD schema for provided XML namespace!");
+        const CkAttributeParser values;
+        for (const auto kind : {&CkAttributeParser::getAttributeString, &CkAttributeParser::getAttributeBoolean,
+                                &CkAttributeParser::getAttributeUnsignedLong, &CkAttributeParser::getAttributeDate})
+            QCOMPARE(warned((values.*kind)(1, "1", nullptr)), "Output parameter is NULL!");
     }
 
     void recordsRefuseAndCopiesOwnTheirBuffers()
     {
         const QList<Location> locations{Location("a.so", Location::Architecture::x64)};
-        QCOMPARE(refusal([] { Pkcs11LibraryData({}, "1", "2", true, true, {}); }), "No PKCS#11 library location provided!");
-        QCOMPARE(refusal([&] { Pkcs11LibraryData(locations, "", "2", true, true, {}); }), "Pin2Name is null or empty!");
-        QCOMPARE(refusal([&] { Pkcs11LibraryData(locations, "1", "", true, true, {}); }), "Pin2Name is null or empty!");
-        QCOMPARE(refusal([] { GetCertificatesOperationData("", "label"); }), "Token serial number is null or empty!");
+        QCOMPARE(thrown([] { Pkcs11LibraryData({}, "1", "2", true, true, {}); }), "No PKCS#11 library location provided!");
+        QCOMPARE(thrown([&] { Pkcs11LibraryData(locations, "", "2", true, true, {}); }), "Pin2Name is null or empty!");
+        QCOMPARE(thrown([&] { Pkcs11LibraryData(locations, "1", "", true, true, {}); }), "Pin2Name is null or empty!");
+        QCOMPARE(thrown([] { GetCertificatesOperationData("", "label"); }), "Token serial number is null or empty!");
         // A refused record still frees the buffers it was handed (the sanitizer build checks).
-        QCOMPARE(refusal([] { CreateObjectOperationData("01", "", {}); }), "No CK_ATTRIBUTE provided!");
-        QCOMPARE(refusal([] { CreateObjectOperationData("", "", someAttributes()); }), "TokenSerialNumber is null or empty!");
-        const auto csr = [](bool pub, bool priv, const QString& serial, const QString& subject, const QString& provider) {
-            return [=] {
-                GenerateCsrOperationData(serial, "", 0, 1, 592, CsrType::PKCS10, subject, provider,
-                                         pub ? someAttributes() : CkAttributeList(), priv ? someAttributes() : CkAttributeList(), false);
-            };
-        };
-        for (const auto& action : {csr(false, true, "01", "30", "p"), csr(true, false, "01", "30", "p"),
-                                   csr(true, true, "", "30", "p"), csr(true, true, "01", "", "p"), csr(true, true, "01", "30", "")})
-            QCOMPARE(refusal(action), "No CK_ATTRIBUTE provided!");
-        QCOMPARE(refusal([] { ScrivaPkcs11OperationData<GetSlotsOperationData>(nullptr, nullptr, "ns", "n"); }),
+        QCOMPARE(thrown([] { CreateObjectOperationData("01", "", {}); }), "No CK_ATTRIBUTE provided!");
+        QCOMPARE(thrown([] { CreateObjectOperationData("", "", someAttributes()); }), "TokenSerialNumber is null or empty!");
+        for (int fault = 0; fault < 5; ++fault) // each of the five inputs left empty in turn
+            QCOMPARE(thrown([=] {
+                         GenerateCsrOperationData(fault == 2 ? "" : "01", "", 0, 1, 592, CsrType::PKCS10, fault == 3 ? "" : "30",
+                                                  fault == 4 ? "" : "p", fault == 0 ? CkAttributeList() : someAttributes(),
+                                                  fault == 1 ? CkAttributeList() : someAttributes(), false);
+                     }),
+                     "No CK_ATTRIBUTE provided!");
+        QCOMPARE(thrown([] { ScrivaPkcs11OperationData<GetSlotsOperationData>(nullptr, nullptr, "ns", "n"); }),
                  "Operation specific data is NULL");
 
         auto original = std::make_unique<ScrivaPkcs11OperationData<GenerateCsrOperationData>>(
@@ -480,15 +469,12 @@ private slots:
                                          someAttributes(), true),
             ScrivaNamespaces::version20221229(), requestNonce);
         ScrivaPkcs11OperationData<GenerateCsrOperationData> copy(original.get());
-        QVERIFY(copy.getOperationData()->getPrivateKeyAttributes()[1].pValue
-                != original->getOperationData()->getPrivateKeyAttributes()[1].pValue);
-        original.reset(); // the copy must not depend on anything the original freed
-        const GenerateCsrOperationData& data = *copy.getOperationData();
-        QCOMPARE(describe(data), "01/label 3 1 592 30 p 1 3=01,3=6c6162656c 3=01,3=6c6162656c");
-        QCOMPARE(copy.getLibraryData()->getVendorExtensions() + copy.getNonce(), "ext" + requestNonce);
         auto createObject = std::make_unique<CreateObjectOperationData>("01", "", someAttributes());
         const CreateObjectOperationData objectCopy(createObject.get());
+        original.reset(); // the copies must not depend on anything the originals freed
         createObject.reset();
+        QCOMPARE(describe(*copy.getOperationData()), "01/label 3 1 592 30 p 1 3=01,3=6c6162656c 3=01,3=6c6162656c");
+        QCOMPARE(copy.getLibraryData()->getVendorExtensions() + copy.getNonce(), "ext" + requestNonce);
         QCOMPARE(describe(objectCopy), "01/ 3=01,3=6c6162656c");
     }
 
@@ -496,23 +482,18 @@ private slots:
     {
         if (!DevPki::isAvailable())
             QSKIP("this build trusts real anchors");
-        const QString argument = DevPki::signedArgument(edited("getcertificates-2026.xml").toUtf8());
         X509Certificate2Ultra signer;
         const std::unique_ptr<ScrivaPkcs11OperationData<GetCertificatesOperationData>> record(
-            ScrivaPkcs11InputXmlParser<GetCertificatesOperationData>::parse(argument, &signer));
+            ScrivaPkcs11InputXmlParser<GetCertificatesOperationData>::parse(
+                DevPki::signedArgument(edited("getcertificates-2026.xml").toUtf8()), &signer));
         QCOMPARE(record->getOperationData()->getTokenLabel(), "Scriva token");
         QVERIFY(!signer.isNull());
-
         const auto parse = [](const QString& text) {
-            return refusal([&] { delete ScrivaPkcs11InputXmlParser<GetSlotsOperationData>::parse(text); });
+            return thrown([&] { delete ScrivaPkcs11InputXmlParser<GetSlotsOperationData>::parse(text); });
         };
-        // The plain XML is no argument: it must come inside a signed envelope.
-        QVERIFY(!parse(edited("getslots-2026.xml")).isEmpty());
         // An untrusted signer is refused before the document is even validated.
-        WarningLog log;
-        QCOMPARE(parse(DevPki::signedArgument(edited("getslots-2022.xml").toUtf8(), "signer-unknown-root")),
+        QCOMPARE(parse(DevPki::signedArgument(edited("getslots-2022.xml", "<GetSlots/>", "<Bogus/>").toUtf8(), "signer-unknown-root")),
                  "CommunicationMismatchUnstrustedServer");
-        QVERIFY(!log.contains("Validation of input XML started"));
     }
 };
 

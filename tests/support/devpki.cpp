@@ -4,26 +4,18 @@
 
 #include <QDir>
 #include <QFileInfo>
-#include <QtGlobal>
 
-bool DevPki::isAvailable()
-{
-    return QFileInfo(file(QStringLiteral("complete"))).isFile();
-}
+bool DevPki::isAvailable() { return QFileInfo(file(QStringLiteral("complete"))).isFile(); }
 
-QString DevPki::file(const QString& name)
-{
-    return QDir(QStringLiteral(SCRIVA_DEV_PKI_DIR)).filePath(name);
-}
+QString DevPki::file(const QString& name) { return QDir(QStringLiteral(SCRIVA_DEV_PKI_DIR)).filePath(name); }
 
 QByteArray DevPki::signedCms(const QByteArray& content, const QStringList& signers, bool detached)
 {
     RequestSigner signer;
     signer.setDetached(detached);
-    for (const QString& name : signers) {
+    for (const QString& name : signers)
         if (!signer.addSigner(file(name + QStringLiteral(".key")), file(name + QStringLiteral(".pem"))))
             qFatal("Development signer %s unusable: %s", qPrintable(name), qPrintable(signer.errorString()));
-    }
     const QByteArray cms = signer.sign(content);
     if (cms.isEmpty())
         qFatal("Signing failed: %s", qPrintable(signer.errorString()));

@@ -119,14 +119,7 @@ bool CkAttributeParser::getAttributeDate(CK_ATTRIBUTE_TYPE type, const QString& 
         qWarning("Unable to parse the dateTime!");
         return false;
     }
-    const QByteArray day = dateTime.toString(QStringLiteral("dd")).toLatin1();
-    const QByteArray month = dateTime.toString(QStringLiteral("MM")).toLatin1();
-    const QByteArray year = dateTime.toString(QStringLiteral("yyyy")).toLatin1();
-
-    CK_DATE date;
-    std::memset(&date, '0', sizeof(date));
-    std::memcpy(date.year, year.constData(), qMin(sizeof(date.year), size_t(year.size())));
-    std::memcpy(date.month, month.constData(), qMin(sizeof(date.month), size_t(month.size())));
-    std::memcpy(date.day, day.constData(), qMin(sizeof(date.day), size_t(day.size())));
-    return getAttributeByteArray(type, QByteArray(reinterpret_cast<const char*>(&date), sizeof(date)), attribute);
+    // The reader's years run from 0 to 9999, so this is always the eight digits of a CK_DATE.
+    static_assert(sizeof(CK_DATE) == 8, "year, month and day digits");
+    return getAttributeByteArray(type, dateTime.toString(QStringLiteral("yyyyMMdd")).toLatin1(), attribute);
 }

@@ -1,6 +1,5 @@
 #include "pkcs11operationdataparser.h"
 
-#include "appexception.h"
 #include "ckattributelist.h"
 #include "loghandler.h"
 #include "scrivanamespaces.h"
@@ -16,6 +15,7 @@
 #include <QXmlStreamReader>
 #include <QtDebug>
 
+#include <optional>
 #include <utility>
 
 namespace {
@@ -61,12 +61,6 @@ bool outputUsable(const QXmlStreamReader* reader, T** output, const char* null)
         return false;
     }
     return true;
-}
-
-void logCreationFailure(const char* text, const AppException& exception)
-{
-    qWarning("%s", text);
-    qDebug().noquote() << exception.toString(false);
 }
 
 } // namespace
@@ -120,10 +114,8 @@ bool Pkcs11OperationDataParser::parseLibraryData(QXmlStreamReader* reader, Pkcs1
     QString pin1Name;
     QString pin2Name;
     QString vendorExtensions;
-    bool showPinForm = false;
-    bool showPinFormParsed = false;
-    bool allowManualSelection = false;
-    bool allowManualSelectionParsed = false;
+    std::optional<bool> showPinForm;
+    std::optional<bool> allowManualSelection;
 
     while (!reader->atEnd()) {
         reader->readNext();
@@ -147,10 +139,8 @@ bool Pkcs11OperationDataParser::parseLibraryData(QXmlStreamReader* reader, Pkcs1
         } else if (isNamed(reader, "ShowPinForm")) {
             // Only the exact text "true" counts; "1" and "TRUE" read as false.
             showPinForm = reader->readElementText() == QLatin1String("true");
-            showPinFormParsed = true;
         } else if (isNamed(reader, "AllowManualSelection")) {
             allowManualSelection = reader->readElementText() == QLatin1String("true");
-            allowManualSelectionParsed = true;
         } else if (isNamed(reader, "VendorExtensions")) {
             vendorExtensions = reader->readElementText();
         } else {
@@ -171,21 +161,17 @@ bool Pkcs11OperationDataParser::parseLibraryData(QXmlStreamReader* reader, Pkcs1
         qWarning("No library location parsed!");
         return false;
     }
-    if (!allowManualSelectionParsed) {
+    if (!allowManualSelection) {
         qWarning("AllowManualSelection was not parsed!");
         return false;
     }
-    if (!showPinFormParsed) {
+    if (!showPinForm) {
         qWarning("ShowPinFormParsed was not parsed!");
         return false;
     }
-    try {
-        *libraryData = new Pkcs11LibraryData(locations, pin1Name, pin2Name, showPinForm, allowManualSelection,
-                                             vendorExtensions);
-    } catch (const AppException& exception) {
-        logCreationFailure("Unable to create the library data instance!", exception);
-        return false;
-    }
+    // The checks above are all the record's own, so its constructor does not raise here.
+    *libraryData = new Pkcs11LibraryData(locations, pin1Name, pin2Name, *showPinForm, *allowManualSelection,
+                                         vendorExtensions);
     return true;
 }
 
@@ -202,8 +188,7 @@ bool Pkcs11OperationDataParser::parseLocation(QXmlStreamReader* reader, Location
     }
 
     QString path;
-    Location::Architecture architecture = Location::Architecture::both;
-    bool architectureParsed = false;
+    std::optional<Location::Architecture> architecture;
     while (!reader->atEnd()) {
         reader->readNext();
         if (isEndOf(reader, "Location"))
@@ -214,23 +199,19 @@ bool Pkcs11OperationDataParser::parseLocation(QXmlStreamReader* reader, Location
             path = reader->readElementText();
         } else if (isNamed(reader, "Architecture")) {
             const QString text = reader->readElementText();
-            if (text == QLatin1String("x86")) {
+            if (text == QLatin1String("x86"))
                 architecture = Location::Architecture::x86;
-                architectureParsed = true;
-            } else if (text == QLatin1String("x64")) {
+            else if (text == QLatin1String("x64"))
                 architecture = Location::Architecture::x64;
-                architectureParsed = true;
-            } else if (text == QLatin1String("both")) {
+            else if (text == QLatin1String("both"))
                 architecture = Location::Architecture::both;
-                architectureParsed = true;
-            }
         } else {
             qWarning("Unexpected element!");
             return false;
         }
     }
 
-    if (!architectureParsed) {
+    if (!architecture) {
         qWarning("Library Architecture was not parsed!");
         return false;
     }
@@ -238,7 +219,7 @@ bool Pkcs11OperationDataParser::parseLocation(QXmlStreamReader* reader, Location
         qWarning("Location path is null or empty!");
         return false;
     }
-    *location = Location(path, architecture);
+    *location = Location(path, *architecture);
     return true;
 }
 
@@ -285,12 +266,7 @@ bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
         qWarning("Token serial number is null or empty!");
         return false;
     }
-    try {
-        *operationData = new GetCertificatesOperationData(token.getSerialNumber(), token.getLabel());
-    } catch (const AppException& exception) {
-        logCreationFailure("Unable to create the operation data instance!", exception);
-        return false;
-    }
+    *operationData = new GetCertificatesOperationData(token.getSerialNumber(), token.getLabel());
     return true;
 }
 
@@ -329,12 +305,7 @@ bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
         qWarning("No object attribute was parsed!");
         return false;
     }
-    try {
-        *operationData = new CreateObjectOperationData(token.getSerialNumber(), token.getLabel(), std::move(attributes));
-    } catch (const AppException& exception) {
-        logCreationFailure("Unable to create the operation data instance!", exception);
-        return false;
-    }
+    *operationData = new CreateObjectOperationData(token.getSerialNumber(), token.getLabel(), std::move(attributes));
     return true;
 }
 
@@ -353,12 +324,9 @@ bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
     CkAttributeList stray;
     QString csrSubject;
     QString enrollmentCspProvider;
-    CK_MECHANISM_TYPE generateKeyPairMechanism = 0;
-    CK_MECHANISM_TYPE csrDigestMechanism = 0;
-    CK_MECHANISM_TYPE csrSigningMechanism = 0;
-    bool generateKeyPairMechanismParsed = false;
-    bool csrDigestMechanismParsed = false;
-    bool csrSigningMechanismParsed = false;
+    std::optional<CK_MECHANISM_TYPE> generateKeyPairMechanism;
+    std::optional<CK_MECHANISM_TYPE> csrDigestMechanism;
+    std::optional<CK_MECHANISM_TYPE> csrSigningMechanism;
     bool csrTypeParsed = false;
     bool kovData = false;
 
@@ -370,7 +338,6 @@ bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
             continue;
         if (isNamed(reader, "GenerateKeyPairMechanism")) {
             generateKeyPairMechanism = readUnsignedLong(reader);
-            generateKeyPairMechanismParsed = true;
         } else if (isNamed(reader, "PublicKeyAttributes")) {
             currentTemplate = &publicKeyAttributes;
         } else if (isNamed(reader, "PrivateKeyAttributes")) {
@@ -402,10 +369,8 @@ bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
             enrollmentCspProvider = reader->readElementText();
         } else if (isNamed(reader, "CsrDigestMechanism")) {
             csrDigestMechanism = readUnsignedLong(reader);
-            csrDigestMechanismParsed = true;
         } else if (isNamed(reader, "CsrSigningMechanism")) {
             csrSigningMechanism = readUnsignedLong(reader);
-            csrSigningMechanismParsed = true;
         } else {
             qWarning("Unexpected element!");
             return false;
@@ -433,27 +398,22 @@ bool Pkcs11OperationDataParser::parseOperationData(QXmlStreamReader* reader,
         qWarning("CsrType was not parsed!");
         return false;
     }
-    if (!generateKeyPairMechanismParsed) {
+    if (!generateKeyPairMechanism) {
         qWarning("GenerateKeyPairMechanism was not parsed!");
         return false;
     }
-    if (!csrDigestMechanismParsed) {
+    if (!csrDigestMechanism) {
         qWarning("CsrDigestMechanism was not parsed!");
         return false;
     }
-    if (!csrSigningMechanismParsed) {
+    if (!csrSigningMechanism) {
         qWarning("CsrSigningMechanism was not parsed!");
         return false;
     }
-    try {
-        *operationData = new GenerateCsrOperationData(
-            token.getSerialNumber(), token.getLabel(), generateKeyPairMechanism, csrSigningMechanism, csrDigestMechanism,
-            CsrType::PKCS10, csrSubject, enrollmentCspProvider, std::move(publicKeyAttributes),
-            std::move(privateKeyAttributes), kovData);
-    } catch (const AppException& exception) {
-        logCreationFailure("Unable to create the operation data instance!", exception);
-        return false;
-    }
+    *operationData = new GenerateCsrOperationData(token.getSerialNumber(), token.getLabel(), *generateKeyPairMechanism,
+                                                  *csrSigningMechanism, *csrDigestMechanism, CsrType::PKCS10, csrSubject,
+                                                  enrollmentCspProvider, std::move(publicKeyAttributes),
+                                                  std::move(privateKeyAttributes), kovData);
     return true;
 }
 
@@ -474,8 +434,7 @@ bool Pkcs11OperationDataParser::parseAttribute(QXmlStreamReader* reader, CK_ATTR
         return false;
     }
 
-    CK_ATTRIBUTE_TYPE type = 0;
-    bool typeParsed = false;
+    std::optional<CK_ATTRIBUTE_TYPE> type;
     QString value;
     while (!reader->atEnd()) {
         reader->readNext();
@@ -485,7 +444,6 @@ bool Pkcs11OperationDataParser::parseAttribute(QXmlStreamReader* reader, CK_ATTR
             continue;
         if (isNamed(reader, "Attribute")) {
             type = readUnsignedLong(reader);
-            typeParsed = true;
         } else if (isNamed(reader, "Value")) {
             value = reader->readElementText();
         } else {
@@ -494,7 +452,7 @@ bool Pkcs11OperationDataParser::parseAttribute(QXmlStreamReader* reader, CK_ATTR
         }
     }
 
-    if (!typeParsed) {
+    if (!type) {
         qWarning("Attribute type was not parsed!");
         return false;
     }
@@ -505,15 +463,15 @@ bool Pkcs11OperationDataParser::parseAttribute(QXmlStreamReader* reader, CK_ATTR
 
     bool converted = false;
     if (parentElementName == QLatin1String("BoolAttribute")) {
-        converted = attributeParser.getAttributeBoolean(type, value, attribute);
+        converted = attributeParser.getAttributeBoolean(*type, value, attribute);
     } else if (parentElementName == QLatin1String("StringAttribute")) {
-        converted = attributeParser.getAttributeString(type, value, attribute);
+        converted = attributeParser.getAttributeString(*type, value, attribute);
     } else if (parentElementName == QLatin1String("UnsignedLongAttribute")) {
-        converted = attributeParser.getAttributeUnsignedLong(type, value, attribute);
+        converted = attributeParser.getAttributeUnsignedLong(*type, value, attribute);
     } else if (parentElementName == QLatin1String("ByteArrayAttribute")) {
-        converted = attributeParser.getAttributeHexByteArray(type, value, attribute);
+        converted = attributeParser.getAttributeHexByteArray(*type, value, attribute);
     } else if (parentElementName == QLatin1String("DateTimeAttribute")) {
-        converted = attributeParser.getAttributeDate(type, value, attribute);
+        converted = attributeParser.getAttributeDate(*type, value, attribute);
     } else {
         qWarning("Parent element name has an invalid value. Unable to determine the CK_ATTRIBUTE type!");
         return false;

@@ -25,8 +25,8 @@ int RequestTextScreen::attributesAt(const QString& xml, qsizetype& open)
 {
     // End tags, comments, CDATA and processing instructions carry no attributes; a '<' in them
     // starts a count of its own.
-    const QChar next = open + 1 < xml.size() ? xml.at(open + 1) : QChar();
-    if (next == QLatin1Char('/') || next == QLatin1Char('!') || next == QLatin1Char('?'))
+    const QStringView next = QStringView(xml).mid(open + 1, 1);
+    if (next == u"/" || next == u"!" || next == u"?")
         return 0;
     int count = 0;
     QChar quote;

@@ -44,7 +44,7 @@ GenerateCsrOperationData::GenerateCsrOperationData(const GenerateCsrOperationDat
     generateKeyPairMechanism = other->generateKeyPairMechanism;
     csrSigningMechanism = other->csrSigningMechanism;
     csrDigestMechanism = other->csrDigestMechanism;
-    csrType = other->csrType;
+    // csrType keeps its only value, PKCS10.
     csrSubject = other->csrSubject;
     enrollmentCspProvider = other->enrollmentCspProvider;
     publicKeyAttributes = other->publicKeyAttributes.clone();
