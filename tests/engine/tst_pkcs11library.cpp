@@ -135,10 +135,12 @@ private slots:
         open({"no_slots=1"});
         TraceSwitch::set(true);
         QCOMPARE(library->getSlots(CK_TRUE), QList<unsigned long>());
-        const QStringList lists = TraceSwitch::trace().filter(QRegularExpression("^ pSlotList: "));
-        QCOMPARE(lists.size(), 4);
-        QCOMPARE(lists.mid(0, 2), QStringList({" pSlotList: (nil)", " pSlotList: (nil)"}));
-        QVERIFY2(!lists.mid(2).join("").contains("(nil)"), qPrintable(lists.join(" | ")));
+        QStringList expected;
+        for (const char* buffer : {"(nil)", "0x*"})
+            expected << "Going to call C_GetSlotList" << "Input" << " tokenPresent: 1" << QString(" pSlotList: ") + buffer
+                     << " pulCount: 0x*" << " *pulCount: 0" << "Output" << QString(" pSlotList: ") + buffer
+                     << " pulCount: 0x*" << " *pulCount: 0" << "C_GetSlotList returned 0 (CKR_OK)";
+        QCOMPARE(TraceSwitch::trace(), expected);
     }
 
     void pinDialogue_data()

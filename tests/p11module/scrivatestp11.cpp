@@ -19,16 +19,11 @@
 //   token_platform=Platform text  vendor attribute 0x80001070 of object handle 0
 //   kov_data_hex=3003020101       vendor attribute 0x80000007 of public keys
 //   no_slots=1                    C_GetSlotList reports no slots
-//   slow_calls=C_OpenSession,C_Sign  these calls take slow_ms longer, as through a slow card reader
-//   slow_ms=2000                  (default 1000)
-//   hold_calls=C_GenerateKeyPair  these calls wait until the file <hold_dir>/<call>.release exists
-//   hold_dir=/tmp/gates           a slowed or held call first creates <hold_dir>/<call>.entered, so
-//                                 a test knows the host is inside it
-// Calls that can be slowed or held: C_Finalize, C_GetSlotList, C_GetSlotInfo, C_GetTokenInfo,
-// C_OpenSession, C_CloseSession, C_GetSessionInfo, C_Login, C_CreateObject, C_FindObjects,
-// C_GenerateKeyPair, C_SignInit, C_Sign.
-//
-// Numbers may be decimal or 0x-prefixed hexadecimal.
+//   hold_calls=C_GenerateKeyPair  these calls first create <hold_dir>/<call>.entered, so a test knows
+//   hold_dir=/tmp/gates           the host is inside, then wait until <hold_dir>/<call>.release exists
+// Calls that can be held: C_Finalize, C_GetSlotList, C_GetSlotInfo, C_GetTokenInfo, C_OpenSession,
+// C_CloseSession, C_GetSessionInfo, C_Login, C_CreateObject, C_FindObjects, C_GenerateKeyPair,
+// C_SignInit, C_Sign. Numbers may be decimal or 0x-prefixed hexadecimal.
 
 #include <p11-kit/pkcs11.h>
 
@@ -117,18 +112,11 @@ std::vector<unsigned char> fromHex(const std::string& hex)
     return bytes;
 }
 
-bool isPrivateKey(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object)
+bool hasClass(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_OBJECT_CLASS wanted)
 {
     CK_OBJECT_CLASS objectClass = 0;
     CK_ATTRIBUTE attribute = {CKA_CLASS, &objectClass, sizeof(objectClass)};
-    return target->C_GetAttributeValue(session, object, &attribute, 1) == CKR_OK && objectClass == CKO_PRIVATE_KEY;
-}
-
-bool isPublicKey(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object)
-{
-    CK_OBJECT_CLASS objectClass = 0;
-    CK_ATTRIBUTE attribute = {CKA_CLASS, &objectClass, sizeof(objectClass)};
-    return target->C_GetAttributeValue(session, object, &attribute, 1) == CKR_OK && objectClass == CKO_PUBLIC_KEY;
+    return target->C_GetAttributeValue(session, object, &attribute, 1) == CKR_OK && objectClass == wanted;
 }
 
 // Answers one attribute with the two-call length protocol; returns false when the buffer is short.
@@ -157,31 +145,20 @@ bool listed(const State& s, const char* key, const char* call)
     return false;
 }
 
-bool fileExists(const std::string& path) { return std::ifstream(path).good(); }
-
-// Makes the call as slow as configured and holds it at its gate. Runs before the state mutex is
-// taken, so other threads reach the module meanwhile.
+// Holds the call at its gate. Runs before the state mutex is taken, so other threads reach the
+// module meanwhile.
 void pause(const char* call)
 {
-    State& s = state();
-    bool slow = false;
-    bool held = false;
-    unsigned long slowMs = 0;
     std::string gate;
     {
+        State& s = state();
         std::lock_guard<std::mutex> lock(s.mutex);
-        slow = listed(s, "slow_calls", call);
-        slowMs = number(s, "slow_ms", 1000);
-        gate = text(s, "hold_dir");
-        held = !gate.empty() && listed(s, "hold_calls", call);
+        if (!has(s, "hold_dir") || !listed(s, "hold_calls", call))
+            return;
+        gate = text(s, "hold_dir") + "/" + call;
     }
-    if (!slow && !held)
-        return;
-    if (!gate.empty())
-        std::ofstream marker(gate + "/" + call + ".entered");
-    if (slow)
-        std::this_thread::sleep_for(std::chrono::milliseconds(slowMs));
-    while (held && !fileExists(gate + "/" + call + ".release"))
+    std::ofstream(gate + ".entered");
+    while (!std::ifstream(gate + ".release").good())
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
 }
 
@@ -352,10 +329,10 @@ CK_RV testGetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, 
     bool othersUnavailable = false;
     for (CK_ULONG i = 0; i < count; ++i) {
         CK_ATTRIBUTE& attribute = attributes[i];
-        if (attribute.type == kovDataAttribute && has(s, "kov_data_hex") && isPublicKey(session, object))
+        if (attribute.type == kovDataAttribute && has(s, "kov_data_hex") && hasClass(session, object, CKO_PUBLIC_KEY))
             bufferTooSmall |= !answer(attribute, kovData.data(), kovData.size());
         else if (attribute.type == CKA_ALWAYS_AUTHENTICATE && number(s, "always_authenticate", 0)
-                 && isPrivateKey(session, object))
+                 && hasClass(session, object, CKO_PRIVATE_KEY))
             bufferTooSmall |= !answer(attribute, &alwaysAuthenticate, sizeof(alwaysAuthenticate));
         else if (attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION)
             othersUnavailable = true;
@@ -375,7 +352,7 @@ CK_RV testSignInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJ
     const CK_RV rv = target->C_SignInit(session, mechanism, key);
     s.contextLoggedIn.erase(session);
     s.awaitingContextLogin.erase(session);
-    if (rv == CKR_OK && number(s, "always_authenticate", 0) && isPrivateKey(session, key))
+    if (rv == CKR_OK && number(s, "always_authenticate", 0) && hasClass(session, key, CKO_PRIVATE_KEY))
         s.awaitingContextLogin.insert(session);
     return rv;
 }
