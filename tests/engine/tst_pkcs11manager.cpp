@@ -88,23 +88,21 @@ class TestPkcs11Manager : public QObject
     template<typename T>
     Outcome run(QPair<QString, QString> (Pkcs11Manager::*operation)(const QString&, ScrivaPkcs11OperationData<T>*,
                                                                    const QString&),
-                const QString& name, QMap<QString, QString> replacements = {})
+                const QString& name, const QMap<QString, QString>& replacements = {})
     {
         for (const QString& token : {QStringLiteral("Alpha"), QStringLiteral("Beta")})
             if (store->serialNumber(token).isEmpty() && !store->initToken(token, "so-pin-7", userPin))
                 qFatal("%s", qPrintable(store->lastError()));
-        const QMap<QString, QString> defaults{{samplePath, SoftHsmToken::testModulePath()},
-                                              {sampleSerial, store->serialNumber("Alpha")},
-                                              {sampleLabel, "<Label>Alpha</Label>"},
-                                              {sampleExtensions, "<VendorExtensions></VendorExtensions>"}};
-        for (auto it = defaults.cbegin(); it != defaults.cend(); ++it)
-            if (!replacements.contains(it.key()))
-                replacements.insert(it.key(), it.value());
-        const QString path = replacements.value(samplePath);
+        QMap<QString, QString> all{{samplePath, SoftHsmToken::testModulePath()},
+                                   {sampleSerial, store->serialNumber("Alpha")},
+                                   {sampleLabel, "<Label>Alpha</Label>"},
+                                   {sampleExtensions, "<VendorExtensions></VendorExtensions>"}};
+        all.insert(replacements);
+        const QString path = all.value(samplePath);
         const QString xmlNamespace =
             name.endsWith("2026") ? ScrivaNamespaces::version20260204() : ScrivaNamespaces::version20221229();
         std::shared_ptr<ScrivaPkcs11OperationData<T>> request(
-            ScrivaPkcs11InputXmlParser<T>::parseXml(TestRequests::xml(name, nonce, replacements)));
+            ScrivaPkcs11InputXmlParser<T>::parseXml(TestRequests::xml(name, nonce, all)));
         Outcome outcome = runOnWorker([=] { return (manager.*operation)(path, request.get(), xmlNamespace).second; });
         if (outcome.error.isEmpty() && !Pkcs11OperationDataParser().validate(outcome.document, xmlNamespace))
             outcome.error = "answer refused by the schema: " + outcome.document;
