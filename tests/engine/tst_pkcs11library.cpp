@@ -231,6 +231,7 @@ private slots:
         user.script({"pin:" + userPin, "pin:bad:save", "ok", "pin:ctx-pin-2:save", "pin:ctx-pin-2", "pin:ctx-pin-2"});
         QList<QByteArray> signatures;
         CK_MECHANISM rsa = {CKM_RSA_PKCS, nullptr, 0};
+        TraceSwitch::set(true);
         const Outcome outcome = runOnWorker([&] {
             library->login(session, slotInfo, tokenInfo, true);
             const CK_OBJECT_HANDLE key = findOne(CKO_PRIVATE_KEY);
@@ -243,6 +244,11 @@ private slots:
         });
         QCOMPARE(outcome.error, QString());
         QCOMPARE(outcome.document, QCryptographicHash::hash("to be signed", QCryptographicHash::Sha256).toHex());
+        // Every length goes in as 0 to be asked, then with the size the module answered.
+        const QString sign = "| *pulSignatureLen: 0| *pulSignatureLen: 256| *pulSignatureLen: 256| *pulSignatureLen: 256";
+        QCOMPARE(TraceSwitch::trace().filter(QRegularExpression("^ +(\\*pul\\w+|ulValueLen): ")).join('|'),
+                 "   ulValueLen: 8| *pulObjectCount: 0| *pulObjectCount: 1|   ulValueLen: 0|   ulValueLen: 1|   ulValueLen: 1|"
+                 "   ulValueLen: 1| *pulDigestLen: 0| *pulDigestLen: 32| *pulDigestLen: 32| *pulDigestLen: 32" + sign + sign);
         // The host ends while a context form is open: the PIN typed there never reaches the token.
         connect(library.get(), &Pkcs11Library::pinRequestedSignal, this, [] { TerminatingFlag::set(); },
                 Qt::DirectConnection);
@@ -320,7 +326,7 @@ private slots:
         QCOMPARE(library->getTokenPlatform(slot), "ProID+Q 2.1");
         const QStringList trace = TraceSwitch::trace();
         QCOMPARE(trace.count("Going to call C_CloseSession"), trace.count("Going to call C_OpenSession"));
-        QVERIFY(trace.contains(" hObject: 0"));
+        QVERIFY(trace.contains(" hObject: 0") && trace.contains(" *phSession: 0"));
     }
 };
 

@@ -323,6 +323,7 @@ private slots:
         QCOMPARE(user.seen(), answer.isEmpty() ? QStringList() : QStringList("form"));
         const QStringList trace = TraceSwitch::trace();
         QCOMPARE(trace.count("Going to call C_OpenSession"), trace.count("Going to call C_CloseSession"));
+        QCOMPARE(trace.count(" *phSession: 0"), trace.count("Going to call C_OpenSession"));
         QCOMPARE(trace.count("C_Finalize returned 0 (CKR_OK)"), 1);
         QVERIFY(!TraceSwitch::text().contains(userPin));
     }
