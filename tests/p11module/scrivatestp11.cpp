@@ -35,10 +35,8 @@
 #include <fstream>
 #include <map>
 #include <mutex>
-#include <set>
 #include <string>
 #include <thread>
-#include <vector>
 
 namespace {
 
@@ -52,8 +50,8 @@ struct State
     std::map<std::string, std::string> config;
     bool lockingRefused = false;
     unsigned long wrongPins = 0;
-    std::set<CK_SESSION_HANDLE> awaitingContextLogin;
-    std::set<CK_SESSION_HANDLE> contextLoggedIn;
+    // Sessions signing with a key that needs a context login, and whether it was made.
+    std::map<CK_SESSION_HANDLE, bool> contextLogins;
 };
 
 State& state()
@@ -90,11 +88,11 @@ unsigned long number(const State& s, const char* key, unsigned long fallback)
     return value.empty() ? fallback : std::strtoul(value.c_str(), nullptr, 0);
 }
 
-std::vector<unsigned char> fromHex(const std::string& hex)
+std::string fromHex(const std::string& hex)
 {
-    std::vector<unsigned char> bytes;
+    std::string bytes;
     for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
-        bytes.push_back(static_cast<unsigned char>(std::stoul(hex.substr(i, 2), nullptr, 16)));
+        bytes += static_cast<char>(std::stoul(hex.substr(i, 2), nullptr, 16));
     return bytes;
 }
 
@@ -108,22 +106,6 @@ bool hasClass(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_OBJECT_CLAS
     CK_OBJECT_CLASS objectClass = 0;
     CK_ATTRIBUTE attribute = {CKA_CLASS, &objectClass, sizeof(objectClass)};
     return target->C_GetAttributeValue(session, object, &attribute, 1) == CKR_OK && objectClass == wanted;
-}
-
-// Answers one attribute with the two-call length protocol; returns false when the buffer is short.
-bool answer(CK_ATTRIBUTE& attribute, const void* value, CK_ULONG length)
-{
-    if (!attribute.pValue) {
-        attribute.ulValueLen = length;
-        return true;
-    }
-    if (attribute.ulValueLen < length) {
-        attribute.ulValueLen = CK_UNAVAILABLE_INFORMATION;
-        return false;
-    }
-    std::memcpy(attribute.pValue, value, length);
-    attribute.ulValueLen = length;
-    return true;
 }
 
 // Whether the comma-separated list under the key names the item.
@@ -200,8 +182,7 @@ CK_RV testInitialize(CK_VOID_PTR initArgs)
     const CK_RV rv = target->C_Initialize(initArgs);
     if (rv == CKR_OK) {
         s.wrongPins = 0;
-        s.awaitingContextLogin.clear();
-        s.contextLoggedIn.clear();
+        s.contextLogins.clear();
     }
     return rv;
 }
@@ -246,7 +227,7 @@ CK_RV contextLogin(State& s, CK_SESSION_HANDLE session, CK_UTF8CHAR_PTR pin, CK_
         ++s.wrongPins;
         return CKR_PIN_INCORRECT;
     }
-    s.contextLoggedIn.insert(session);
+    s.contextLogins[session] = true;
     return CKR_OK;
 }
 
@@ -257,7 +238,7 @@ CK_RV testLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType, CK_UTF8CHAR_PT
     std::lock_guard<std::mutex> lock(s.mutex);
     if (pinLocked(s))
         return CKR_PIN_LOCKED;
-    if (userType == CKU_CONTEXT_SPECIFIC && s.awaitingContextLogin.count(session))
+    if (userType == CKU_CONTEXT_SPECIFIC && s.contextLogins.count(session))
         return contextLogin(s, session, pin, pinLength);
 
     std::string padPin;
@@ -277,55 +258,43 @@ CK_RV testCloseSession(CK_SESSION_HANDLE session)
     pause("C_CloseSession");
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
-    s.awaitingContextLogin.erase(session);
-    s.contextLoggedIn.erase(session);
+    s.contextLogins.erase(session);
     return target->C_CloseSession(session);
 }
 
+// The engine reads one attribute at a time; the added ones answer with the two-call length protocol.
 CK_RV testGetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_PTR attributes,
                             CK_ULONG count)
 {
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
-    const std::string platform = text(s, "token_platform");
+    CK_ATTRIBUTE& attribute = attributes[0];
+    std::string value;
     if (object == 0 && has(s, "token_platform")) {
         // Handle 0 names no real object; the vendor attribute lives there.
-        CK_RV rv = CKR_OK;
-        for (CK_ULONG i = 0; i < count; ++i) {
-            if (attributes[i].type != tokenPlatformAttribute) {
-                attributes[i].ulValueLen = CK_UNAVAILABLE_INFORMATION;
-                rv = CKR_ATTRIBUTE_TYPE_INVALID;
-            } else if (!answer(attributes[i], platform.data(), platform.size())) {
-                rv = CKR_BUFFER_TOO_SMALL;
-            }
+        if (attribute.type != tokenPlatformAttribute) {
+            attribute.ulValueLen = CK_UNAVAILABLE_INFORMATION;
+            return CKR_ATTRIBUTE_TYPE_INVALID;
         }
-        return rv;
+        value = text(s, "token_platform");
+    } else if (attribute.type == kovDataAttribute && has(s, "kov_data_hex") && hasClass(session, object, CKO_PUBLIC_KEY)) {
+        value = fromHex(text(s, "kov_data_hex"));
+    } else if (attribute.type == CKA_ALWAYS_AUTHENTICATE && number(s, "always_authenticate", 0)
+               && hasClass(session, object, CKO_PRIVATE_KEY)) {
+        value = std::string(1, char(CK_TRUE));
+    } else {
+        return target->C_GetAttributeValue(session, object, attributes, count);
     }
-
-    CK_RV rv = target->C_GetAttributeValue(session, object, attributes, count);
-    if (rv != CKR_OK && rv != CKR_ATTRIBUTE_TYPE_INVALID && rv != CKR_ATTRIBUTE_SENSITIVE
-        && rv != CKR_BUFFER_TOO_SMALL)
-        return rv;
-
-    const std::vector<unsigned char> kovData = fromHex(text(s, "kov_data_hex"));
-    const CK_BBOOL alwaysAuthenticate = CK_TRUE;
-    bool bufferTooSmall = false;
-    bool othersUnavailable = false;
-    for (CK_ULONG i = 0; i < count; ++i) {
-        CK_ATTRIBUTE& attribute = attributes[i];
-        if (attribute.type == kovDataAttribute && has(s, "kov_data_hex") && hasClass(session, object, CKO_PUBLIC_KEY))
-            bufferTooSmall |= !answer(attribute, kovData.data(), kovData.size());
-        else if (attribute.type == CKA_ALWAYS_AUTHENTICATE && number(s, "always_authenticate", 0)
-                 && hasClass(session, object, CKO_PRIVATE_KEY))
-            bufferTooSmall |= !answer(attribute, &alwaysAuthenticate, sizeof(alwaysAuthenticate));
-        else if (attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION)
-            othersUnavailable = true;
-    }
-    if (bufferTooSmall)
-        return CKR_BUFFER_TOO_SMALL;
-    if (rv == CKR_ATTRIBUTE_TYPE_INVALID && !othersUnavailable)
+    if (!attribute.pValue) {
+        attribute.ulValueLen = value.size();
         return CKR_OK;
-    return rv;
+    }
+    if (attribute.ulValueLen < value.size()) {
+        attribute.ulValueLen = CK_UNAVAILABLE_INFORMATION;
+        return CKR_BUFFER_TOO_SMALL;
+    }
+    attribute.ulValueLen = value.copy(static_cast<char*>(attribute.pValue), value.size());
+    return CKR_OK;
 }
 
 CK_RV testSignInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE key)
@@ -334,10 +303,9 @@ CK_RV testSignInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJ
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     const CK_RV rv = target->C_SignInit(session, mechanism, key);
-    s.contextLoggedIn.erase(session);
-    s.awaitingContextLogin.erase(session);
+    s.contextLogins.erase(session);
     if (rv == CKR_OK && number(s, "always_authenticate", 0) && hasClass(session, key, CKO_PRIVATE_KEY))
-        s.awaitingContextLogin.insert(session);
+        s.contextLogins[session] = false;
     return rv;
 }
 
@@ -347,14 +315,12 @@ CK_RV testSign(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLength,
     pause("C_Sign");
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
-    if (s.awaitingContextLogin.count(session) && !s.contextLoggedIn.count(session))
+    if (s.contextLogins.count(session) && !s.contextLogins[session])
         return CKR_USER_NOT_LOGGED_IN;
     CK_RV rv = target->C_Sign(session, data, dataLength, signature, signatureLength);
     // A length query leaves the operation running; anything else ends it.
-    if (signature || rv != CKR_OK) {
-        s.awaitingContextLogin.erase(session);
-        s.contextLoggedIn.erase(session);
-    }
+    if (signature || rv != CKR_OK)
+        s.contextLogins.erase(session);
     if (signature && number(s, "cancel_sign", 0))
         rv = CKR_FUNCTION_CANCELED;
     return rv;
