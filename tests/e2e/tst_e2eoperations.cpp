@@ -71,10 +71,11 @@ private slots:
         QFETCH(QString, request);
         QFETCH(QString, element);
         QFETCH(QString, text);
-        const QString dataObject = "<UnsignedLongAttribute><Attribute>0</Attribute><Value>0</Value></UnsignedLongAttribute>"
-                                   "<BoolAttribute><Attribute>1</Attribute><Value>true</Value></BoolAttribute>";
-        th.send(request, request.startsWith("createobject") ? th.createObjectArgument(request, dataObject, onPinPad)
-                                                            : th.argument(request, onPinPad));
+        th.send(request, th.argument(request, onPinPad,
+                                     request.startsWith("createobject")
+                                         ? "<UnsignedLongAttribute><Attribute>0</Attribute><Value>0</Value></UnsignedLongAttribute>"
+                                           "<BoolAttribute><Attribute>1</Attribute><Value>true</Value></BoolAttribute>"
+                                         : QString()));
         const QJsonObject answer = th.host().readAnswer(60000);
         QCOMPARE(answer.value("method").toString(), HostProcess::method(TokenHost::operation(request)));
         QCOMPARE(answer.value("error"), QJsonValue(QJsonValue::Null));

@@ -39,8 +39,8 @@ void CircleAnimation::paint(QPainter* painter, const QStyleOptionGraphicsItem*, 
 
 void CircleAnimation::start()
 {
-    if (animation.state() != QAbstractAnimation::Running)
-        animation.start();
+    // A running animation goes on where it is.
+    animation.start();
 }
 
 void CircleAnimation::stop()
@@ -48,9 +48,4 @@ void CircleAnimation::stop()
     animation.stop();
     // Every start begins at the start value; the hidden window is drawn that way when shown again.
     angle = animation.startValue().toInt();
-}
-
-bool CircleAnimation::isRunning() const
-{
-    return animation.state() == QAbstractAnimation::Running;
 }
