@@ -1,4 +1,5 @@
 #include "devpki.h"
+#include "testrequests.h"
 #include "tokenhost.h"
 #include "virtualdisplay.h"
 
@@ -7,10 +8,13 @@
 #include <QSslCertificate>
 #include <QTest>
 
-// The host's real windows on a private X server, answered with a keyboard as a user would: the
-// PIN form (right, wrong, cancelled), the message after a wrong PIN, the module file dialog,
-// other requests while the form waits, the window's minimal display time and termination while
-// the form is open. The cases share one host and run in this order; the last one ends the host.
+// The built host through its pipes with signed requests, on a SoftHSM token made for this run:
+// each token operation once, through the test module, whose PIN pad logs in; the requests that
+// must never reach the token, answered with their error while the host stays up; then the real
+// windows on a private X server, answered with a keyboard as a user would: the PIN form (right,
+// wrong, cancelled), the message after a wrong PIN, the module file dialog, other requests while
+// the form waits, the window's minimal display time and termination while the form is open. The
+// cases share one host and run in this order; the last one ends the host.
 class TestE2eDialogs : public QObject
 {
     Q_OBJECT
@@ -20,6 +24,7 @@ class TestE2eDialogs : public QObject
     // The PIN form and the message after a wrong PIN both carry the application's name alone.
     const QString formTitle = "^Corvant Scriva$";
     const QString fileDialogTitle = "^Select the PKCS#11 library of your token$";
+    const QMap<QString, QString> onPinPad{{TokenHost::sampleModule, SoftHsmToken::testModulePath()}};
     const QMap<QString, QString> noUsableModule{{TokenHost::sampleModule, "/nonexistent/libpkcs11.so"},
                                                 {"<Path>opensc-pkcs11.so", "<Path>/nonexistent/opensc-pkcs11.so"},
                                                 {"<AllowManualSelection>false", "<AllowManualSelection>true"}};
@@ -61,9 +66,78 @@ private slots:
         th.host().environment().insert("DISPLAY", display.name());
         th.host().environment().insert("QT_QPA_PLATFORM", "xcb");
         th.host().enableLog();
-        // Only requests that name the test module see these flags.
-        QVERIFY(th.configureTestModule("user_pin_flags=final_try\n"));
+        // Only requests that name the test module see these; the sample requests ask for the
+        // vendor attribute that some tokens give their public keys.
+        QVERIFY(th.configureTestModule("pin_pad_pin=" + QByteArray(TokenHost::userPin) + "\nkov_data_hex=3003020101\n"));
         QVERIFY2(th.start(), qPrintable(th.lastError()));
+    }
+
+    void refusals_data()
+    {
+        QTest::addColumn<QString>("method");
+        QTest::addColumn<QString>("argument");
+        QTest::addColumn<QString>("error"); // pattern
+        const QString old = "00000000-0000-0000-0000-000000000000";
+        QTest::newRow("older nonce") << "GetSlots" << TestRequests::signedArgument("getslots-2026", old)
+                                     << "^CommunicationMismatchNonce$";
+        QTest::newRow("not base64 CMS") << "GetCertificates" << "this is not a signed request" << "^Unable to parse CMS: ";
+        QTest::newRow("unknown signer") << "GetSlots" << TestRequests::signedXml(TestRequests::xml("getslots-2022", old), "signer-unknown-root")
+                                        << "^CommunicationMismatchUnstrustedServer$";
+        QTest::newRow("other operation's branch")
+            << "GetSlots" << TestRequests::signedArgument("getcertificates-2022", old) << "^Unexpected element!$";
+        QTest::newRow("invalid document")
+            << "CreateObject" << TestRequests::signedArgument("createobject-2022", old, {{"<Architecture>x64", "<Architecture>X64"}})
+            << "^Unsuccessful XML validation!$";
+    }
+
+    void refusals()
+    {
+        QFETCH(QString, method);
+        QFETCH(QString, argument);
+        QFETCH(QString, error);
+        const QString answer = TokenHost::error(th.host().call(method, argument));
+        QVERIFY2(QRegularExpression(error).match(answer).hasMatch(), qPrintable(answer));
+        QCOMPARE(TokenHost::result(th.host().call("GetVersion")), "2.6.1 (qt)");
+    }
+
+    void operations_data()
+    {
+        QTest::addColumn<QString>("request");
+        QTest::addColumn<QString>("element");
+        QTest::addColumn<QString>("text"); // pattern of its first occurrence
+        QTest::newRow("CreateObject") << "createobject-2026" << "Label" << "^Scriva token$";
+        QTest::newRow("GetSlots") << "getslots-2026" << "TokenPlatform" << "^$";
+        QTest::newRow("GetCertificates") << "getcertificates-2022" << "Certificates" << "^$";
+        QTest::newRow("GenerateCsr") << "generatecsr-2022" << "CSR" << "^-----BEGIN CERTIFICATE REQUEST-----\n[^-]+"
+                                                                      "-----END CERTIFICATE REQUEST-----\n$";
+    }
+
+    void operations()
+    {
+        QFETCH(QString, request);
+        QFETCH(QString, element);
+        QFETCH(QString, text);
+        th.send(request, th.argument(request, onPinPad,
+                                     request.startsWith("createobject")
+                                         ? "<UnsignedLongAttribute><Attribute>0</Attribute><Value>0</Value></UnsignedLongAttribute>"
+                                           "<BoolAttribute><Attribute>1</Attribute><Value>true</Value></BoolAttribute>"
+                                         : QString()));
+        const QJsonObject answer = th.host().readAnswer(60000);
+        QCOMPARE(answer.value("method").toString(), HostProcess::method(TokenHost::operation(request)));
+        QCOMPARE(answer.value("error"), QJsonValue(QJsonValue::Null));
+        const QString document = TokenHost::result(answer);
+        QCOMPARE(TokenHost::texts(document, "Nonce"), QStringList(th.lastNonce()));
+        QCOMPARE(TokenHost::texts(document, "Pkcs11LibraryPath"), QStringList(SoftHsmToken::testModulePath()));
+        QVERIFY(TokenHost::texts(document, "SerialNumber").contains(th.serialNumber()));
+        QVERIFY2(QRegularExpression(text).match(TokenHost::texts(document, element).value(0, "missing")).hasMatch(),
+                 qPrintable(document));
+        // The PIN pad logged in: no PIN form was ever set up.
+        QVERIFY(!th.host().logContains("Setting up slot and token info"));
+        // Each result reached its own operation's answer.
+        QVERIFY(!th.host().logContains("Received result of an unknown async method"));
+        // With the log on, the request and its signer are logged, each on one line.
+        QVERIFY(th.host().logContains("CMS content: <?xml version=\"1.0\" encoding=\"UTF-8\"?>\\n<ScrivaOperation"));
+        QVERIFY(th.host().logContains("Server certificate: -----BEGIN CERTIFICATE-----\\n"));
     }
 
     void windowStaysForTheMinimalDisplayTime()
@@ -109,7 +183,8 @@ private slots:
 
     void formWarnsOfTheTokensLastTry()
     {
-        const QString form = startLoginOperation("last try", {{TokenHost::sampleModule, SoftHsmToken::testModulePath()}});
+        QVERIFY(th.configureTestModule("user_pin_flags=final_try\n"));
+        const QString form = startLoginOperation("last try", onPinPad);
         QTRY_VERIFY(th.host().logContains("The token warns: last PIN try"));
         QVERIFY(display.type(form, TokenHost::userPin, "Return"));
         QCOMPARE(nextAnswer(), "CreateObject: ");

@@ -25,11 +25,11 @@ QRectF CircleAnimation::boundingRect() const
     return QRectF(0, 0, diameter, diameter);
 }
 
+// Drawn smooth by the window's view, which antialiases its items.
 void CircleAnimation::paint(QPainter* painter, const QStyleOptionGraphicsItem*, QWidget*)
 {
     const qreal width = diameter / 10;
     const QRectF arc = boundingRect().adjusted(width, width, -width, -width);
-    painter->setRenderHint(QPainter::Antialiasing);
     painter->setPen(QPen(QColor(220, 220, 220), width));
     painter->drawEllipse(arc);
     painter->setPen(QPen(QColor(0, 94, 170), width, Qt::SolidLine, Qt::RoundCap));
