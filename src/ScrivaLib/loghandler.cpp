@@ -11,8 +11,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
-#include <ctime>
+#include <chrono>
+#include <limits>
 #include <sys/stat.h>
 
 namespace {
@@ -21,13 +21,9 @@ namespace {
 struct LogState
 {
     bool enabled = false;
-    QString fileName;
-    QString dataDirectory;
     QString logDirectory;
     QString hostLogPath;
     QByteArray encodedHostLogPath; // for stat(): the check runs before every message and traced call
-    QString certStoreLogPath;
-    QString keyChainLogPath;
 };
 
 LogState& state()
@@ -47,15 +43,11 @@ QMutex& logMutex()
 void LogHandler::init(const QString& fileName)
 {
     LogState& s = state();
-    s.fileName = fileName;
-    s.dataDirectory = QDir::cleanPath(QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation)
-                                      + QStringLiteral("/Corvant/Scriva"))
-                      + QLatin1Char('/');
-    s.logDirectory = s.dataDirectory + QStringLiteral("Logs") + QLatin1Char('/');
-    s.hostLogPath = QDir::cleanPath(s.logDirectory + QLatin1Char('/') + fileName);
+    s.logDirectory = QDir::cleanPath(QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation)
+                                     + QStringLiteral("/Corvant/Scriva/Logs"))
+                     + QLatin1Char('/');
+    s.hostLogPath = s.logDirectory + fileName;
     s.encodedHostLogPath = QFile::encodeName(s.hostLogPath);
-    s.certStoreLogPath = QDir::cleanPath(s.logDirectory + QStringLiteral("/CertStoreLog.txt"));
-    s.keyChainLogPath = QDir::cleanPath(s.logDirectory + QStringLiteral("/KeyChainLog.txt"));
     s.enabled = true;
     refreshHostLogCheck();
     qInstallMessageHandler(&LogHandler::messageHandler);
@@ -68,12 +60,8 @@ void LogHandler::shutdown()
     qInstallMessageHandler(nullptr);
 }
 
-bool LogHandler::isEnabled() { return state().enabled; }
-QString LogHandler::dataDirectory() { return state().dataDirectory; }
 QString LogHandler::logDirectory() { return state().logDirectory; }
 QString LogHandler::hostLogPath() { return state().hostLogPath; }
-QString LogHandler::certStoreLogPath() { return state().certStoreLogPath; }
-QString LogHandler::keyChainLogPath() { return state().keyChainLogPath; }
 
 bool LogHandler::hostLogExists()
 {
@@ -85,20 +73,20 @@ bool LogHandler::hostLogExists()
 }
 
 namespace {
-std::atomic<qint64> hostLogCheckedAt{-1};
+const qint64 neverChecked = std::numeric_limits<qint64>::min();
+std::atomic<qint64> hostLogCheckedAt{neverChecked};
 std::atomic<bool> hostLogSeen{false};
 } // namespace
 
 void LogHandler::refreshHostLogCheck()
 {
-    hostLogCheckedAt.store(-1);
+    hostLogCheckedAt.store(neverChecked);
 }
 
 bool LogHandler::hostLogExistsNow()
 {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    const qint64 millisecond = qint64(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+    using namespace std::chrono;
+    const qint64 millisecond = duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
     if (hostLogCheckedAt.exchange(millisecond) != millisecond)
         hostLogSeen.store(hostLogExists());
     return hostLogSeen.load();
@@ -106,17 +94,15 @@ bool LogHandler::hostLogExistsNow()
 
 bool LogHandler::dropsLines()
 {
-    return state().enabled && !hostLogExistsNow();
+    return !hostLogExistsNow();
 }
 
 QString LogHandler::formatLine(QtMsgType type, const QMessageLogContext& context, const QString& message)
 {
-    static const QString levels = QStringLiteral("DWCFI");
-    const int index = static_cast<int>(type);
-    const QString level = index >= 0 && index < levels.size() ? QString(levels.at(index)) : QStringLiteral("?");
+    const QString level = QStringLiteral("DWCFI").mid(static_cast<int>(type), 1);
     // One pass over the template, so a '%' in the message text is never taken for a placeholder.
     return QStringLiteral("%1 - %8 - %7 - %2 - %3 - at %4 in %5 line %6")
-        .arg(QDateTime::currentDateTimeUtc().toString(Qt::ISODate), level, message,
+        .arg(QDateTime::currentDateTimeUtc().toString(Qt::ISODate), level.isEmpty() ? QStringLiteral("?") : level, message,
              QString::fromUtf8(context.function ? context.function : ""),
              QString::fromUtf8(context.file ? context.file : ""), QString::number(context.line),
              QString::number(reinterpret_cast<quintptr>(QThread::currentThreadId())),
@@ -136,10 +122,8 @@ void LogHandler::messageHandler(QtMsgType type, const QMessageLogContext& contex
     if (file.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Text | QIODevice::ExistingOnly)) {
         QTextStream stream(&file);
         stream << formatLine(type, context, message) << Qt::endl;
-        file.close();
     }
-    if (type == QtFatalMsg)
-        std::abort();
+    // Qt itself ends the process after a fatal message has been handled.
 }
 
 QString LogHandler::escaped(const QString& text)
@@ -149,7 +133,6 @@ QString LogHandler::escaped(const QString& text)
     if (std::none_of(text.cbegin(), text.cend(), isControl))
         return text;
     QString result;
-    result.reserve(text.size() + 16);
     for (const QChar c : text) {
         if (!isControl(c)) {
             result.append(c);

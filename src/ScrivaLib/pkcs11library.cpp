@@ -26,12 +26,30 @@ AppException operationCanceled(const char* file, int line, const char* function)
 
 #define OPERATION_CANCELED() operationCanceled(__FILE__, __LINE__, Q_FUNC_INFO)
 
+// A translated text with the PIN's name in its placeholder; a key without a translation has none.
+QString withPinName(const QString& text, const QString& pinName)
+{
+    return text.contains(QLatin1String("%1")) ? text.arg(pinName) : text;
+}
+
+// A translated text with %1, %2, ... filled in; a key without a translation gets the values
+// appended after ": ".
+QString withValues(const QString& text, const QStringList& values)
+{
+    if (!text.contains(QLatin1String("%1")))
+        return text + QStringLiteral(": ") + values.join(QStringLiteral(": "));
+    QString filled = text;
+    for (const QString& value : values)
+        filled = filled.arg(value);
+    return filled;
+}
+
 // A failure to get at the module itself. The answer carries the bare word; the path and the
 // loader's text go to the log as its cause.
 #define LOAD_EXCEPTION(word, values) \
     AppException(QStringLiteral(word), QStringLiteral(__FILE__), __LINE__, QString::fromUtf8(Q_FUNC_INFO), \
                  Pkcs11Exception::pkcs11GeneralExceptionMessage(), \
-                 AppException(fillIn(tr(word), (values), true), QStringLiteral(__FILE__), __LINE__, \
+                 AppException(withValues(tr(word), (values)), QStringLiteral(__FILE__), __LINE__, \
                               QString::fromUtf8(Q_FUNC_INFO), Pkcs11Exception::pkcs11GeneralExceptionMessage()))
 
 } // namespace
@@ -103,19 +121,6 @@ void Pkcs11Library::unload()
     library.reset();
 }
 
-QString Pkcs11Library::fillIn(const QString& text, const QStringList& values, bool appendMissing)
-{
-    if (text.contains(QLatin1String("%1"))) {
-        QString filled = text;
-        for (const QString& value : values)
-            filled = filled.arg(value);
-        return filled;
-    }
-    if (!appendMissing || values.isEmpty())
-        return text;
-    return text + QStringLiteral(": ") + values.join(QStringLiteral(": "));
-}
-
 // The wrappers of a single module call log no entry line of their own: the call trace records
 // them, and with the log off each line would still cost a look at the switch. The calls that do
 // work on the token are not made once the operation has been abandoned; closing and finalising
@@ -125,13 +130,12 @@ QList<unsigned long> Pkcs11Library::getSlots(CK_BBOOL tokenPresent)
     throwIfTerminating();
     CK_ULONG count = 0;
     PKCS11_CHECK("C_GetSlotList", functions->C_GetSlotList(tokenPresent, nullptr, &count));
-    // The second call always gets a buffer, an empty one when there are no slots.
-    std::vector<CK_SLOT_ID> slotIds(std::max<CK_ULONG>(count, 1));
-    PKCS11_CHECK("C_GetSlotList", functions->C_GetSlotList(tokenPresent, slotIds.data(), &count));
-    QList<unsigned long> result;
-    for (CK_ULONG i = 0; i < count && i < slotIds.size(); ++i)
-        result.append(slotIds[i]);
-    return result;
+    // The second call always gets a buffer (new[] gives one even for no slots): a null one would
+    // only ask for the count again.
+    const CK_ULONG size = count;
+    const auto slotIds = std::make_unique<CK_SLOT_ID[]>(size);
+    PKCS11_CHECK("C_GetSlotList", functions->C_GetSlotList(tokenPresent, slotIds.get(), &count));
+    return QList<unsigned long>(slotIds.get(), slotIds.get() + std::min(count, size));
 }
 
 Pkcs11SlotInfo Pkcs11Library::getSlotInfo(CK_SLOT_ID slotId)
@@ -185,7 +189,7 @@ void Pkcs11Library::throwIfTerminating() const
 
 void Pkcs11Library::throwPinBlocked(const QString& pinName)
 {
-    throw APP_EXCEPTION(fillIn(tr("PinBlocked"), {pinName}, false));
+    throw APP_EXCEPTION(withPinName(tr("PinBlocked"), pinName));
 }
 
 SecretPin Pkcs11Library::requestPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo,
@@ -213,7 +217,7 @@ CK_RV Pkcs11Library::callLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType,
 
 void Pkcs11Library::showPinIncorrect(const QString& pinName)
 {
-    const QString text = fillIn(tr("PinIncorrect"), {pinName}, false);
+    const QString text = withPinName(tr("PinIncorrect"), pinName);
     if (!prompt) {
         qWarning().noquote() << QStringLiteral("No user interface to report an incorrect PIN");
         return;

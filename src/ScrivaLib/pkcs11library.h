@@ -82,10 +82,6 @@ public:
     void createObject(CK_SESSION_HANDLE session, const QList<CK_ATTRIBUTE>& attributes, CK_OBJECT_HANDLE_PTR object);
     QList<unsigned long> findObjects(CK_SESSION_HANDLE session, CK_ATTRIBUTE_PTR searchTemplate, CK_ULONG count);
 
-    // A translated text with %1, %2, ... filled in. A text without placeholders (a key without
-    // a translation) stays as it is, or when appendMissing gets the values appended after ": ".
-    static QString fillIn(const QString& text, const QStringList& values, bool appendMissing);
-
     static constexpr const char* monetProIdPlatform = "Monet+ ProID+Q";
     static constexpr CK_ATTRIBUTE_TYPE tokenPlatformAttribute = 0x80001070UL;
 

@@ -1,6 +1,7 @@
 #include "pkcs11logger.h"
 
 #include "loghandler.h"
+#include "ownedresource.h"
 #include "pkcs11names.h"
 #include "pkcs11tracewriter.h"
 
@@ -9,31 +10,21 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <memory>
-#include <new>
+#include <cstdlib>
 
 void pkcs11_logger_log(const char* format, ...)
 {
     va_list args;
     va_start(args, format);
-    va_list again;
-    va_copy(again, args);
-    const int length = std::vsnprintf(nullptr, 0, format, args);
+    char* formatted = nullptr;
+    // Measures the text, allocates room for it and formats it.
+    const int length = vasprintf(&formatted, format, args);
     va_end(args);
-
-    int written = -1;
-    std::unique_ptr<char[]> text;
-    if (length >= 0) {
-        text.reset(new (std::nothrow) char[static_cast<std::size_t>(length) + 1]);
-        if (text)
-            written = std::vsnprintf(text.get(), static_cast<std::size_t>(length) + 1, format, again);
-    }
-    va_end(again);
-
-    if (length < 0 || written != length) {
+    if (length < 0) {
         qWarning("Unable to process va_message");
         return;
     }
+    const Owned<char, ::free> text(formatted);
     // A trace line is one line: a module's texts (labels, descriptions) are not ours and must
     // not start lines of their own.
     qInfo().noquote() << QStringLiteral("PKCS#11 - ") + LogHandler::escaped(QString::fromUtf8(text.get()));

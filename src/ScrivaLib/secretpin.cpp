@@ -21,34 +21,32 @@ SecretPin SecretPin::fromText(QStringView text)
 
 SecretPin::~SecretPin()
 {
-    clear();
+    wipeBytes();
 }
 
 SecretPin::SecretPin(SecretPin&& other) noexcept
     : bytes(std::move(other.bytes)),
       length(std::exchange(other.length, 0)),
-      capacity(std::exchange(other.capacity, 0))
+      capacity(other.capacity)
 {
 }
 
 SecretPin& SecretPin::operator=(SecretPin&& other) noexcept
 {
     if (this != &other) {
-        clear();
+        wipeBytes();
         bytes = std::move(other.bytes);
         length = std::exchange(other.length, 0);
-        capacity = std::exchange(other.capacity, 0);
+        capacity = other.capacity;
     }
     return *this;
 }
 
-void SecretPin::clear()
+// Only overwrites: the owner frees or replaces the bytes right after. A moved-from PIN has none.
+void SecretPin::wipeBytes()
 {
     if (bytes)
         OPENSSL_cleanse(bytes.get(), capacity);
-    bytes.reset();
-    length = 0;
-    capacity = 0;
 }
 
 void SecretPin::wipe(QString& text)

@@ -31,7 +31,7 @@ public:
     static void wipe(QString& text);
 
 private:
-    void clear();
+    void wipeBytes();
 
     std::unique_ptr<unsigned char[]> bytes;
     std::size_t length = 0;

@@ -1,27 +1,68 @@
-#include "appexception.h"
+#include "Protocol1/nativemessaging1.h"
 #include "loghandler.h"
+#include "ownedresource.h"
+#include "pkcs11/scrivapkcs11.h"
+#include "pkcs11/ui/mainwindowpkcs11.h"
+#include "pkcs11exception.h"
 #include "secretpin.h"
+#include "x509certificate2ultra.h"
 
+#include <QApplication>
 #include <QDir>
-#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
 #include <QRegularExpression>
-#include <QStandardPaths>
+#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QTranslator>
+
+#include <openssl/evp.h>
+#include <openssl/x509.h>
 
 namespace {
 
-class DerivedException : public AppException
+X509Certificate2Ultra makeCertificate(const QString& commonName)
 {
-public:
-    using AppException::AppException;
-    QString className() const override { return QStringLiteral("DerivedException"); }
-    AppException* clone() const override { return new DerivedException(*this); }
-};
+    Owned<EVP_PKEY, EVP_PKEY_free> key(EVP_RSA_gen(2048));
+    Owned<X509, X509_free> cert(X509_new());
+    ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 1);
+    X509_gmtime_adj(X509_getm_notBefore(cert.get()), 0);
+    X509_gmtime_adj(X509_getm_notAfter(cert.get()), 3600);
+    X509_set_pubkey(cert.get(), key.get());
+    X509_NAME_add_entry_by_txt(X509_get_subject_name(cert.get()), "CN", MBSTRING_UTF8,
+                               reinterpret_cast<const unsigned char*>(commonName.toUtf8().constData()), -1, -1, 0);
+    X509_set_issuer_name(cert.get(), X509_get_subject_name(cert.get()));
+    X509_sign(cert.get(), key.get(), EVP_sha256());
+    return X509Certificate2Ultra(cert.get());
+}
+
+QString errorOf(ScrivaPkcs11& instance, QString properties)
+{
+    try {
+        instance.setProperty(properties);
+    } catch (const AppException& e) {
+        return e.getMessage();
+    }
+    return QString();
+}
+
+QStringList read(const QString& path, const QString& pattern = {})
+{
+    QFile file(path);
+    const QString text = file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    if (pattern.isEmpty())
+        return text.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    QStringList found;
+    for (auto matches = QRegularExpression(pattern).globalMatch(text); matches.hasNext();)
+        found.append(matches.next().captured(1));
+    return found;
+}
 
 } // namespace
 
-// The exception type and the opt-in log handler, in-process.
+// In-process: the exception text, the opt-in log, the PIN's bytes, the operation instance with its
+// window and the protocol object, and the built catalogues.
 class TestCore : public QObject
 {
     Q_OBJECT
@@ -31,6 +72,7 @@ class TestCore : public QObject
 private slots:
     void initTestCase()
     {
+        Q_INIT_RESOURCE(scriva);
         qputenv("XDG_DATA_HOME", home.path().toUtf8());
         LogHandler::init(QStringLiteral("ScrivaPkcs11Log.txt"));
     }
@@ -39,39 +81,28 @@ private slots:
 
     void exceptionTextNamesClassMessageLocationAndWholeCauseChain()
     {
-        const AppException innermost(QString(), QStringLiteral("a.cpp"), 1, QStringLiteral("void a()"), QStringLiteral("G"));
+        const AppException innermost(QString(), "a.cpp", 1, "void a()", "G");
+        const Pkcs11Exception middle("C_Lo\ngin", CKR_PIN_INCORRECT, "b.cpp", 2, "void b()");
         // A message may carry outside text: its line break is escaped, the chain's own stay.
-        const DerivedException middle(QStringLiteral("mid\ndle"), QStringLiteral("b.cpp"), 2, QStringLiteral("void b()"),
-                                      QStringLiteral("G"), innermost);
-        const AppException outer(QStringLiteral("outer"), QStringLiteral("c.cpp"), 3, QStringLiteral("void c()"),
-                                 QStringLiteral("G"), middle);
-
-        QCOMPARE(outer.toString(false),
-                 QStringLiteral("AppException: outer\ncaused by DerivedException: mid\\ndle\ncaused by AppException: "
-                                "<No message available>"));
-        QCOMPARE(outer.toString(true),
-                 QStringLiteral("AppException: outer\n  at void c() in c.cpp line 3\n"
-                                "caused by DerivedException: mid\\ndle\n  at void b() in b.cpp line 2\n"
-                                "caused by AppException: <No message available>\n  at void a() in a.cpp line 1"));
-        // Outside text cannot start a line of its own, in a message or a trace.
-        QCOMPARE(LogHandler::escaped(QStringLiteral("a\rb\tc\x01\x1f \x7f\u009f\u00a0\u2028\u2029~")),
-                 QStringLiteral("a\\rb\\tc\\u0001\\u001f \\u007f\\u009f\u00a0\\u2028\\u2029~"));
-    }
-
-    void throwSiteMacroRecordsWhereAndKeepsCopiesIndependent()
-    {
+        const AppException outer("outer", "c.cpp", 3, "void c()", "G", AppException("mid", "m.cpp", 4, "void m()", "G", middle));
+        QCOMPARE(outer.toString(false), "AppException: outer\ncaused by AppException: mid\ncaused by Pkcs11Exception: PKCS#11 "
+                                        "method C_Lo\\ngin returned error CKR_PIN_INCORRECT (0x000000a0)");
+        QCOMPARE(AppException("outer", "c.cpp", 3, "void c()", "G", innermost).toString(true),
+                 "AppException: outer\n  at void c() in c.cpp line 3\ncaused by AppException: <No message available>\n"
+                 "  at void a() in a.cpp line 1");
         try {
             throw APP_EXCEPTION(QStringLiteral("detail"));
         } catch (const AppException& e) {
-            QCOMPARE(e.getMessage(), QStringLiteral("detail"));
-            QCOMPARE(e.getGeneralMessage(), QStringLiteral("GeneralExceptionMessage"));
-            QVERIFY(e.getFile().endsWith(QStringLiteral("tst_core.cpp")));
-            QVERIFY(e.getFunction().contains(QStringLiteral("throwSiteMacroRecordsWhereAndKeepsCopiesIndependent")));
+            QVERIFY(e.getFile().endsWith("tst_core.cpp") && e.getFunction().contains("exceptionText"));
+            QCOMPARE(e.getGeneralMessage(), "GeneralExceptionMessage");
             AppException copy = e;
             const AppException wrapped = APP_EXCEPTION_CAUSED(QStringLiteral("outer"), copy);
             copy = APP_EXCEPTION(QStringLiteral("replaced"));
-            QCOMPARE(wrapped.getCause()->getMessage(), QStringLiteral("detail"));
+            QCOMPARE(wrapped.getCause()->getMessage(), "detail");
         }
+        // Outside text cannot start a line of its own, in a message or a trace.
+        QCOMPARE(LogHandler::escaped("a\rb\tc\x01\x1f \x7f\u009f\u00a0\u2028\u2029~"),
+                 "a\\rb\\tc\\u0001\\u001f \\u007f\\u009f\u00a0\\u2028\\u2029~");
     }
 
     void pinKeepsItsBytesMovesWholeAndWipesInPlace()
@@ -91,55 +122,177 @@ private slots:
         QCOMPARE(sharer, QString(8, QChar(0)));
     }
 
-    void logPathsFollowTheDataLocation()
+    void logWritesOnlyWhileItsFileExists()
     {
-        const QString expected = home.path() + QStringLiteral("/Corvant/Scriva/Logs/ScrivaPkcs11Log.txt");
-        QCOMPARE(LogHandler::hostLogPath(), expected);
-        QCOMPARE(LogHandler::certStoreLogPath(), home.path() + QStringLiteral("/Corvant/Scriva/Logs/CertStoreLog.txt"));
-        QCOMPARE(LogHandler::keyChainLogPath(), home.path() + QStringLiteral("/Corvant/Scriva/Logs/KeyChainLog.txt"));
-        QCOMPARE(LogHandler::dataDirectory(), home.path() + QStringLiteral("/Corvant/Scriva/"));
-    }
-
-    void writesOnlyWhileTheLogFileExists()
-    {
-        const QString path = LogHandler::hostLogPath();
-        QFile::remove(path);
+        const QString path = home.path() + "/Corvant/Scriva/Logs/ScrivaPkcs11Log.txt";
+        QCOMPARE(LogHandler::hostLogPath(), path);
+        QCOMPARE(LogHandler::logDirectory(), home.path() + "/Corvant/Scriva/Logs/");
         qInfo("before the file exists");
-        QVERIFY(!QFileInfo::exists(path));
-        QVERIFY(!LogHandler::hostLogExists());
+        QVERIFY(!QFileInfo::exists(path) && !LogHandler::hostLogExists() && LogHandler::dropsLines());
 
-        QVERIFY(QDir().mkpath(QFileInfo(path).path()));
+        QVERIFY(QDir().mkpath(LogHandler::logDirectory()));
         QFile(path).open(QIODevice::WriteOnly);
         LogHandler::refreshHostLogCheck(); // the look at the file is reused for a millisecond
-        qWarning().noquote() << "100% sure %1 %2 stay as written";
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        const QStringList lines = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-        QCOMPARE(lines.size(), 1);
-        const QRegularExpression shape(
-            QStringLiteral("^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ - ") + QString::number(QCoreApplication::applicationPid())
-            + QStringLiteral(" - \\d+ - W - 100% sure %1 %2 stay as written - at .*writesOnlyWhileTheLogFileExists.* in "
-                             ".*tst_core\\.cpp line \\d+$"));
-        QVERIFY2(shape.match(lines.first()).hasMatch(), qPrintable(lines.first()));
+        QVERIFY(!LogHandler::dropsLines());
+        const QMessageLogContext context("f.cpp", 7, "void f()", nullptr);
+        for (QtMsgType type : {QtDebugMsg, QtWarningMsg, QtCriticalMsg, QtFatalMsg, QtInfoMsg, QtMsgType(5), QtMsgType(-1)})
+            LogHandler::messageHandler(type, context, "100% sure %1 %2 stay as written");
+        qWarning("from here");
+        const QString record = "^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ - " + QString::number(QCoreApplication::applicationPid())
+                               + " - \\d+ - %1 - %2 - at %3 in %4 line \\d+$";
+        QStringList expected;
+        for (const char* level : {"D", "W", "C", "F", "I", "\\?", "\\?"})
+            expected << record.arg(level, "100% sure %1 %2 stay as written", "void f\\(\\)", "f\\.cpp");
+        expected << record.arg("W", "from here", ".*logWritesOnlyWhileItsFileExists.*", ".*tst_core\\.cpp");
+        const QStringList lines = read(path);
+        QCOMPARE(lines.size(), expected.size());
+        for (int i = 0; i < lines.size(); ++i)
+            QVERIFY2(QRegularExpression(expected[i]).match(lines[i]).hasMatch(), qPrintable(lines[i]));
 
         // A directory in the file's place is not a log file.
         QFile::remove(path);
         QVERIFY(QDir().mkpath(path));
+        LogHandler::refreshHostLogCheck();
         qInfo("into a directory");
+        QVERIFY(LogHandler::dropsLines());
         QVERIFY(QDir().rmdir(path));
         QVERIFY(!QFileInfo::exists(path));
     }
 
-    void unknownMessageTypesGetAQuestionMark()
+    // Properties given to one instance in turn, each with the error it is answered with.
+    void properties_data()
     {
-        const QMessageLogContext context("f.cpp", 7, "void f()", nullptr);
-        QVERIFY(LogHandler::formatLine(static_cast<QtMsgType>(42), context, QStringLiteral("m"))
-                    .endsWith(QStringLiteral(" - ? - m - at void f() in f.cpp line 7")));
-        const QList<QtMsgType> types{QtDebugMsg, QtWarningMsg, QtCriticalMsg, QtFatalMsg, QtInfoMsg};
-        for (int i = 0; i < types.size(); ++i)
-            QVERIFY(LogHandler::formatLine(types[i], context, "m").contains(QStringLiteral(" - %1 - m - ").arg("DWCFI"[i])));
+        QTest::addColumn<QStringList>("properties");
+        QTest::addColumn<QStringList>("errors");
+        const QString invalid = "JSON node MinimalWindowDisplayTime has invalid value";
+        const auto time = [](const char* value) { return QString("{\"MinimalWindowDisplayTime\": %1}").arg(value); };
+        QTest::newRow("display time bounds")
+            << QStringList{time("600001"), time("-1"), time("1.5"), time("\"100\""), time("null"), time("600000")}
+            << QStringList{invalid + ": 600001", invalid + ": -1", invalid + ": 1.5", invalid,
+                           "JSON node MinimalWindowDisplayTime is missing", ""};
+        const QString different = invalid + ": new is different than previous \n>> NEW >>\n%1\n>> PREVIOUS>>\n0\n";
+        // A refused request changes nothing, not even its valid parts.
+        QTest::newRow("set once") << QStringList{time("0"), time("0"), time("300"), "{\"Language\": \"cs\", "
+                                                 "\"MinimalWindowDisplayTime\": 7}", "{\"Colour\": \"blue\"}"}
+                                  << QStringList{"", "", different.arg(300), different.arg(7), ""};
+        QTest::newRow("not an object") << QStringList{"{MinimalWindowDisplayTime", "[1]"}
+            << QStringList{"Unable to parse properties as JSON structure", "Unable to convert properties to JSON object"};
+        QTest::newRow("language") << QStringList{"{\"Language\": 5}", "{\"Language\": \"xx\"}",
+                                                 "{\"Language\": \"../../bin/x\"}"}
+                                  << QStringList{"JSON node Language has invalid value", "UnsupportedLanguage",
+                                                 "UnsupportedLanguage"};
+        const QString base64 = QString::fromLatin1(makeCertificate("server").toDer().toBase64());
+        const QString certificate = "{\"ResponseSigningCertificate\": %1}";
+        const QString unreadable = "JSON node ResponseSigningCertificate has invalid value: Unable to read << ";
+        QTest::newRow("signing certificate")
+            << QStringList{certificate.arg("{\"Certificate\": 5, \"Crl\": \"AA==\"}"),
+                           certificate.arg("{\"Certificate\": \"" + base64 + "\"}"),
+                           certificate.arg("{\"Certificate\": \"bm90IGEgY2VydA==\", \"Crl\": \"AA==\"}"),
+                           certificate.arg("[1]"),
+                           certificate.arg("{\"Certificate\": \"" + base64 + "\", \"OcspResponse\": \"AQID\", \"Crl\": \"BAU=\"}"),
+                           certificate.arg("{\"Certificate\": \"" + base64 + "\", \"Crl\": \"BAU=\"}")}
+            << QStringList{unreadable + "JSON node Certificate is missing or has invalid value",
+                           unreadable + "JSON nodes CRL and OCSP Response are missing or have invalid value",
+                           unreadable + "JSON node Certificate has invalid value",
+                           "JSON node ResponseSigningCertificate has invalid value", "",
+                           "^JSON node ResponseSigningCertificate has invalid value: new is different than previous"};
+    }
+
+    void properties()
+    {
+        QFETCH(QStringList, properties);
+        QFETCH(QStringList, errors);
+        ScrivaPkcs11 instance;
+        for (int i = 0; i < properties.size(); ++i) {
+            const QString error = errorOf(instance, properties.at(i));
+            QVERIFY2(errors.at(i).startsWith('^') ? error.startsWith(errors.at(i).mid(1)) : error == errors.at(i),
+                     qPrintable(properties.at(i) + " => " + error));
+        }
+        QCOMPARE(instance.window()->descriptionText(), "Please wait...");
+        instance.window()->show();
+        QCOMPARE(errorOf(instance, "{}"), "Properties cannot be modified while application window is visible");
+    }
+
+    void windowFollowsSignerAndLanguageAndComesToFrontOnlyWhenShown()
+    {
+        ScrivaPkcs11 instance;
+        MainWindowPkcs11* window = instance.window();
+        window->updateWindowTitle(makeCertificate("signing.example.org"));
+        QCOMPARE(window->titleText(), "AppName \u2013 signing.example.org");
+        QCOMPARE(window->windowTitle(), "AppName \u2013 signing.example.org");
+        window->updateWindowTitle(X509Certificate2Ultra());
+        QCOMPARE(window->titleText(), "AppName");
+        window->setDescription("GetSlotsDescription");
+        QCOMPARE(errorOf(instance, "{\"Language\": \"cs\"}"), QString());
+        QTRY_COMPARE(window->descriptionText(), "Hledám vaše tokeny...");
+        QCOMPARE(errorOf(instance, "{\"Language\": \"en\"}"), QString());
+        QTRY_COMPARE(window->descriptionText(), "Looking for your tokens...");
+        QCOMPARE(window->titleText(), "Corvant Scriva");
+
+        instance.bringToFront();
+        QVERIFY(!window->isVisible());
+        window->show();
+        instance.bringToFront();
+        QTRY_VERIFY(window->isActiveWindow());
+    }
+
+    // DisposeInstance leaves the protocol open and the instance refuses; Terminate closes the protocol.
+    void terminationIsReportedOnceAndRefusesEverythingAfter()
+    {
+        NativeMessaging1 protocol("1.0.0", "qt");
+        QSignalSpy sent(&protocol, &NativeMessagingAdapter::sendMessage);
+        const auto request = [&](const QString& name, const QString& key = "error") {
+            QJsonObject message{{"method", "ScrivaPkcs11.1.0.0.qt.QES." + name}, {"args", QJsonArray{"x"}}};
+            protocol.processMessage(message);
+            return sent.takeLast().first().value<QJsonDocument>().object().value(key).toString();
+        };
+        QCOMPARE(request("GetNonce"), "ScrivaInstanceDoesNotExist");
+        request("CreateInstance");
+        QSignalSpy ready(protocol.instance(), &ScrivaPkcs11::readyToTerminate);
+        request("DisposeInstance");
+        QCOMPARE(ready.count(), 1);
+        for (const char* name : {"GetNonce", "GetSlots", "SetProperty", "BringToFront"})
+            QCOMPARE(request(name), "The ScrivaPkcs11 is terminating!");
+        QCOMPARE(request("GetVersion", "result"), "2.6.1 (qt)");
+        request("Terminate");
+        QVERIFY(protocol.isTerminating());
+        for (const char* name : {"GetVersion", "CreateInstance", "Bogus"})
+            QCOMPARE(request(name), "The ScrivaPkcs11 is terminating!");
+    }
+
+    // The built catalogues translate what the host shows a person and leave every error word
+    // alone, so web applications can rely on the words in every language.
+    void catalogues_data()
+    {
+        QTest::addColumn<QString>("language");
+        QTest::newRow("en") << "en";
+        QTest::newRow("cs") << "cs";
+    }
+
+    void catalogues()
+    {
+        QFETCH(QString, language);
+        const QString source = QStringLiteral(SCRIVA_SOURCE_DIR "/translations/Scriva_%1.ts").arg(language);
+        const QStringList contexts = read(source, "<name>([^<]*)</name>");
+        const QStringList sources = read(source, "<source>([^<]*)</source>");
+        QVERIFY(!contexts.isEmpty() && read(source, "(type=\"unfinished\")").isEmpty());
+        QTranslator translator;
+        QVERIFY(translator.load(QCoreApplication::applicationDirPath() + "/../share/translations/Scriva_" + language));
+        const QStringList words = read(SCRIVA_TEST_DATA_DIR "/errorwords.txt");
+        QVERIFY(words.size() > 15);
+        for (const QString& word : words) {
+            QVERIFY2(!sources.contains(word), qPrintable(word + " has a catalogue entry"));
+            for (const QString& context : contexts)
+                QVERIFY2(translator.translate(context.toUtf8().constData(), word.toUtf8().constData()).isEmpty(),
+                         qPrintable(word + " is translated in " + context));
+        }
+        for (const char* key : {"AppName", "Pkcs11FileDialogText", "GetSlotsDescription", "GetCertificatesDescription",
+                                "GenerateCsrDescription", "CreateObjectDescription"}) {
+            const QString text = translator.translate("MainWindowPkcs11", key);
+            QVERIFY2(!text.isEmpty() && text != QLatin1String(key), key);
+        }
     }
 };
 
-QTEST_GUILESS_MAIN(TestCore)
+QTEST_MAIN(TestCore)
 #include "tst_core.moc"

@@ -5,8 +5,6 @@
 
 #include <QJsonObject>
 #include <QMap>
-#include <QString>
-#include <QStringList>
 
 // The built host with a private SoftHSM token store holding one token. Requests come from
 // tests/data/requests, aimed at that token (its serial number, SoftHSM as the module, no vendor
@@ -14,12 +12,10 @@
 class TokenHost
 {
 public:
-    static constexpr const char* tokenLabel = "Scriva token";
     static constexpr const char* userPin = "1234";
     // The module path the sample requests name; a replacement of this key chooses another module.
     static constexpr const char* sampleModule = "/usr/lib/x86_64-linux-gnu/softhsm/libsofthsm2.so";
 
-    SoftHsmToken& tokens() { return store; }
     HostProcess& host() { return process; }
     QString serialNumber() const { return serial; }
     QString lastNonce() const { return nonce; }
@@ -31,11 +27,10 @@ public:
     bool start();
 
     // The signed request tests/data/requests/<name>.xml with a fresh nonce; `replacements` are
-    // applied after the usual ones and may override them.
-    QString argument(const QString& name, const QMap<QString, QString>& replacements = {});
-    // The same with the sample's object template replaced by `attributes` (attribute elements).
-    QString createObjectArgument(const QString& name, const QString& attributes,
-                                 const QMap<QString, QString>& replacements = {});
+    // applied after the usual ones and may override them. `attributes` (attribute elements), when
+    // given, replace the sample's object template.
+    QString argument(const QString& name, const QMap<QString, QString>& replacements = {},
+                     const QString& attributes = QString());
     // Sends the operation named by the request's file name ("getslots-2022" is GetSlots).
     void send(const QString& name, const QString& argument);
     QJsonObject call(const QString& name, const QMap<QString, QString>& replacements = {});
@@ -43,8 +38,8 @@ public:
     QJsonObject callMethod(const QString& method);
 
     static QString operation(const QString& requestName);
-    static QString error(const QJsonObject& answer) { return answer.value(QStringLiteral("error")).toString(); }
-    static QString result(const QJsonObject& answer) { return answer.value(QStringLiteral("result")).toString(); }
+    static QString error(const QJsonObject& answer) { return answer.value("error").toString(); }
+    static QString result(const QJsonObject& answer) { return answer.value("result").toString(); }
     // The texts of every element with this local name in the answer document, in document order.
     static QStringList texts(const QString& xml, const QString& element);
 

@@ -10,11 +10,7 @@
 class VirtualDisplay
 {
 public:
-    VirtualDisplay() = default;
     ~VirtualDisplay();
-    VirtualDisplay(const VirtualDisplay&) = delete;
-    VirtualDisplay& operator=(const VirtualDisplay&) = delete;
-
     // False (with lastError) when Xvfb or xdotool is missing or the server does not come up.
     bool start();
     QString lastError() const { return error; }
@@ -23,16 +19,13 @@ public:
 
     // Visible windows whose title matches the regular expression.
     QStringList windows(const QString& titlePattern) const;
-    // The first visible window matching the pattern that is not one of `known`; waits up to
-    // timeoutMs and returns an empty string when none shows.
-    QString waitForWindow(const QString& titlePattern, const QStringList& known = {}, int timeoutMs = 20000) const;
-    // Waits until the window is no longer visible.
-    bool waitUntilGone(const QString& window, int timeoutMs = 20000) const;
-
-    // Gives the window the keyboard focus, then types the text or presses the keys ("Return",
+    // The first visible window matching the pattern that is not one of `known`; empty when none
+    // shows within 20 s.
+    QString waitForWindow(const QString& titlePattern, const QStringList& known = {}) const;
+    bool waitUntilGone(const QString& window) const;
+    // Gives the window the keyboard focus, then types the text and presses the keys ("Return",
     // "Escape") as a user would.
-    bool type(const QString& window, const QString& text) const;
-    bool key(const QString& window, const QString& keys) const;
+    bool type(const QString& window, const QString& text, const QString& keys = {}) const;
 
 private:
     bool xdotool(const QStringList& arguments, QString* output = nullptr) const;

@@ -4,13 +4,10 @@
 // calls run on a worker thread as the host runs them, the trace switch, and the test module.
 
 #include "../pkcs11/pkcs11testhelpers.h"
-#include "loghandler.h"
-#include "pkcs11exception.h"
 #include "pinprompt.h"
+#include "pkcs11exception.h"
 #include "softhsmtoken.h"
 
-#include <QDir>
-#include <QFutureWatcher>
 #include <QMutex>
 #include <QSignalSpy>
 #include <QTest>
@@ -80,64 +77,27 @@ struct Outcome
 // Runs the call on a pool thread, as the host's instance does.
 inline Outcome runOnWorker(std::function<QString()> call)
 {
-    QFutureWatcher<Outcome> watcher;
-    QSignalSpy finished(&watcher, &QFutureWatcher<Outcome>::finished);
-    watcher.setFuture(QtConcurrent::run([call] {
-        try {
-            return Outcome{{}, {}, CKR_OK, call()};
-        } catch (const AppException& e) {
-            const auto* pkcs11 = dynamic_cast<const Pkcs11Exception*>(&e);
-            return Outcome{e.getMessage(), e.getCause() ? e.getCause()->getMessage() : QString(),
-                           pkcs11 ? pkcs11->getRv() : CKR_OK, {}};
-        }
-    }));
-    if (!watcher.isFinished() && !finished.wait(120000))
-        qFatal("The engine call did not finish");
-    return watcher.result();
+    return QtConcurrent::run([call] {
+               try {
+                   return Outcome{{}, {}, CKR_OK, call()};
+               } catch (const AppException& e) {
+                   const auto* pkcs11 = dynamic_cast<const Pkcs11Exception*>(&e);
+                   return Outcome{e.getMessage(), e.getCause() ? e.getCause()->getMessage() : QString(),
+                                  pkcs11 ? pkcs11->getRv() : CKR_OK, {}};
+               }
+           })
+        .result();
 }
 
 // The same for a call that returns nothing.
 inline Outcome attempt(std::function<void()> call)
 {
-    return runOnWorker(std::function<QString()>([call] { call(); return QString(); }));
+    return runOnWorker([call] { call(); return QString(); });
 }
 
-// The host log, and with it the PKCS#11 trace, in a private data directory: on while the file exists.
-class TraceSwitch
-{
-public:
-    // From initTestCase: the test framework installs its own message handler before that.
-    void install()
-    {
-        qputenv("XDG_DATA_HOME", home.path().toUtf8());
-        LogHandler::init(QString::fromLatin1(LogHandler::hostLogFileName));
-        QDir().mkpath(LogHandler::logDirectory());
-    }
-    ~TraceSwitch() { LogHandler::shutdown(); }
-
-    // Starts an empty log, or removes it.
-    static void set(bool on)
-    {
-        QFile::remove(LogHandler::hostLogPath());
-        QFile file(LogHandler::hostLogPath());
-        if (on)
-            file.open(QIODevice::WriteOnly);
-        LogHandler::refreshHostLogCheck();
-    }
-    static QString text()
-    {
-        QFile file(LogHandler::hostLogPath());
-        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
-    }
-    static QStringList trace() { return Pkcs11TestHelpers::traceMessages(LogHandler::hostLogPath()); }
-
-private:
-    QTemporaryDir home;
-};
-
-// Keeps both modules loaded for the whole process (SoftHSM does not survive being unloaded and
-// loaded again, and every engine operation unloads its module) and points the test module at
-// its configuration file in `dir`.
+// Points the test module at its configuration file in `dir` and keeps both modules loaded for the
+// whole process (SoftHSM does not survive being unloaded and loaded again, and every engine
+// operation unloads its module).
 inline bool prepareModules(const QTemporaryDir& dir)
 {
     static QLibrary softHsm(SoftHsmToken::softHsmModulePath());
@@ -146,9 +106,11 @@ inline bool prepareModules(const QTemporaryDir& dir)
     return softHsm.load() && testModule.load();
 }
 
+// Writes the test module's key=value configuration.
 inline bool configureModule(const QTemporaryDir& dir, const QStringList& config)
 {
-    return Pkcs11TestHelpers::writeModuleConfig(dir.filePath(QStringLiteral("module.conf")), config);
+    QFile file(dir.filePath(QStringLiteral("module.conf")));
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(config.join('\n').toUtf8() + '\n') > 0;
 }
 
 } // namespace EngineTest

@@ -1,60 +1,26 @@
 #include "enginetesthelpers.h"
 
-#include "ownedresource.h"
 #include "pkcs11/XmlParser/pkcs11operationdataparser.h"
 #include "pkcs11/XmlParser/scrivanamespaces.h"
 #include "pkcs11/XmlParser/scrivapkcs11inputxmlparser.h"
 #include "pkcs11/pkcs11manager.h"
+#include "testrequests.h"
 
 #include <QProcess>
-#include <QRegularExpression>
-
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 
 using namespace EngineTest;
 
 namespace {
 
 const QString nonce = QStringLiteral("engine-test-nonce-0001");
+// What the sample requests in tests/data/requests name, replaced for each test.
+const QString samplePath = QStringLiteral("/usr/lib/x86_64-linux-gnu/softhsm/libsofthsm2.so");
+const QString sampleSerial = QStringLiteral("0123456789ABCDEF");
+const QString sampleLabel = QStringLiteral("<Label>Scriva token</Label>");
+const QString sampleExtensions = QStringLiteral("<VendorExtensions>{\"reader\":\"any\"}</VendorExtensions>");
+const QString platformExtensions = QStringLiteral("<VendorExtensions>Monet+ ProID+Q</VendorExtensions>");
 
-// The library part and token identification of a request in one version.
-struct RequestFrame
-{
-    bool version2026 = true;
-    QString modulePath;
-    bool showPinForm = true;
-    QString vendorExtensions;
-    QString serialNumber;
-    QString label;
-
-    QString xmlNamespace() const
-    {
-        return version2026 ? ScrivaNamespaces::version20260204() : ScrivaNamespaces::version20221229();
-    }
-
-    // The whole request; `body` follows the token identification inside the operation's element.
-    template<typename T>
-    std::unique_ptr<ScrivaPkcs11OperationData<T>> read(const QString& operation, const QString& body = {}) const
-    {
-        QString xml = QStringLiteral("<ScrivaOperation xmlns=\"%1\"><Nonce>%2</Nonce><Pkcs11Operation><Pkcs11Library>"
-                                     "<Locations><Location><Path>%3</Path><Architecture>x64</Architecture></Location>"
-                                     "</Locations><Pin1Name>User PIN</Pin1Name><Pin2Name>Signature PIN</Pin2Name>"
-                                     "<ShowPinForm>%4</ShowPinForm><AllowManualSelection>false</AllowManualSelection>")
-                          .arg(xmlNamespace(), nonce, modulePath, QLatin1String(showPinForm ? "true" : "false"));
-        if (version2026)
-            xml += "<VendorExtensions>" + vendorExtensions + "</VendorExtensions>";
-        xml += "</Pkcs11Library><" + operation + ">";
-        if (operation != QLatin1String("GetSlots"))
-            xml += version2026 ? "<TokenIdentification><SerialNumber>" + serialNumber + "</SerialNumber><Label>" + label
-                                     + "</Label></TokenIdentification>"
-                               : "<TokenSerialNumber>" + serialNumber + "</TokenSerialNumber>";
-        xml += body + "</" + operation + "></Pkcs11Operation></ScrivaOperation>";
-        return std::unique_ptr<ScrivaPkcs11OperationData<T>>(ScrivaPkcs11InputXmlParser<T>::parseXml(xml));
-    }
-};
-
-// One element of an attribute list: "Bool", "UnsignedLong", "String" or "ByteArray" (hex value).
+// One attribute of a request: "Bool", "UnsignedLong", "String" or "ByteArray" (hex value).
 QString attribute(const char* kind, CK_ATTRIBUTE_TYPE type, const QString& value)
 {
     return QStringLiteral("<%1Attribute><Attribute>%2</Attribute><Value>%3</Value></%1Attribute>")
@@ -63,34 +29,44 @@ QString attribute(const char* kind, CK_ATTRIBUTE_TYPE type, const QString& value
         .arg(value);
 }
 
-// Texts of the answer's elements with this name, in document order; an empty element gives "".
-// The writer puts no blanks between elements, so text-only elements are matched directly.
-QStringList values(const QString& xml, const QString& name)
+// Replaces the sample request's object attributes.
+QMap<QString, QString> objectAttributes(const QString& attributes)
 {
+    return {{QStringLiteral("<ObjectAttributes>"), "<ObjectAttributes>" + attributes + "<!--"},
+            {QStringLiteral("</ObjectAttributes>"), "--></ObjectAttributes>"}};
+}
+
+// A SoftHSM slot of an answer as the writer puts it: a token ("serial:label"), or with "" one whose
+// information could not be read; the platform is null in the 2022-12-29 version.
+QString slotXml(long id, const QString& token, const QString& platform)
+{
+    const QString info = token.isEmpty() ? QStringLiteral("<TokenInfoRv>48</TokenInfoRv><TokenInfo/>")
+        : QStringLiteral("<TokenInfoRv>0</TokenInfoRv><TokenInfo><Manufacturer>SoftHSM project</Manufacturer><Model>"
+                         "SoftHSM v2</Model><SerialNumber>%1</SerialNumber><Label>%2</Label><HasProtectedAuthPath>"
+                         "false</HasProtectedAuthPath></TokenInfo>").arg(token.section(':', 0, 0), token.section(':', 1));
+    return QStringLiteral("<Slot><SlotId>%1</SlotId><SlotInfoRv>0</SlotInfoRv><SlotInfo><Manufacturer>SoftHSM project"
+                          "</Manufacturer><Description>SoftHSM slot ID 0x%2</Description></SlotInfo>%3%4</Slot>")
+        .arg(id)
+        .arg(id, 0, 16)
+        .arg(info, platform.isNull() ? QString() : "<TokenPlatform>" + platform + "</TokenPlatform>");
+}
+
+// The answer with the elements named in its repeated part (e.g. "Slot") in sorted order: the module
+// lists them in an order of its own.
+QString sorted(QString xml, const QString& name)
+{
+    const QRegularExpression element(QStringLiteral("<%1>.*?</%1>|<%1/>").arg(name),
+                                     QRegularExpression::DotMatchesEverythingOption);
     QStringList found;
-    const QRegularExpression element(QStringLiteral("<%1(?:/>|>([^<]*)</%1>)").arg(name));
     for (auto matches = element.globalMatch(xml); matches.hasNext();)
-        found.append(matches.next().captured(1));
-    return found;
-}
-
-// The part of the answer that each "Slot" element takes.
-QStringList slotParts(const QString& xml)
-{
-    return xml.split(QStringLiteral("<Slot>")).mid(1);
-}
-
-bool validAnswer(const QString& xml, const QString& xmlNamespace)
-{
-    return Pkcs11OperationDataParser().validate(xml, xmlNamespace);
+        found.append(matches.next().captured());
+    found.sort();
+    const qsizetype start = xml.indexOf(element);
+    xml.remove(element);
+    return start < 0 ? xml : xml.insert(start, found.join(QString()));
 }
 
 const QString subjectHex = QStringLiteral("301E311C301A06035504030C135363726976612054657374205375626A656374");
-
-QString pemBody(QString pem)
-{
-    return pem.remove(QRegularExpression(QStringLiteral("-----[A-Z ]+-----|\\n")));
-}
 
 } // namespace
 
@@ -107,33 +83,39 @@ class TestPkcs11Manager : public QObject
     Pkcs11Manager manager;
     const QString userPin = QStringLiteral("user-pin-7");
 
-    RequestFrame frameFor(const QString& label, bool version2026 = true, const QString& module = {})
+    // Runs the sample request `name` (e.g. "getslots-2026") against the token "Alpha" through the
+    // test module, with further replacements in its text; the answer must pass the schema.
+    template<typename T>
+    Outcome run(QPair<QString, QString> (Pkcs11Manager::*operation)(const QString&, ScrivaPkcs11OperationData<T>*,
+                                                                   const QString&),
+                const QString& name, const QMap<QString, QString>& replacements = {})
     {
         for (const QString& token : {QStringLiteral("Alpha"), QStringLiteral("Beta")})
             if (store->serialNumber(token).isEmpty() && !store->initToken(token, "so-pin-7", userPin))
                 qFatal("%s", qPrintable(store->lastError()));
-        return {version2026, module.isEmpty() ? SoftHsmToken::testModulePath() : module, true, {},
-                store->serialNumber(label), version2026 ? label : QString()};
+        QMap<QString, QString> all{{samplePath, SoftHsmToken::testModulePath()},
+                                   {sampleSerial, store->serialNumber("Alpha")},
+                                   {sampleLabel, "<Label>Alpha</Label>"},
+                                   {sampleExtensions, "<VendorExtensions></VendorExtensions>"}};
+        all.insert(replacements);
+        const QString path = all.value(samplePath);
+        const QString xmlNamespace =
+            name.endsWith("2026") ? ScrivaNamespaces::version20260204() : ScrivaNamespaces::version20221229();
+        std::shared_ptr<ScrivaPkcs11OperationData<T>> request(
+            ScrivaPkcs11InputXmlParser<T>::parseXml(TestRequests::xml(name, nonce, all)));
+        Outcome outcome = runOnWorker([=] { return (manager.*operation)(path, request.get(), xmlNamespace).second; });
+        if (outcome.error.isEmpty() && !Pkcs11OperationDataParser().validate(outcome.document, xmlNamespace))
+            outcome.error = "answer refused by the schema: " + outcome.document;
+        return outcome;
     }
 
-    // Runs the operation of record type T on a worker with the request's body.
-    template<typename T, typename Operation>
-    Outcome run(const RequestFrame& frame, Operation operation, const QString& name, const QString& body = {})
+    // An answer of the test module in the request's version, around the operation's content.
+    static QString answer(const QString& request, const QString& operation, const QString& content)
     {
-        std::shared_ptr<ScrivaPkcs11OperationData<T>> request = frame.read<T>(name, body);
-        return runOnWorker(
-            [=] { return (manager.*operation)(frame.modulePath, request.get(), frame.xmlNamespace()).second; });
-    }
-
-    Outcome getCertificates(const RequestFrame& frame)
-    {
-        return run<GetCertificatesOperationData>(frame, &Pkcs11Manager::getCertificates, "GetCertificates");
-    }
-
-    Outcome createObject(const RequestFrame& frame, const QString& attributes)
-    {
-        return run<CreateObjectOperationData>(frame, &Pkcs11Manager::createObject, "CreateObject",
-                                              "<ObjectAttributes>" + attributes + "</ObjectAttributes>");
+        return QStringLiteral("<?xml version=\"1.0\"?><ScrivaOperation xmlns=\"%1\"><Nonce>%2</Nonce><Pkcs11OperationResponse>"
+                              "<Pkcs11LibraryPath>%3</Pkcs11LibraryPath><%4>%5</%4></Pkcs11OperationResponse></ScrivaOperation>\n")
+            .arg(request.endsWith("2026") ? ScrivaNamespaces::version20260204() : ScrivaNamespaces::version20221229(),
+                 nonce, SoftHsmToken::testModulePath(), operation, content);
     }
 
     QString openssl(const QStringList& arguments)
@@ -144,14 +126,6 @@ class TestPkcs11Manager : public QObject
         process.start("openssl", arguments);
         const bool ok = process.waitForFinished(60000) && process.exitCode() == 0;
         return ok ? QString::fromLocal8Bit(process.readAll()) : "failed: " + process.readAll();
-    }
-
-    QByteArray file(const QString& name, const QByteArray& write = {})
-    {
-        QFile file(work.filePath(name));
-        if (!write.isEmpty())
-            return file.open(QIODevice::WriteOnly) && file.write(write) == write.size() ? write : QByteArray();
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     }
 
 private slots:
@@ -186,8 +160,10 @@ private slots:
     {
         QFETCH(QStringList, locations);
         QFETCH(QString, chosen);
-        file("a.so", "a");
-        file("b.so", "b");
+        for (const char* name : {"a.so", "b.so"}) {
+            QFile file(work.filePath(name));
+            QVERIFY(file.open(QIODevice::WriteOnly));
+        }
         QList<Location> list;
         const QStringList architectures({"both", "x86", "x64"});
         for (const QString& location : locations)
@@ -197,138 +173,100 @@ private slots:
         QCOMPARE(Pkcs11Manager::findUsablePkcs11Library(data), chosen.isEmpty() ? QString() : work.filePath(chosen));
     }
 
+    // Both tokens and SoftHSM's empty token in its free slot; the one whose information cannot be
+    // read is listed too. Only those two reads may fail: a platform that cannot be read (SoftHSM's
+    // empty token cannot be opened) fails the list.
     void getSlotsAnswersEveryTokenInTheRequestVersion_data()
     {
-        QTest::addColumn<bool>("version2026");
-        QTest::newRow("2022-12-29") << false;
-        QTest::newRow("2026-02-04") << true;
+        QTest::addColumn<QString>("request");
+        QTest::newRow("2022-12-29") << "getslots-2022";
+        QTest::newRow("2026-02-04") << "getslots-2026";
     }
 
     void getSlotsAnswersEveryTokenInTheRequestVersion()
     {
-        QFETCH(bool, version2026);
-        RequestFrame frame = frameFor("Alpha", version2026);
+        QFETCH(QString, request);
         QVERIFY(configureModule(work, {"token_info_fail_label=Beta", "token_info_fail_rv=0x30"}));
-        const Outcome outcome = run<GetSlotsOperationData>(frame, &Pkcs11Manager::getSlots, "GetSlots");
+        const Outcome outcome = run(&Pkcs11Manager::getSlots, request);
+        const QString platform = request.endsWith("2026") ? "" : QString();
         QCOMPARE(outcome.error, QString());
-        const QString& answer = outcome.document;
-        QVERIFY(validAnswer(answer, frame.xmlNamespace()));
-        // The schema holds each version to its own slot shape.
-        QString otherShape = answer;
-        otherShape.replace(QRegularExpression("<TokenPlatform>[^<]*</TokenPlatform>|(</Slot>)"),
-                           version2026 ? "\\1" : "<TokenPlatform/></Slot>");
-        QVERIFY(!validAnswer(otherShape, frame.xmlNamespace()));
-        QCOMPARE(values(answer, "Nonce"), QStringList(nonce));
-        QCOMPARE(values(answer, "Pkcs11LibraryPath"), QStringList(frame.modulePath));
-
-        // Both tokens and SoftHSM's empty token in its free slot; the one that fails is listed too.
-        const QStringList parts = slotParts(answer);
-        QCOMPARE(parts.size(), 3);
-        QCOMPARE(values(answer, "TokenPlatform").size(), version2026 ? 3 : 0);
-        QCOMPARE(values(answer, "SlotInfoRv"), QStringList({"0", "0", "0"}));
-        const QString alpha = parts.filter("<Label>Alpha</Label>").value(0);
-        QCOMPARE(values(alpha, "SlotId"), QStringList(QString::number(store->slotId("Alpha"))));
-        QCOMPARE(values(alpha, "SerialNumber"), QStringList(frame.serialNumber));
-        QCOMPARE(values(alpha, "Model"), QStringList("SoftHSM v2"));
-        QCOMPARE(values(alpha, "Manufacturer"), QStringList({"SoftHSM project", "SoftHSM project"})); // slot, token
-        QCOMPARE(values(alpha, "HasProtectedAuthPath"), QStringList("false"));
-        QVERIFY(!values(alpha, "Description").value(0).endsWith(' '));
-        QCOMPARE(values(alpha, "TokenPlatform"), version2026 ? QStringList("") : QStringList());
-        const QString beta = parts.filter("<TokenInfoRv>48</TokenInfoRv>").value(0);
-        QCOMPARE(values(beta, "SlotId"), QStringList(QString::number(store->slotId("Beta"))));
-        QCOMPARE(values(beta, "TokenInfo"), QStringList(""));
-
-        // Only those two reads may fail: a platform that cannot be read (SoftHSM's empty token
-        // cannot be opened) fails the list.
-        if (version2026) {
-            frame.vendorExtensions = "Monet+ ProID+Q";
+        QCOMPARE(sorted(outcome.document, "Slot"),
+                 sorted(answer(request, "GetSlots",
+                               "<Slots>" + slotXml(store->slotId("Alpha"), store->serialNumber("Alpha") + ":Alpha", platform)
+                                   + slotXml(store->slotId("Beta"), "", platform) + slotXml(2, ":", platform) + "</Slots>"),
+                        "Slot"));
+        if (!platform.isNull()) {
             QVERIFY(configureModule(work, {"token_platform=Q3"}));
-            QCOMPARE(run<GetSlotsOperationData>(frame, &Pkcs11Manager::getSlots, "GetSlots").error,
+            QCOMPARE(run(&Pkcs11Manager::getSlots, request, {{sampleExtensions, platformExtensions}}).error,
                      "PKCS#11 method C_OpenSession returned error CKR_TOKEN_NOT_RECOGNIZED (0x000000e1)");
         }
     }
 
-    // Certificates stored with CreateObject are found again, in both versions.
+    // Certificates stored with CreateObject are found again, in both versions; in the 2026-02-04
+    // version the label must match as well, and the module is finalised all the same.
     void getCertificatesFindsTheTokenBySerialAndLabel()
     {
-        QByteArray certificates[2];
-        for (int i = 0; i < 2; ++i) {
+        QString certificates;
+        for (const QString name : {"Certificate 1", "Certificate 2"}) {
             QVERIFY(!openssl({"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout",
-                              "cert.key", "-subj", "/CN=Certificate " + QString::number(i), "-outform", "DER", "-out",
-                              "cert.der"}).startsWith("failed"));
-            certificates[i] = file("cert.der");
+                              "cert.key", "-subj", "/CN=" + name, "-out", "cert.pem"}).startsWith("failed"));
+            QVERIFY(!openssl({"x509", "-in", "cert.pem", "-outform", "DER", "-out", "cert.der"}).startsWith("failed"));
+            QFile pem(work.filePath("cert.pem")), der(work.filePath("cert.der"));
+            QVERIFY(pem.open(QIODevice::ReadOnly) && der.open(QIODevice::ReadOnly));
+            certificates += "<Certificate>" + pem.readAll() + "</Certificate>";
             user.script({"pin:" + userPin});
-            const Outcome stored = createObject(
-                frameFor("Alpha"), attribute("UnsignedLong", CKA_CLASS, "1") + attribute("UnsignedLong", CKA_CERTIFICATE_TYPE, "0")
-                                       + attribute("Bool", CKA_TOKEN, "true") + attribute("Bool", CKA_PRIVATE, "false")
-                                       + attribute("ByteArray", CKA_SUBJECT, subjectHex)
-                                       + attribute("ByteArray", CKA_VALUE, certificates[i].toHex()));
-            QCOMPARE(stored.error, QString());
-            QVERIFY(validAnswer(stored.document, ScrivaNamespaces::version20260204()));
+            QCOMPARE(run(&Pkcs11Manager::createObject, "createobject-2026",
+                         objectAttributes(attribute("UnsignedLong", CKA_CLASS, "1")
+                                          + attribute("UnsignedLong", CKA_CERTIFICATE_TYPE, "0")
+                                          + attribute("Bool", CKA_TOKEN, "true") + attribute("Bool", CKA_PRIVATE, "false")
+                                          + attribute("ByteArray", CKA_SUBJECT, subjectHex)
+                                          + attribute("ByteArray", CKA_VALUE, der.readAll().toHex())))
+                         .error,
+                     QString());
         }
         QVERIFY(configureModule(work, {"token_platform=Q3"}));
-        for (const bool version2026 : {false, true}) {
-            RequestFrame frame = frameFor("Alpha", version2026);
-            frame.vendorExtensions = "Monet+ ProID+Q";
-            const Outcome outcome = getCertificates(frame);
+        const QString alpha = store->serialNumber("Alpha") + ":Alpha";
+        for (const QString request : {"getcertificates-2022", "getcertificates-2026"}) {
+            const Outcome outcome = run(&Pkcs11Manager::getCertificates, request, {{sampleExtensions, platformExtensions}});
             QCOMPARE(outcome.error, QString());
-            QVERIFY(validAnswer(outcome.document, frame.xmlNamespace()));
-            QStringList found = values(outcome.document, "Certificate");
-            QCOMPARE(found.filter("-----BEGIN CERTIFICATE-----\n").size(), 2);
-            std::transform(found.begin(), found.end(), found.begin(), pemBody);
-            QCOMPARE(QSet<QString>(found.begin(), found.end()),
-                     QSet<QString>({certificates[0].toBase64(), certificates[1].toBase64()}));
-            QCOMPARE(values(outcome.document, "Label"), QStringList("Alpha"));
-            QCOMPARE(values(outcome.document, "TokenPlatform"), version2026 ? QStringList("Q3") : QStringList());
+            QCOMPARE(sorted(outcome.document, "Certificate"),
+                     sorted(answer(request, "GetCertificates",
+                                   slotXml(store->slotId("Alpha"), alpha, request.endsWith("2026") ? "Q3" : QString())
+                                       + "<Certificates>" + certificates + "</Certificates>"),
+                            "Certificate"));
         }
-
-        // In the 2026-02-04 version the label must match as well; the module is finalised all the same.
         TraceSwitch::set(true);
-        RequestFrame mismatch = frameFor("Alpha");
-        mismatch.label = "Beta";
-        QCOMPARE(getCertificates(mismatch).error, "SpecifiedTokenNotFound");
+        QCOMPARE(run(&Pkcs11Manager::getCertificates, "getcertificates-2026", {{sampleLabel, "<Label>Beta</Label>"}}).error,
+                 "SpecifiedTokenNotFound");
         QCOMPARE(TraceSwitch::trace().count("Going to call C_Finalize"), 1);
     }
 
     void generatedCsrIsSignedByTheNewTokenKey_data()
     {
-        QTest::addColumn<bool>("version2026");
-        QTest::addColumn<bool>("testModule");
+        QTest::addColumn<QString>("request");
+        QTest::addColumn<bool>("testModule"); // KovData and a signature PIN
         QTest::addColumn<CK_MECHANISM_TYPE>("digest");
         QTest::addColumn<QString>("algorithm");
-        QTest::newRow("2022-12-29 on SoftHSM, SHA-1") << false << false << CKM_SHA_1 << "sha1WithRSAEncryption";
-        QTest::newRow("2022-12-29 on SoftHSM, SHA-384") << false << false << CKM_SHA384 << "sha384WithRSAEncryption";
-        QTest::newRow("2026-02-04, KovData and a signature PIN, SHA-256")
-            << true << true << CKM_SHA256 << "sha256WithRSAEncryption";
-        QTest::newRow("2026-02-04, KovData and a signature PIN, SHA-512")
-            << true << true << CKM_SHA512 << "sha512WithRSAEncryption";
+        QTest::newRow("2022-12-29 on SoftHSM, SHA-1") << "generatecsr-2022" << false << CKM_SHA_1 << "sha1WithRSAEncryption";
+        QTest::newRow("2022-12-29 on SoftHSM, SHA-384") << "generatecsr-2022" << false << CKM_SHA384 << "sha384WithRSAEncryption";
+        QTest::newRow("2026-02-04, SHA-256") << "generatecsr-2026" << true << CKM_SHA256 << "sha256WithRSAEncryption";
+        QTest::newRow("2026-02-04, SHA-512") << "generatecsr-2026" << true << CKM_SHA512 << "sha512WithRSAEncryption";
     }
 
     void generatedCsrIsSignedByTheNewTokenKey()
     {
-        QFETCH(bool, version2026);
+        QFETCH(QString, request);
         QFETCH(bool, testModule);
         QFETCH(CK_MECHANISM_TYPE, digest);
         QFETCH(QString, algorithm);
         QVERIFY(configureModule(work, {"kov_data_hex=3003020101", "always_authenticate=1", "context_pin=sig-pin"}));
-        const RequestFrame frame =
-            frameFor("Alpha", version2026, testModule ? QString() : SoftHsmToken::softHsmModulePath());
-        const QString label = attribute("String", CKA_LABEL, "CSR key");
-        const QString body = "<GenerateKeyPairMechanism>0</GenerateKeyPairMechanism><PublicKeyAttributes>"
-                             + attribute("Bool", CKA_TOKEN, "true") + attribute("Bool", CKA_PRIVATE, "false")
-                             + attribute("UnsignedLong", CKA_MODULUS_BITS, "2048")
-                             + attribute("ByteArray", CKA_PUBLIC_EXPONENT, "010001") + label
-                             + "</PublicKeyAttributes><PrivateKeyAttributes>" + attribute("Bool", CKA_TOKEN, "true")
-                             + attribute("Bool", CKA_SIGN, "true") + label
-                             + "</PrivateKeyAttributes><CsrType>PKCS10</CsrType><CsrSubject>" + subjectHex
-                             + "</CsrSubject><CsrAttributes>" + (testModule ? "<KovData/>" : "")
-                             + "<EnrollmentCspProvider>Test CSP</EnrollmentCspProvider></CsrAttributes>"
-                             + "<CsrDigestMechanism>" + QString::number(digest) + "</CsrDigestMechanism>"
-                             + "<CsrSigningMechanism>1</CsrSigningMechanism>";
+        QMap<QString, QString> replacements{{"<CsrDigestMechanism>592", "<CsrDigestMechanism>" + QString::number(digest)}};
+        if (!testModule)
+            replacements.insert({{samplePath, SoftHsmToken::softHsmModulePath()}, {"<KovData/>", ""}});
         QSignalSpy pinRequests(&manager, &Pkcs11Manager::pinRequestedSignal);
         TraceSwitch::set(true);
         user.script(QStringList({"pin:" + userPin, "pin:sig-pin"}).mid(0, testModule ? 2 : 1));
-        const Outcome outcome = run<GenerateCsrOperationData>(frame, &Pkcs11Manager::generateCsr, "GenerateCsr", body);
+        const Outcome outcome = run(&Pkcs11Manager::generateCsr, request, replacements);
         QCOMPARE(outcome.error, QString());
         QCOMPARE(user.seen(), testModule ? QStringList({"form", "form"}) : QStringList("form"));
         QCOMPARE(pinRequests.count(), user.seen().size());
@@ -338,32 +276,22 @@ private slots:
                                    .filter(QRegularExpression("^   Attribute: \\d+ \\(CKA_(MODULUS|PUBLIC_EXPONENT)\\)$"));
         keyReads.removeDuplicates();
         QCOMPARE(keyReads, QStringList({"   Attribute: 288 (CKA_MODULUS)", "   Attribute: 290 (CKA_PUBLIC_EXPONENT)"}));
-        QVERIFY(validAnswer(outcome.document, frame.xmlNamespace()));
 
         // Signed on the token by the key it carries (so the key is the token's new one), with the
-        // requested digest and subject.
-        const QByteArray csrPem = file("request.pem", values(outcome.document, "CSR").value(0).toLatin1());
+        // requested digest, subject and the KovData the token holds for the new key.
+        QFile csr(work.filePath("request.pem"));
+        QVERIFY(csr.open(QIODevice::WriteOnly));
+        csr.write(QRegularExpression("<CSR>([^<]*)</CSR>").match(outcome.document).captured(1).toLatin1());
+        csr.close();
         const QString text = openssl({"req", "-in", "request.pem", "-verify", "-noout", "-text", "-nameopt", "RFC2253"});
         QVERIFY2(text.contains("verify OK") && text.contains("Signature Algorithm: " + algorithm)
-                     && text.contains("Subject: CN=Scriva Test Subject"),
+                     && text.contains("Subject: CN=Scriva Test Subject")
+                     && text.contains("1.2.203.7064.1.1.12.20180406:") == testModule,
                  qPrintable(text));
-        // The KovData the token holds for the new key.
-        Owned<BIO, BIO_free> bio(BIO_new_mem_buf(csrPem.constData(), int(csrPem.size())));
-        Owned<X509_REQ, X509_REQ_free> csr(PEM_read_bio_X509_REQ(bio.get(), nullptr, nullptr, nullptr));
-        QVERIFY(csr);
-        const int kovData = X509_REQ_get_attr_by_OBJ(
-            csr.get(), Owned<ASN1_OBJECT, ASN1_OBJECT_free>(OBJ_txt2obj("1.2.203.7064.1.1.12.20180406", 1)).get(), -1);
-        QCOMPARE(kovData >= 0, testModule);
-        if (testModule) {
-            ASN1_TYPE* value = X509_ATTRIBUTE_get0_type(X509_REQ_get_attr(csr.get(), kovData), 0);
-            QByteArray der(i2d_ASN1_TYPE(value, nullptr), '\0');
-            auto* end = reinterpret_cast<unsigned char*>(der.data());
-            i2d_ASN1_TYPE(value, &end);
-            QCOMPARE(der.toHex(), "3003020101");
-        }
     }
 
-    // Cancelling the form is the wrapper's concern; here only who asks for the PIN.
+    // Cancelling the form is the wrapper's concern; here only who asks for the PIN. Sessions are
+    // closed and the module finalised whichever way it ended; the PIN is never logged.
     void showPinFormDecidesWhoAsksForThePin_data()
     {
         QTest::addColumn<bool>("showPinForm");
@@ -385,19 +313,17 @@ private slots:
         QFETCH(QString, answer);
         QFETCH(QString, error);
         QVERIFY(configureModule(work, config));
-        RequestFrame frame = frameFor("Alpha");
-        frame.showPinForm = showPinForm;
         TraceSwitch::set(true);
         user.script(answer.isEmpty() ? QStringList() : QStringList(answer));
-        const Outcome outcome = createObject(frame, attribute("UnsignedLong", CKA_CLASS, "0")
-                                                        + attribute("Bool", CKA_TOKEN, "true")
-                                                        + attribute("Bool", CKA_PRIVATE, "true"));
+        QMap<QString, QString> replacements = objectAttributes(
+            attribute("UnsignedLong", CKA_CLASS, "0") + attribute("Bool", CKA_TOKEN, "true") + attribute("Bool", CKA_PRIVATE, "true"));
+        replacements.insert("<ShowPinForm>true", showPinForm ? "<ShowPinForm>true" : "<ShowPinForm>false");
+        const Outcome outcome = run(&Pkcs11Manager::createObject, "createobject-2022", replacements);
         QCOMPARE(outcome.error, error);
         QCOMPARE(user.seen(), answer.isEmpty() ? QStringList() : QStringList("form"));
-
-        // Sessions closed and the module finalised whichever way it ended; the PIN never logged.
         const QStringList trace = TraceSwitch::trace();
         QCOMPARE(trace.count("Going to call C_OpenSession"), trace.count("Going to call C_CloseSession"));
+        QCOMPARE(trace.count(" *phSession: 0"), trace.count("Going to call C_OpenSession"));
         QCOMPARE(trace.count("C_Finalize returned 0 (CKR_OK)"), 1);
         QVERIFY(!TraceSwitch::text().contains(userPin));
     }

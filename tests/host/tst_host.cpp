@@ -7,7 +7,6 @@
 #include <QSet>
 #include <QTemporaryDir>
 #include <QTest>
-#include <QtEndian>
 
 #include <unistd.h>
 
@@ -29,13 +28,6 @@ QString answer(const QString& method, const QJsonValue& error = QJsonValue::Null
     if (!id.isEmpty())
         object.insert("id", id);
     return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
-}
-
-QByteArray lengthOnly(quint32 length)
-{
-    QByteArray bytes(4, '\0');
-    qToLittleEndian<quint32>(length, bytes.data());
-    return bytes;
 }
 
 } // namespace
@@ -134,11 +126,11 @@ private slots:
                            "with id: 7\\\\nFORGED-LINE"};
 
         const QList<std::pair<QByteArray, QString>> brokenFrames{
-            {lengthOnly(0), "Unable to process received data as JSON message\\."},
+            {QByteArray(4, '\0'), "Unable to process received data as JSON message\\."},
             {HostProcess::frame("{\"method\":"), "Unable to process received data as JSON message\\."},
-            {lengthOnly(0xFFFFFFFFu), "Unable to process received data as JSON message\\."},
+            {QByteArray(4, '\xff'), "Unable to process received data as JSON message\\."},
             // Only the header: the host must refuse before it waits for any payload byte.
-            {lengthOnly(536870913u), "Incoming JSON message size 536870913 exceedes maximum allowed size 536870912"}};
+            {QByteArray::fromHex("01000020"), "Incoming JSON message size 536870913 exceedes maximum allowed size 536870912"}};
         for (const auto& [bytes, reason] : brokenFrames)
             QTest::addRow("broken frame %s", bytes.left(8).toHex().constData())
                 << QStringList() << QByteArrayList{create, bytes} << QStringList(created) << true

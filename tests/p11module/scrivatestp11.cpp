@@ -19,16 +19,11 @@
 //   token_platform=Platform text  vendor attribute 0x80001070 of object handle 0
 //   kov_data_hex=3003020101       vendor attribute 0x80000007 of public keys
 //   no_slots=1                    C_GetSlotList reports no slots
-//   slow_calls=C_OpenSession,C_Sign  these calls take slow_ms longer, as through a slow card reader
-//   slow_ms=2000                  (default 1000)
-//   hold_calls=C_GenerateKeyPair  these calls wait until the file <hold_dir>/<call>.release exists
-//   hold_dir=/tmp/gates           a slowed or held call first creates <hold_dir>/<call>.entered, so
-//                                 a test knows the host is inside it
-// Calls that can be slowed or held: C_Finalize, C_GetSlotList, C_GetSlotInfo, C_GetTokenInfo,
-// C_OpenSession, C_CloseSession, C_GetSessionInfo, C_Login, C_CreateObject, C_FindObjects,
-// C_GenerateKeyPair, C_SignInit, C_Sign.
-//
-// Numbers may be decimal or 0x-prefixed hexadecimal.
+//   hold_calls=C_GenerateKeyPair  these calls first create <hold_dir>/<call>.entered, so a test knows
+//   hold_dir=/tmp/gates           the host is inside, then wait until <hold_dir>/<call>.release exists
+// Calls that can be held: C_Finalize, C_GetSlotList, C_GetTokenInfo, C_OpenSession, C_CloseSession,
+// C_Login, C_CreateObject, C_GenerateKeyPair, C_SignInit, C_Sign. Numbers may be decimal or
+// 0x-prefixed hexadecimal.
 
 #include <p11-kit/pkcs11.h>
 
@@ -40,11 +35,8 @@
 #include <fstream>
 #include <map>
 #include <mutex>
-#include <set>
-#include <sstream>
 #include <string>
 #include <thread>
-#include <vector>
 
 namespace {
 
@@ -58,8 +50,8 @@ struct State
     std::map<std::string, std::string> config;
     bool lockingRefused = false;
     unsigned long wrongPins = 0;
-    std::set<CK_SESSION_HANDLE> awaitingContextLogin;
-    std::set<CK_SESSION_HANDLE> contextLoggedIn;
+    // Sessions signing with a key that needs a context login, and whether it was made.
+    std::map<CK_SESSION_HANDLE, bool> contextLogins;
 };
 
 State& state()
@@ -71,28 +63,15 @@ State& state()
 CK_FUNCTION_LIST_PTR target = nullptr;
 CK_FUNCTION_LIST ownList;
 
-std::string trim(const std::string& text)
-{
-    const auto begin = text.find_first_not_of(" \t\r\n");
-    if (begin == std::string::npos)
-        return {};
-    return text.substr(begin, text.find_last_not_of(" \t\r\n") - begin + 1);
-}
-
+// Lines "key=value", as the tests write them.
 void readConfig(State& s)
 {
     s.config.clear();
     const char* path = std::getenv("SCRIVA_TEST_P11_CONFIG");
-    if (!path || !*path)
-        return;
-    std::ifstream file(path);
-    std::string line;
-    while (std::getline(file, line)) {
-        const auto equals = line.find('=');
-        if (line.empty() || line[0] == '#' || equals == std::string::npos)
-            continue;
-        s.config[trim(line.substr(0, equals))] = trim(line.substr(equals + 1));
-    }
+    std::ifstream file(path ? path : "");
+    for (std::string line; std::getline(file, line);)
+        if (line.find('=') != std::string::npos)
+            s.config[line.substr(0, line.find('='))] = line.substr(line.find('=') + 1);
 }
 
 std::string text(const State& s, const char* key)
@@ -109,79 +88,46 @@ unsigned long number(const State& s, const char* key, unsigned long fallback)
     return value.empty() ? fallback : std::strtoul(value.c_str(), nullptr, 0);
 }
 
-std::vector<unsigned char> fromHex(const std::string& hex)
+std::string fromHex(const std::string& hex)
 {
-    std::vector<unsigned char> bytes;
+    std::string bytes;
     for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
-        bytes.push_back(static_cast<unsigned char>(std::stoul(hex.substr(i, 2), nullptr, 16)));
+        bytes += static_cast<char>(std::stoul(hex.substr(i, 2), nullptr, 16));
     return bytes;
 }
 
-bool isPrivateKey(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object)
+bool pinLocked(const State& s)
+{
+    return has(s, "lock_after_wrong_pins") && s.wrongPins >= number(s, "lock_after_wrong_pins", 0);
+}
+
+bool hasClass(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_OBJECT_CLASS wanted)
 {
     CK_OBJECT_CLASS objectClass = 0;
     CK_ATTRIBUTE attribute = {CKA_CLASS, &objectClass, sizeof(objectClass)};
-    return target->C_GetAttributeValue(session, object, &attribute, 1) == CKR_OK && objectClass == CKO_PRIVATE_KEY;
+    return target->C_GetAttributeValue(session, object, &attribute, 1) == CKR_OK && objectClass == wanted;
 }
 
-bool isPublicKey(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object)
+// Whether the comma-separated list under the key names the item.
+bool listed(const State& s, const char* key, const char* item)
 {
-    CK_OBJECT_CLASS objectClass = 0;
-    CK_ATTRIBUTE attribute = {CKA_CLASS, &objectClass, sizeof(objectClass)};
-    return target->C_GetAttributeValue(session, object, &attribute, 1) == CKR_OK && objectClass == CKO_PUBLIC_KEY;
+    return ("," + text(s, key) + ",").find("," + std::string(item) + ",") != std::string::npos;
 }
 
-// Answers one attribute with the two-call length protocol; returns false when the buffer is short.
-bool answer(CK_ATTRIBUTE& attribute, const void* value, CK_ULONG length)
-{
-    if (!attribute.pValue) {
-        attribute.ulValueLen = length;
-        return true;
-    }
-    if (attribute.ulValueLen < length) {
-        attribute.ulValueLen = CK_UNAVAILABLE_INFORMATION;
-        return false;
-    }
-    std::memcpy(attribute.pValue, value, length);
-    attribute.ulValueLen = length;
-    return true;
-}
-
-bool listed(const State& s, const char* key, const char* call)
-{
-    std::istringstream calls(text(s, key));
-    std::string name;
-    while (std::getline(calls, name, ','))
-        if (trim(name) == call)
-            return true;
-    return false;
-}
-
-bool fileExists(const std::string& path) { return std::ifstream(path).good(); }
-
-// Makes the call as slow as configured and holds it at its gate. Runs before the state mutex is
-// taken, so other threads reach the module meanwhile.
+// Holds the call at its gate. Runs before the state mutex is taken, so other threads reach the
+// module meanwhile.
 void pause(const char* call)
 {
-    State& s = state();
-    bool slow = false;
-    bool held = false;
-    unsigned long slowMs = 0;
     std::string gate;
     {
+        State& s = state();
         std::lock_guard<std::mutex> lock(s.mutex);
-        slow = listed(s, "slow_calls", call);
-        slowMs = number(s, "slow_ms", 1000);
-        gate = text(s, "hold_dir");
-        held = !gate.empty() && listed(s, "hold_calls", call);
+        if (!has(s, "hold_dir") || !listed(s, "hold_calls", call))
+            return;
+        gate = text(s, "hold_dir") + "/" + call;
     }
-    if (!slow && !held)
-        return;
-    if (!gate.empty())
-        std::ofstream marker(gate + "/" + call + ".entered");
-    if (slow)
-        std::this_thread::sleep_for(std::chrono::milliseconds(slowMs));
-    while (held && !fileExists(gate + "/" + call + ".release"))
+    std::ofstream(gate + ".entered");
+    while (!std::ifstream(gate + ".release").good())
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
 }
 
@@ -207,16 +153,12 @@ CK_RV paced_C_GetSlotList(CK_BBOOL present, CK_SLOT_ID_PTR list, CK_ULONG_PTR co
     }
     return target->C_GetSlotList(present, list, count);
 }
-SCRIVA_PACED(C_GetSlotInfo, (CK_SLOT_ID slot, CK_SLOT_INFO_PTR info), (slot, info))
 SCRIVA_PACED(C_OpenSession,
              (CK_SLOT_ID slot, CK_FLAGS flags, CK_VOID_PTR application, CK_NOTIFY notify, CK_SESSION_HANDLE_PTR session),
              (slot, flags, application, notify, session))
-SCRIVA_PACED(C_GetSessionInfo, (CK_SESSION_HANDLE session, CK_SESSION_INFO_PTR info), (session, info))
 SCRIVA_PACED(C_CreateObject,
              (CK_SESSION_HANDLE session, CK_ATTRIBUTE_PTR attributes, CK_ULONG count, CK_OBJECT_HANDLE_PTR object),
              (session, attributes, count, object))
-SCRIVA_PACED(C_FindObjects, (CK_SESSION_HANDLE session, CK_OBJECT_HANDLE_PTR objects, CK_ULONG most, CK_ULONG_PTR found),
-             (session, objects, most, found))
 SCRIVA_PACED(C_GenerateKeyPair,
              (CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_ATTRIBUTE_PTR publicTemplate,
               CK_ULONG publicCount, CK_ATTRIBUTE_PTR privateTemplate, CK_ULONG privateCount, CK_OBJECT_HANDLE_PTR publicKey,
@@ -240,8 +182,7 @@ CK_RV testInitialize(CK_VOID_PTR initArgs)
     const CK_RV rv = target->C_Initialize(initArgs);
     if (rv == CKR_OK) {
         s.wrongPins = 0;
-        s.awaitingContextLogin.clear();
-        s.contextLoggedIn.clear();
+        s.contextLogins.clear();
     }
     return rv;
 }
@@ -263,12 +204,13 @@ CK_RV testGetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info)
     const CK_RV rv = target->C_GetTokenInfo(slot, info);
     if (rv != CKR_OK)
         return rv;
-    const std::string label = trim(std::string(reinterpret_cast<const char*>(info->label), sizeof(info->label)));
+    std::string label(reinterpret_cast<const char*>(info->label), sizeof(info->label));
+    label.erase(label.find_last_not_of(' ') + 1);
     if (has(s, "token_info_fail_label") && label == text(s, "token_info_fail_label"))
         return number(s, "token_info_fail_rv", CKR_DEVICE_ERROR);
     if (has(s, "pin_pad_pin"))
         info->flags |= CKF_PROTECTED_AUTHENTICATION_PATH;
-    if (has(s, "lock_after_wrong_pins") && s.wrongPins >= number(s, "lock_after_wrong_pins", 0))
+    if (pinLocked(s))
         info->flags |= CKF_USER_PIN_LOCKED;
     if (listed(s, "user_pin_flags", "count_low"))
         info->flags |= CKF_USER_PIN_COUNT_LOW;
@@ -285,7 +227,7 @@ CK_RV contextLogin(State& s, CK_SESSION_HANDLE session, CK_UTF8CHAR_PTR pin, CK_
         ++s.wrongPins;
         return CKR_PIN_INCORRECT;
     }
-    s.contextLoggedIn.insert(session);
+    s.contextLogins[session] = true;
     return CKR_OK;
 }
 
@@ -294,9 +236,9 @@ CK_RV testLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType, CK_UTF8CHAR_PT
     pause("C_Login");
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
-    if (has(s, "lock_after_wrong_pins") && s.wrongPins >= number(s, "lock_after_wrong_pins", 0))
+    if (pinLocked(s))
         return CKR_PIN_LOCKED;
-    if (userType == CKU_CONTEXT_SPECIFIC && s.awaitingContextLogin.count(session))
+    if (userType == CKU_CONTEXT_SPECIFIC && s.contextLogins.count(session))
         return contextLogin(s, session, pin, pinLength);
 
     std::string padPin;
@@ -316,55 +258,43 @@ CK_RV testCloseSession(CK_SESSION_HANDLE session)
     pause("C_CloseSession");
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
-    s.awaitingContextLogin.erase(session);
-    s.contextLoggedIn.erase(session);
+    s.contextLogins.erase(session);
     return target->C_CloseSession(session);
 }
 
+// The engine reads one attribute at a time; the added ones answer with the two-call length protocol.
 CK_RV testGetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_PTR attributes,
                             CK_ULONG count)
 {
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
-    const std::string platform = text(s, "token_platform");
+    CK_ATTRIBUTE& attribute = attributes[0];
+    std::string value;
     if (object == 0 && has(s, "token_platform")) {
         // Handle 0 names no real object; the vendor attribute lives there.
-        CK_RV rv = CKR_OK;
-        for (CK_ULONG i = 0; i < count; ++i) {
-            if (attributes[i].type != tokenPlatformAttribute) {
-                attributes[i].ulValueLen = CK_UNAVAILABLE_INFORMATION;
-                rv = CKR_ATTRIBUTE_TYPE_INVALID;
-            } else if (!answer(attributes[i], platform.data(), platform.size())) {
-                rv = CKR_BUFFER_TOO_SMALL;
-            }
+        if (attribute.type != tokenPlatformAttribute) {
+            attribute.ulValueLen = CK_UNAVAILABLE_INFORMATION;
+            return CKR_ATTRIBUTE_TYPE_INVALID;
         }
-        return rv;
+        value = text(s, "token_platform");
+    } else if (attribute.type == kovDataAttribute && has(s, "kov_data_hex") && hasClass(session, object, CKO_PUBLIC_KEY)) {
+        value = fromHex(text(s, "kov_data_hex"));
+    } else if (attribute.type == CKA_ALWAYS_AUTHENTICATE && number(s, "always_authenticate", 0)
+               && hasClass(session, object, CKO_PRIVATE_KEY)) {
+        value = std::string(1, char(CK_TRUE));
+    } else {
+        return target->C_GetAttributeValue(session, object, attributes, count);
     }
-
-    CK_RV rv = target->C_GetAttributeValue(session, object, attributes, count);
-    if (rv != CKR_OK && rv != CKR_ATTRIBUTE_TYPE_INVALID && rv != CKR_ATTRIBUTE_SENSITIVE
-        && rv != CKR_BUFFER_TOO_SMALL)
-        return rv;
-
-    const std::vector<unsigned char> kovData = fromHex(text(s, "kov_data_hex"));
-    const CK_BBOOL alwaysAuthenticate = CK_TRUE;
-    bool bufferTooSmall = false;
-    bool othersUnavailable = false;
-    for (CK_ULONG i = 0; i < count; ++i) {
-        CK_ATTRIBUTE& attribute = attributes[i];
-        if (attribute.type == kovDataAttribute && has(s, "kov_data_hex") && isPublicKey(session, object))
-            bufferTooSmall |= !answer(attribute, kovData.data(), kovData.size());
-        else if (attribute.type == CKA_ALWAYS_AUTHENTICATE && number(s, "always_authenticate", 0)
-                 && isPrivateKey(session, object))
-            bufferTooSmall |= !answer(attribute, &alwaysAuthenticate, sizeof(alwaysAuthenticate));
-        else if (attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION)
-            othersUnavailable = true;
-    }
-    if (bufferTooSmall)
-        return CKR_BUFFER_TOO_SMALL;
-    if (rv == CKR_ATTRIBUTE_TYPE_INVALID && !othersUnavailable)
+    if (!attribute.pValue) {
+        attribute.ulValueLen = value.size();
         return CKR_OK;
-    return rv;
+    }
+    if (attribute.ulValueLen < value.size()) {
+        attribute.ulValueLen = CK_UNAVAILABLE_INFORMATION;
+        return CKR_BUFFER_TOO_SMALL;
+    }
+    attribute.ulValueLen = value.copy(static_cast<char*>(attribute.pValue), value.size());
+    return CKR_OK;
 }
 
 CK_RV testSignInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE key)
@@ -373,10 +303,9 @@ CK_RV testSignInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJ
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     const CK_RV rv = target->C_SignInit(session, mechanism, key);
-    s.contextLoggedIn.erase(session);
-    s.awaitingContextLogin.erase(session);
-    if (rv == CKR_OK && number(s, "always_authenticate", 0) && isPrivateKey(session, key))
-        s.awaitingContextLogin.insert(session);
+    s.contextLogins.erase(session);
+    if (rv == CKR_OK && number(s, "always_authenticate", 0) && hasClass(session, key, CKO_PRIVATE_KEY))
+        s.contextLogins[session] = false;
     return rv;
 }
 
@@ -386,14 +315,12 @@ CK_RV testSign(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLength,
     pause("C_Sign");
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
-    if (s.awaitingContextLogin.count(session) && !s.contextLoggedIn.count(session))
+    if (s.contextLogins.count(session) && !s.contextLogins[session])
         return CKR_USER_NOT_LOGGED_IN;
     CK_RV rv = target->C_Sign(session, data, dataLength, signature, signatureLength);
     // A length query leaves the operation running; anything else ends it.
-    if (signature || rv != CKR_OK) {
-        s.awaitingContextLogin.erase(session);
-        s.contextLoggedIn.erase(session);
-    }
+    if (signature || rv != CKR_OK)
+        s.contextLogins.erase(session);
     if (signature && number(s, "cancel_sign", 0))
         rv = CKR_FUNCTION_CANCELED;
     return rv;
@@ -426,11 +353,8 @@ bool loadTarget()
     ownList.C_SignInit = testSignInit;
     ownList.C_Sign = testSign;
     ownList.C_GetSlotList = paced_C_GetSlotList;
-    ownList.C_GetSlotInfo = paced_C_GetSlotInfo;
     ownList.C_OpenSession = paced_C_OpenSession;
-    ownList.C_GetSessionInfo = paced_C_GetSessionInfo;
     ownList.C_CreateObject = paced_C_CreateObject;
-    ownList.C_FindObjects = paced_C_FindObjects;
     ownList.C_GenerateKeyPair = paced_C_GenerateKeyPair;
     return true;
 }

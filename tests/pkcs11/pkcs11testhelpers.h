@@ -1,41 +1,53 @@
 #pragma once
 
-// Small helpers the PKCS#11 test programs share: writing the test module's configuration and
-// reading the trace out of the host log.
+#include "loghandler.h"
 
+#include <QDir>
 #include <QFile>
 #include <QRegularExpression>
-#include <QString>
-#include <QStringList>
+#include <QTemporaryDir>
 
-#include <p11-kit/pkcs11.h>
-
-namespace Pkcs11TestHelpers {
-
-// Writes the test module's key=value configuration file.
-inline bool writeModuleConfig(const QString& path, const QStringList& lines)
+// The host log, and with it the PKCS#11 trace, in a private data directory: on while the file exists.
+class TraceSwitch
 {
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text))
-        return false;
-    file.write(lines.join(QLatin1Char('\n')).toUtf8() + '\n');
-    return true;
-}
-
-// The messages of the PKCS#11 trace lines of a host log, with their leading blanks.
-inline QStringList traceMessages(const QString& logPath)
-{
-    QFile file(logPath);
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
-        return {};
-    static const QRegularExpression line(QStringLiteral("^\\S+ - \\d+ - \\d+ - I - PKCS#11 - (.*) - at .* line \\d+$"));
-    QStringList messages;
-    for (const QString& text : QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'))) {
-        const QRegularExpressionMatch match = line.match(text);
-        if (match.hasMatch())
-            messages.append(match.captured(1));
+public:
+    // From initTestCase: the test framework installs its own message handler before that.
+    void install()
+    {
+        qputenv("XDG_DATA_HOME", home.path().toUtf8());
+        LogHandler::init(QString::fromLatin1(LogHandler::hostLogFileName));
+        QDir().mkpath(LogHandler::logDirectory());
     }
-    return messages;
-}
+    ~TraceSwitch() { LogHandler::shutdown(); }
 
-} // namespace Pkcs11TestHelpers
+    // Starts an empty log, or removes it.
+    static void set(bool on)
+    {
+        QFile::remove(LogHandler::hostLogPath());
+        QFile file(LogHandler::hostLogPath());
+        if (on)
+            file.open(QIODevice::WriteOnly);
+        LogHandler::refreshHostLogCheck();
+    }
+    static QString text()
+    {
+        QFile file(LogHandler::hostLogPath());
+        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    }
+    // The messages of the trace lines, with their leading blanks; addresses of this run (nine or
+    // more hexadecimal digits) read "0x*".
+    static QStringList trace()
+    {
+        static const QRegularExpression line(QStringLiteral("^\\S+ - \\d+ - \\d+ - I - PKCS#11 - (.*) - at .* line \\d+$"));
+        QStringList messages;
+        for (const QString& text : text().split(QLatin1Char('\n'))) {
+            const QRegularExpressionMatch match = line.match(text);
+            if (match.hasMatch())
+                messages.append(match.captured(1));
+        }
+        return messages.replaceInStrings(QRegularExpression(QStringLiteral("0x[0-9a-f]{9,}")), QStringLiteral("0x*"));
+    }
+
+private:
+    QTemporaryDir home;
+};

@@ -1,12 +1,8 @@
-#include "loghandler.h"
 #include "pkcs11logger.h"
 #include "pkcs11names.h"
 #include "pkcs11testhelpers.h"
 
-#include <QDir>
-#include <QFile>
 #include <QFileInfo>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <cstring>
@@ -91,14 +87,6 @@ CK_FUNCTION_LIST stubList()
     return list;
 }
 
-// The trace of the host log, addresses of this run replaced by "0x*"; short made-up ones stay.
-QStringList trace()
-{
-    QStringList lines = Pkcs11TestHelpers::traceMessages(LogHandler::hostLogPath());
-    lines.replaceInStrings(QRegularExpression(QStringLiteral("0x[0-9a-f]{9,}")), QStringLiteral("0x*"));
-    return lines;
-}
-
 // Attribute entries as the bytes of an attribute value, one byte off alignment.
 QByteArray entryBytes(const QList<CK_ATTRIBUTE>& entries)
 {
@@ -113,33 +101,18 @@ class TestPkcs11Trace : public QObject
 {
     Q_OBJECT
 
-    QTemporaryDir home;
-
-    void switchTrace(bool on)
-    {
-        QFile::remove(LogHandler::hostLogPath());
-        if (on)
-            QVERIFY(QFile(LogHandler::hostLogPath()).open(QIODevice::WriteOnly));
-        LogHandler::refreshHostLogCheck();
-    }
+    TraceSwitch traceSwitch;
 
 private slots:
-    void initTestCase()
-    {
-        qputenv("XDG_DATA_HOME", home.path().toUtf8());
-        LogHandler::init(QString::fromLatin1(LogHandler::hostLogFileName));
-        QVERIFY(QDir().mkpath(LogHandler::logDirectory()));
-    }
-
-    void cleanupTestCase() { LogHandler::shutdown(); }
+    void initTestCase() { traceSwitch.install(); }
 
     void forwardsSilentlyWhileTheLogFileIsAbsentOrTheListMissing()
     {
-        switchTrace(false);
+        TraceSwitch::set(false);
         CK_FUNCTION_LIST list = stubList();
         QCOMPARE(Pkcs11Logger(&list).C_Finalize(nullptr), 0x80000001UL);
         QVERIFY(!QFile::exists(LogHandler::hostLogPath()));
-        switchTrace(true);
+        TraceSwitch::set(true);
         QCOMPARE(Pkcs11Logger(nullptr).C_Login(1, CKU_USER, nullptr, 0), CKR_GENERAL_ERROR);
         list.C_Login = nullptr;
         QCOMPARE(Pkcs11Logger(&list).C_Login(1, CKU_USER, nullptr, 0), CKR_GENERAL_ERROR);
@@ -149,7 +122,7 @@ private slots:
     // Every traced call once; the expected lines are in tests/data/pkcs11trace.txt.
     void tracesEveryCall()
     {
-        switchTrace(true);
+        TraceSwitch::set(true);
         CK_FUNCTION_LIST list = stubList();
         Pkcs11Logger logger(&list);
         CK_C_INITIALIZE_ARGS args = {nullptr, nullptr, nullptr, nullptr, CKF_OS_LOCKING_OK, nullptr};
@@ -213,13 +186,10 @@ private slots:
 
         QFile expected(QStringLiteral(SCRIVA_TEST_DATA_DIR "/pkcs11trace.txt"));
         QVERIFY(expected.open(QIODevice::ReadOnly | QIODevice::Text));
-        const QStringList lines = trace();
-        QCOMPARE(lines, QString::fromUtf8(expected.readAll()).split('\n', Qt::SkipEmptyParts));
+        QCOMPARE(TraceSwitch::trace(), QString::fromUtf8(expected.readAll()).split('\n', Qt::SkipEmptyParts));
         // Only the PIN's address and length are written, never the PIN.
-        QFile log(LogHandler::hostLogPath());
-        QVERIFY(log.open(QIODevice::ReadOnly));
-        const QByteArray whole = log.readAll();
-        QVERIFY(!whole.contains(pin) && !whole.toUpper().contains(pin.toHex().toUpper()));
+        const QString log = TraceSwitch::text();
+        QVERIFY(!log.contains(pin) && !log.toUpper().contains(pin.toHex().toUpper()));
     }
 
     void namesValuesByTheStandardsTables()

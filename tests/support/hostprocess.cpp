@@ -9,24 +9,22 @@
 
 HostProcess::HostProcess() : env(QProcessEnvironment::systemEnvironment())
 {
-    env.insert(QStringLiteral("HOME"), homeDir.path());
-    env.insert(QStringLiteral("XDG_DATA_HOME"), homeDir.path() + QStringLiteral("/.local/share"));
-    env.insert(QStringLiteral("XDG_RUNTIME_DIR"), homeDir.path());
-    if (!env.contains(QStringLiteral("QT_QPA_PLATFORM")))
-        env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+    env.insert("HOME", homeDir.path());
+    env.insert("XDG_DATA_HOME", homeDir.path() + "/.local/share");
+    env.insert("XDG_RUNTIME_DIR", homeDir.path());
+    if (!env.contains("QT_QPA_PLATFORM"))
+        env.insert("QT_QPA_PLATFORM", "offscreen");
 }
 
 HostProcess::~HostProcess()
 {
-    if (process.state() != QProcess::NotRunning) {
-        process.kill();
-        process.waitForFinished(5000);
-    }
+    process.kill();
+    process.waitForFinished(5000);
 }
 
 QString HostProcess::executable()
 {
-    return QStringLiteral(SCRIVA_BIN_DIR "/ScrivaPkcs11");
+    return SCRIVA_BIN_DIR "/ScrivaPkcs11";
 }
 
 QByteArray HostProcess::frame(const QByteArray& payload)
@@ -34,11 +32,6 @@ QByteArray HostProcess::frame(const QByteArray& payload)
     QByteArray bytes(4, '\0');
     qToLittleEndian<quint32>(quint32(payload.size()), bytes.data());
     return bytes + payload;
-}
-
-QString HostProcess::logPath() const
-{
-    return homeDir.path() + QStringLiteral("/.local/share/Corvant/Scriva/Logs/ScrivaPkcs11Log.txt");
 }
 
 void HostProcess::enableLog()
@@ -50,8 +43,8 @@ void HostProcess::enableLog()
 QStringList HostProcess::logLines() const
 {
     QFile file(logPath());
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts)
-                                          : QStringList();
+    file.open(QIODevice::ReadOnly);
+    return QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts);
 }
 
 bool HostProcess::start(const QStringList& arguments)
@@ -95,13 +88,11 @@ QJsonObject HostProcess::readAnswer(int timeoutMs)
     }
 }
 
-QJsonObject HostProcess::call(const QString& shortName, const QString& argument, const QString& id)
+QJsonObject HostProcess::call(const QString& shortName, const QString& argument)
 {
-    QJsonObject message{{QStringLiteral("method"), method(shortName)}};
-    if (!id.isEmpty())
-        message.insert(QStringLiteral("id"), id);
+    QJsonObject message{{"method", method(shortName)}};
     if (!argument.isNull())
-        message.insert(QStringLiteral("args"), QJsonArray{argument});
+        message.insert("args", QJsonArray{argument});
     send(message);
     return readAnswer();
 }

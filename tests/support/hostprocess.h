@@ -16,12 +16,12 @@ public:
     ~HostProcess();
 
     static QString executable();
-    static QString method(const QString& shortName) { return QStringLiteral("ScrivaPkcs11.1.0.0.qt.QES.") + shortName; }
+    static QString method(const QString& shortName) { return "ScrivaPkcs11.1.0.0.qt.QES." + shortName; }
     static QByteArray frame(const QByteArray& payload);
 
     // Creates the log file, so the host writes its log (call before start).
     void enableLog();
-    QString logPath() const;
+    QString logPath() const { return homeDir.path() + "/.local/share/Corvant/Scriva/Logs/ScrivaPkcs11Log.txt"; }
     QStringList logLines() const;
     bool logContains(const QString& text) const { return logLines().join(QLatin1Char('\n')).contains(text); }
     QProcessEnvironment& environment() { return env; }
@@ -34,8 +34,8 @@ public:
     void closeInput() { process.closeWriteChannel(); }
     // The next answer, or an empty object when none arrives within the timeout.
     QJsonObject readAnswer(int timeoutMs = 10000);
-    // A request built from a short method name, an optional argument and an optional id.
-    QJsonObject call(const QString& shortName, const QString& argument = QString(), const QString& id = QString());
+    // A request built from a short method name and an optional argument, and its answer.
+    QJsonObject call(const QString& shortName, const QString& argument = QString());
     bool waitForExit(int timeoutMs = 10000);
     int exitCode() const { return process.exitCode(); }
     QProcess::ExitStatus exitStatus() const { return process.exitStatus(); }

@@ -3,15 +3,16 @@
 #include "ui/pinformlauncher.h"
 #include "ui/titlebar.h"
 
+#include <QAbstractAnimation>
 #include <QApplication>
 #include <QCheckBox>
-#include <QFuture>
+#include <QDir>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
-#include <QSignalSpy>
 #include <QTest>
 #include <QTimer>
+#include <QToolButton>
 #include <QTranslator>
 #include <QtConcurrent>
 
@@ -49,21 +50,44 @@ struct Catalogue
     }
 };
 
+// The animations' clock, moved on by the test alone.
+struct ManualClock : QAnimationDriver
+{
+    qint64 now = 0;
+    qint64 elapsed() const override { return now; }
+    void step(int ms) { now += ms, advance(); }
+};
+
+// What the user sees, pixel for pixel, against tests/data/ui/<name>.png (written instead when
+// SCRIVA_WRITE_IMAGES is set; look at them before committing).
+void compareLook(QWidget* widget, const QString& name)
+{
+    const QImage seen = widget->grab().toImage().convertToFormat(QImage::Format_ARGB32);
+    const QString path = QStringLiteral(SCRIVA_TEST_DATA_DIR "/ui/%1.png").arg(name);
+    if (qEnvironmentVariableIsSet("SCRIVA_WRITE_IMAGES"))
+        QVERIFY(seen.save(path));
+    if (seen != QImage(path).convertToFormat(QImage::Format_ARGB32)) {
+        seen.save(QDir::temp().filePath(name + ".png"));
+        QFAIL(qPrintable("differs from " + path + ", seen: " + QDir::temp().filePath(name + ".png")));
+    }
+}
+
 // Answers the form that is open now, as a user would: type, then press a button. `field` receives
 // a string that shares the field's buffer, so the caller can see what was left in it.
-void answerForm(const QString& pin, const char* button, std::optional<bool> save = std::nullopt,
-                QString* fieldText = nullptr)
+void answerForm(const QString& pin, const char* button, bool save = false, QString* fieldText = nullptr)
 {
     PinForm* form = PinForm::openForm();
     QVERIFY(form);
     QTRY_VERIFY(form->isVisible());
     auto* field = form->findChild<QLineEdit*>(QStringLiteral("lePin"));
     QCOMPARE(field->echoMode(), QLineEdit::Password);
+    // Typing never moves the characters to a new buffer that would leave the old one behind.
+    const QChar* buffer = field->text().constData();
     QTest::keyClicks(field, pin);
+    QCOMPARE(field->text().constData(), buffer);
     if (fieldText)
         *fieldText = field->text();
-    if (save)
-        form->findChild<QCheckBox*>(QStringLiteral("chbSavePIN"))->setChecked(*save);
+    form->findChild<QCheckBox*>()->setChecked(save);
     QTest::mouseClick(form->findChild<QPushButton*>(button), Qt::LeftButton);
 }
 
@@ -89,79 +113,57 @@ QString text(const SecretPin& pin)
 
 } // namespace
 
-// The PIN form and its launcher: the real dialog, typed into, from the GUI thread and from a worker.
+// The host window, the PIN form and its launcher: the real widgets, looked at, dragged and typed
+// into, from the GUI thread and from a worker.
 class TestPinForm : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void requestOnTheGuiThreadShowsTheFormDirectly()
-    {
-        MainWindowPkcs11 window;
-        PinFormLauncher launcher;
-        QSignalSpy launched(&launcher, &PinFormLauncher::launchPinFormSignal);
-        QTimer::singleShot(0, this, [&] {
-            PinForm* form = PinForm::openForm();
-            QVERIFY(form);
-            QCOMPARE(form->parentWidget(), &window);
-            QCOMPARE(form->findChild<QLabel*>(QStringLiteral("tokenValue"))->text(), QStringLiteral("My token"));
-            QCOMPARE(form->findChild<QLabel*>(QStringLiteral("slotValue"))->text(), QStringLiteral("Reader 1"));
-            QVERIFY(form->findChild<QCheckBox*>(QStringLiteral("chbSavePIN"))->isHidden());
-            answerForm(QStringLiteral("1234"), "btnOk");
-        });
-        QCOMPARE(text(launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN"))), QStringLiteral("1234"));
-        QCOMPARE(launched.count(), 0);
-        QVERIFY(!PinForm::openForm());
-    }
+    void initTestCase() { QApplication::setCursorFlashTime(0); }
 
-    void workerWaitsForTheAnswerAndTheFieldIsOverwritten_data()
+    // A worker waits for the answer; the typed characters are overwritten in the field's own
+    // buffer, not in a copy. The context PIN's form shows the save box as asked and returns it.
+    void workerWaitsForTheAnswer_data()
     {
         QTest::addColumn<QString>("typed");
         QTest::addColumn<QByteArray>("button");
+        QTest::addColumn<bool>("context");
         QTest::addColumn<QString>("expected");
-        QTest::newRow("ok") << "s3cr3t-PIN" << QByteArray("btnOk") << "s3cr3t-PIN";
-        QTest::newRow("cancel") << "typed but cancelled" << QByteArray("btnCancel") << "";
-        QTest::newRow("ok with nothing typed") << "" << QByteArray("btnOk") << "";
+        QTest::newRow("ok") << "s3cr3t-PIN" << QByteArray("btnOk") << false << "s3cr3t-PIN";
+        QTest::newRow("cancel") << "typed but cancelled" << QByteArray("btnCancel") << false << "";
+        QTest::newRow("ok with nothing typed") << "" << QByteArray("btnOk") << false << "";
+        QTest::newRow("longer than a PIN can be") << QString(300, 'x') << QByteArray("btnOk") << false << QString(256, 'x');
+        QTest::newRow("context PIN, box unticked") << "9999" << QByteArray("btnOk") << true << "9999";
     }
 
-    void workerWaitsForTheAnswerAndTheFieldIsOverwritten()
+    void workerWaitsForTheAnswer()
     {
         QFETCH(QString, typed);
         QFETCH(QByteArray, button);
+        QFETCH(bool, context);
         QFETCH(QString, expected);
         PinFormLauncher launcher;
         QFuture<QString> pin;
         bool finishedEarly = true;
+        bool boxShown = false;
         QString field;
-        answerWhenOpen(this, [&](PinForm*) {
+        answerWhenOpen(this, [&](PinForm* form) {
             finishedEarly = pin.isFinished();
-            answerForm(typed, button.constData(), std::nullopt, &field);
+            boxShown = form->findChild<QCheckBox*>()->isVisible() && form->findChild<QCheckBox*>()->isChecked();
+            answerForm(typed, button.constData(), false, &field);
         });
-        pin = QtConcurrent::run([&] { return text(launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("PIN"))); });
+        bool savePin = true;
+        pin = QtConcurrent::run([&] {
+            return text(context ? launcher.requestContextPin(slotInfo(), tokenInfo(), QStringLiteral("PIN"), &savePin)
+                                : launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("PIN")));
+        });
         QTRY_VERIFY(pin.isFinished());
         QVERIFY(!finishedEarly);
         QCOMPARE(pin.result(), expected);
-        // The typed characters were overwritten in the field's own buffer, not in a copy.
-        QCOMPARE(field, QString(typed.size(), QChar(0)));
-    }
-
-    void contextFormCarriesTheSaveBoxBothWays()
-    {
-        PinFormLauncher launcher;
-        bool shownChecked = false;
-        answerWhenOpen(this, [&](PinForm* form) {
-            auto* save = form->findChild<QCheckBox*>(QStringLiteral("chbSavePIN"));
-            shownChecked = !save->isHidden() && save->isChecked();
-            answerForm(QStringLiteral("9999"), "btnOk", false);
-        });
-        bool savePin = true;
-        QFuture<QString> pin = QtConcurrent::run([&] {
-            return text(launcher.requestContextPin(slotInfo(), tokenInfo(), QStringLiteral("signature PIN"), &savePin));
-        });
-        QTRY_VERIFY(pin.isFinished());
-        QVERIFY(shownChecked);
-        QCOMPARE(pin.result(), QStringLiteral("9999"));
-        QVERIFY(!savePin);
+        QCOMPARE(field, QString(qMin(typed.size(), 256), QChar(0)));
+        QCOMPARE(boxShown, context);
+        QCOMPARE(savePin, !context);
     }
 
     void secondRequestWhileAFormIsOpenFailsInItsWorker()
@@ -183,7 +185,7 @@ private slots:
             QTRY_VERIFY(secondPin.isFinished());
             secondError = secondPin.result();
             // The title bar's close button cancels the open form.
-            emit form->findChild<TitleBar*>()->closeBtnClicked();
+            QTest::mouseClick(form->findChild<TitleBar*>()->findChild<QToolButton*>(), Qt::LeftButton);
         });
         QFuture<QString> firstPin =
             QtConcurrent::run([&] { return text(first.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN"))); });
@@ -234,7 +236,8 @@ private slots:
         QCOMPARE(text(launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN"))), QStringLiteral("4321"));
     }
 
-    // The keyboard alone answers the form: the PIN field has the focus when it opens, Enter is OK.
+    // On the GUI thread the form opens directly, over the host window; the keyboard alone answers
+    // it: the PIN field has the focus when it opens, Enter is OK.
     void keyboardAnswersTheForm_data()
     {
         QTest::addColumn<int>("key");
@@ -250,89 +253,99 @@ private slots:
         QFETCH(QString, expected);
         MainWindowPkcs11 window;
         window.show();
+        PinFormLauncher launcher;
         bool focused = false;
         answerWhenOpen(this, [&](PinForm* form) {
             auto* field = form->findChild<QLineEdit*>(QStringLiteral("lePin"));
-            focused = QTest::qWaitFor([&] { return QApplication::focusWidget() == field; });
+            focused = form->parentWidget() == &window && QTest::qWaitFor([&] { return QApplication::focusWidget() == field; });
             if (!focused)
                 return form->reject();
             QTest::keyClicks(QApplication::focusWidget(), QStringLiteral("2468"));
             QTest::keyClick(QApplication::focusWidget(), Qt::Key(key));
         });
-        QCOMPARE(text(PinForm::needPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN"))), expected);
+        QCOMPARE(text(launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN"))), expected);
         QVERIFY(focused);
+        QVERIFY(!PinForm::openForm());
     }
 
-    // The token's own count of wrong PINs is told, in the host's languages; other flags say nothing.
-    void warningFollowsTheTokenFlags_data()
-    {
-        QTest::addColumn<qulonglong>("flags");
-        QTest::addColumn<QString>("language");
-        QTest::addColumn<QString>("warning");
-        const QString countLow = "A wrong PIN has been entered since the last successful login.";
-        const QString finalTry = "This is the last try before the PIN is blocked.";
-        QTest::newRow("none") << qulonglong(0) << "en" << "";
-        QTest::newRow("other PIN flags") << qulonglong(CKF_USER_PIN_TO_BE_CHANGED | CKF_SO_PIN_FINAL_TRY | CKF_SO_PIN_COUNT_LOW)
-                                         << "en" << "";
-        QTest::newRow("count low") << qulonglong(CKF_USER_PIN_COUNT_LOW) << "en" << countLow;
-        QTest::newRow("final try") << qulonglong(CKF_USER_PIN_FINAL_TRY) << "en" << finalTry;
-        QTest::newRow("count low, Czech") << qulonglong(CKF_USER_PIN_COUNT_LOW) << "cs"
-                                          << "Od posledního úspěšného přihlášení byl zadán chybný PIN.";
-        QTest::newRow("final try wins, Czech") << qulonglong(CKF_USER_PIN_COUNT_LOW | CKF_USER_PIN_FINAL_TRY) << "cs"
-                                               << "Toto je poslední pokus před zablokováním PINu.";
-    }
-
-    void warningFollowsTheTokenFlags()
-    {
-        QFETCH(qulonglong, flags);
-        QFETCH(QString, language);
-        QFETCH(QString, warning);
-        Catalogue catalogue(language);
-        PinForm form(nullptr, slotInfo(), tokenInfo(CK_FLAGS(flags)), QStringLiteral("user PIN"), false);
-        form.show();
-        auto* label = form.findChild<QLabel*>(QStringLiteral("lblPinWarning"));
-        QVERIFY(label);
-        QCOMPARE(label->isVisible(), !warning.isEmpty());
-        if (!warning.isEmpty())
-            QCOMPARE(label->text(), warning);
-    }
-
-    // A native dialog's width at least; long names and a language switched while the form is open
-    // widen or lengthen it, and nothing is cut off.
-    void formShowsItsTextsWhole_data()
+    // The whole form as the user sees it: its texts whole, the warning of the token's own count of
+    // wrong PINs (other flags say nothing; the last try outweighs the earlier ones), the save box,
+    // the buttons' order and the title bar. Long names and a language switched while it is open
+    // widen or lengthen it.
+    void formLooks_data()
     {
         QTest::addColumn<QByteArray>("reader");
-        QTest::addColumn<QByteArray>("token");
-        QTest::addColumn<QString>("language");
-        QTest::newRow("short names") << QByteArray("Reader 1") << QByteArray("My token") << "en";
-        QTest::newRow("long names, Czech while open")
+        QTest::addColumn<qulonglong>("flags");
+        QTest::addColumn<QString>("switchedTo");
+        QTest::addColumn<QString>("warning");
+        QTest::newRow("pinform-plain") << QByteArray("Reader 1")
+                                       << qulonglong(CKF_USER_PIN_TO_BE_CHANGED | CKF_SO_PIN_FINAL_TRY | CKF_SO_PIN_COUNT_LOW)
+                                       << "" << "";
+        QTest::newRow("pinform-count-low") << QByteArray("Reader 1") << qulonglong(CKF_USER_PIN_COUNT_LOW) << ""
+                                           << "A wrong PIN has been entered since the last successful login.";
+        QTest::newRow("pinform-final-try-long-czech")
             << QByteArray("Alcor Micro USB Smart Card Reader with a very long vendor name 0")
-            << QByteArray("Podpisový token Jana Nováka") << "cs";
+            << qulonglong(CKF_USER_PIN_COUNT_LOW | CKF_USER_PIN_FINAL_TRY) << "cs" << "Toto je poslední pokus před zablokováním PINu.";
     }
 
-    void formShowsItsTextsWhole()
+    void formLooks()
     {
         QFETCH(QByteArray, reader);
-        QFETCH(QByteArray, token);
-        QFETCH(QString, language);
-        PinForm form(nullptr, slotInfo(reader), tokenInfo(CKF_USER_PIN_FINAL_TRY, token), QStringLiteral("user PIN"), true);
+        QFETCH(qulonglong, flags);
+        QFETCH(QString, switchedTo);
+        QFETCH(QString, warning);
+        Catalogue english("en");
+        PinForm form(nullptr, slotInfo(reader), tokenInfo(CK_FLAGS(flags), switchedTo.isEmpty() ? "My token" : "Podpisový token Jana Nováka"),
+                     QStringLiteral("user PIN"), flags & CKF_USER_PIN_FINAL_TRY);
         form.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&form));
-        Catalogue catalogue(language);
-        if (language == QLatin1String("cs"))
-            QTRY_COMPARE(form.findChild<QCheckBox*>()->text(), QStringLiteral("Pamatovat si PIN do konce operace"));
-        QVERIFY(form.width() >= 360);
-        for (QLabel* label : form.findChildren<QLabel*>()) {
-            if (!label->isVisible())
-                continue;
-            const QByteArray name = label->objectName().toUtf8();
-            if (label->wordWrap())
-                QTRY_VERIFY2(label->height() >= label->heightForWidth(label->width()), name);
-            else
-                QTRY_VERIFY2(label->width() >= label->sizeHint().width(), name);
-        }
-        for (QWidget* widget : {static_cast<QWidget*>(form.findChild<QCheckBox*>()), static_cast<QWidget*>(form.findChild<QLineEdit*>())})
-            QVERIFY(form.rect().contains(QRect(widget->mapTo(&form, QPoint()), widget->size())));
+        QVERIFY(QTest::qWaitForWindowActive(&form));
+        QTest::keyClicks(form.focusWidget(), QStringLiteral("12"));
+        std::optional<Catalogue> other;
+        if (!switchedTo.isEmpty())
+            other.emplace(switchedTo);
+        auto* label = form.findChild<QLabel*>(QStringLiteral("lblPinWarning"));
+        QTRY_COMPARE(label->isVisible() ? label->text() : QString(), warning);
+        QTRY_COMPARE(form.size(), form.sizeHint());
+        compareLook(&form, QTest::currentDataTag());
+    }
+
+    // The host window: titled, with the wait animation turning while it is shown and starting over
+    // when shown again; dragged by its title bar with the left button only, hidden by its close
+    // button.
+    void hostWindowLooksAndMoves()
+    {
+        ManualClock clock;
+        clock.install();
+        Catalogue english("en");
+        MainWindowPkcs11 window;
+        window.setDescription("GetSlotsDescription");
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        compareLook(&window, "window-start");
+        QTRY_VERIFY(clock.isRunning());
+        clock.step(6 * 1200 + 300);
+        compareLook(&window, "window-quarter-turn");
+        window.hide();
+        window.show();
+        compareLook(&window, "window-start");
+
+        TitleBar* bar = window.titleBar();
+        const QPoint start = window.pos();
+        const auto drag = [&](Qt::MouseButton button, QList<QPoint> path) {
+            QPoint mouse = bar->mapToGlobal(QPoint(30, 10));
+            QTest::mousePress(bar, button, {}, bar->mapFromGlobal(mouse));
+            for (const QPoint& step : path)
+                QTest::mouseMove(bar, bar->mapFromGlobal(mouse += step));
+            QTest::mouseRelease(bar, button, {}, bar->mapFromGlobal(mouse));
+            QTest::mouseMove(bar, bar->mapFromGlobal(mouse + QPoint(40, 40)));
+        };
+        drag(Qt::LeftButton, {QPoint(15, -4), QPoint(5, 5)});
+        QCOMPARE(window.pos(), start + QPoint(20, 1));
+        drag(Qt::RightButton, {QPoint(15, -4)});
+        QCOMPARE(window.pos(), start + QPoint(20, 1));
+
+        QTest::mouseClick(bar->findChild<QToolButton*>(), Qt::LeftButton);
+        QVERIFY(!window.isVisible());
     }
 };
 

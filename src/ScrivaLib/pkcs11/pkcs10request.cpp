@@ -5,6 +5,7 @@
 #include <openssl/asn1.h>
 #include <openssl/bio.h>
 #include <openssl/bn.h>
+#include <openssl/buffer.h>
 #include <openssl/core_names.h>
 #include <openssl/crypto.h>
 #include <openssl/objects.h>
@@ -16,18 +17,15 @@ namespace {
 
 void freeOpenSslBytes(unsigned char* bytes) { OPENSSL_free(bytes); }
 
-// DER of an ASN.1 object through its i2d function; empty on failure (no DER encoding is empty).
+// DER of an ASN.1 object through its i2d function, which allocates the buffer; empty on failure
+// (the buffer stays null then, and no DER encoding is empty).
 template<typename T, typename Encoder>
 QByteArray toDer(Encoder encode, T* object)
 {
-    const int length = encode(object, nullptr);
-    if (length <= 0)
-        return {};
-    QByteArray der(length, Qt::Uninitialized);
-    auto* out = reinterpret_cast<unsigned char*>(der.data());
-    if (encode(object, &out) != length)
-        return {};
-    return der;
+    unsigned char* der = nullptr;
+    const int length = encode(object, &der);
+    const Owned<unsigned char, freeOpenSslBytes> owner(der);
+    return QByteArray(reinterpret_cast<const char*>(der), length);
 }
 
 bool isHexText(const QString& text)
@@ -267,9 +265,7 @@ QByteArray Pkcs10Request::getPemEncodedRequest() const
         throw APP_EXCEPTION(QStringLiteral("Unable to allocate BIO structure"));
     if (!PEM_write_bio_X509_REQ(bio.get(), request.get()))
         throw APP_EXCEPTION(QStringLiteral("Unable to PEM encode X509_REQ structure"));
-    const auto written = BIO_number_written(bio.get());
-    QByteArray pem(static_cast<int>(written), Qt::Uninitialized);
-    if (BIO_read(bio.get(), pem.data(), pem.size()) != pem.size())
-        throw APP_EXCEPTION(QStringLiteral("Unable to read PEM encoded X509_REQ structure"));
-    return pem;
+    BUF_MEM* memory = nullptr;
+    BIO_get_mem_ptr(bio.get(), &memory);
+    return QByteArray(memory->data, static_cast<qsizetype>(memory->length));
 }

@@ -25,11 +25,11 @@ QRectF CircleAnimation::boundingRect() const
     return QRectF(0, 0, diameter, diameter);
 }
 
+// Drawn smooth by the window's view, which antialiases its items.
 void CircleAnimation::paint(QPainter* painter, const QStyleOptionGraphicsItem*, QWidget*)
 {
     const qreal width = diameter / 10;
     const QRectF arc = boundingRect().adjusted(width, width, -width, -width);
-    painter->setRenderHint(QPainter::Antialiasing);
     painter->setPen(QPen(QColor(220, 220, 220), width));
     painter->drawEllipse(arc);
     painter->setPen(QPen(QColor(0, 94, 170), width, Qt::SolidLine, Qt::RoundCap));
@@ -39,8 +39,8 @@ void CircleAnimation::paint(QPainter* painter, const QStyleOptionGraphicsItem*, 
 
 void CircleAnimation::start()
 {
-    if (animation.state() != QAbstractAnimation::Running)
-        animation.start();
+    // A running animation goes on where it is.
+    animation.start();
 }
 
 void CircleAnimation::stop()
@@ -48,9 +48,4 @@ void CircleAnimation::stop()
     animation.stop();
     // Every start begins at the start value; the hidden window is drawn that way when shown again.
     angle = animation.startValue().toInt();
-}
-
-bool CircleAnimation::isRunning() const
-{
-    return animation.state() == QAbstractAnimation::Running;
 }

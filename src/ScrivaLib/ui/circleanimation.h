@@ -16,7 +16,6 @@ public:
 
     void start();
     void stop();
-    bool isRunning() const;
 
 private:
     qreal diameter;

@@ -38,6 +38,9 @@ PinForm::PinForm(QWidget* parent, const Pkcs11SlotInfo& slotInfo, const Pkcs11To
     ui->titleBarLayout->addWidget(titleBar);
     // The title bar's close button rejects the form like Cancel.
     connect(titleBar, &TitleBar::closeBtnClicked, this, &QDialog::reject);
+    connect(ui->btnOk, &QPushButton::clicked, this, &QDialog::accept);
+    connect(ui->btnCancel, &QPushButton::clicked, this, &QDialog::reject);
+    connect(this, &PinForm::afterShow, this, &PinForm::fixedSize);
     ui->frame->setStyleSheet(QStringLiteral("#frame { border: 1px solid black; }"));
     // What the user checks before typing stands out: the request, the token and its reader.
     for (QLabel* label : {ui->lblPinTitle, ui->tokenValue, ui->slotValue}) {
@@ -87,9 +90,6 @@ void PinForm::setInfo(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tok
                                               : box.arg(QLatin1String("#fff4ce"), QLatin1String("#c19c00")));
     if (!ui->warningWidget->isHidden())
         qInfo().noquote() << (finalTry ? "The token warns: last PIN try" : "The token warns: a wrong PIN was entered");
-    connect(ui->btnOk, &QPushButton::clicked, this, &QDialog::accept, Qt::UniqueConnection);
-    connect(ui->btnCancel, &QPushButton::clicked, this, &QDialog::reject, Qt::UniqueConnection);
-    connect(this, &PinForm::afterShow, this, &PinForm::fixedSize, Qt::UniqueConnection);
 }
 
 void PinForm::on_btnOk_clicked()

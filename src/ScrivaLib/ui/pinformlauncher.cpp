@@ -16,11 +16,10 @@ PinFormLauncher* PinFormLauncher::forApplication()
 
 PinFormLauncher::PinFormLauncher(QObject* parent) : QObject(parent)
 {
-    connect(this, &PinFormLauncher::launchPinFormSignal, this, &PinFormLauncher::launchPinForm, Qt::QueuedConnection);
-    connect(this, &PinFormLauncher::launchContextPinFormSignal, this, &PinFormLauncher::launchContextPinForm,
-            Qt::QueuedConnection);
-    connect(this, &PinFormLauncher::launchPinIncorrectSignal, this, &PinFormLauncher::launchPinIncorrect,
-            Qt::QueuedConnection);
+    // Whatever the signal, the GUI thread serves the request waiting then.
+    for (auto signal : {&PinFormLauncher::launchPinFormSignal, &PinFormLauncher::launchContextPinFormSignal,
+                        &PinFormLauncher::launchPinIncorrectSignal})
+        connect(this, signal, this, &PinFormLauncher::serve, Qt::QueuedConnection);
 }
 
 PinFormLauncher::~PinFormLauncher() = default;
@@ -28,18 +27,18 @@ PinFormLauncher::~PinFormLauncher() = default;
 SecretPin PinFormLauncher::requestPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo,
                                       const QString& pinName)
 {
-    return ask(Request{Kind::Pin, slotInfo, tokenInfo, pinName, QString(), false}, nullptr);
+    return ask(Request{Kind::Pin, slotInfo, tokenInfo, pinName, QString()}, nullptr);
 }
 
 SecretPin PinFormLauncher::requestContextPin(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tokenInfo,
                                              const QString& pinName, bool* savePin)
 {
-    return ask(Request{Kind::ContextPin, slotInfo, tokenInfo, pinName, QString(), savePin && *savePin}, savePin);
+    return ask(Request{Kind::ContextPin, slotInfo, tokenInfo, pinName, QString()}, savePin);
 }
 
 void PinFormLauncher::showPinIncorrect(const QString& title, const QString& text)
 {
-    ask(Request{Kind::PinIncorrect, Pkcs11SlotInfo(), Pkcs11TokenInfo(), text, title, false}, nullptr);
+    ask(Request{Kind::PinIncorrect, Pkcs11SlotInfo(), Pkcs11TokenInfo(), text, title}, nullptr);
 }
 
 SecretPin PinFormLauncher::ask(Request request, bool* savePin)
@@ -56,6 +55,7 @@ SecretPin PinFormLauncher::ask(Request request, bool* savePin)
     if (closed)
         return SecretPin();
     pending = std::move(request);
+    savePinResult = savePin && *savePin; // what the form shows first
     ++serial;
     done = false;
     failure.reset();
@@ -102,35 +102,21 @@ SecretPin PinFormLauncher::show(const Request& request, bool* savePin, QPointer<
     return SecretPin();
 }
 
-void PinFormLauncher::launchPinForm()
-{
-    serve(Kind::Pin);
-}
-
-void PinFormLauncher::launchContextPinForm()
-{
-    serve(Kind::ContextPin);
-}
-
-void PinFormLauncher::launchPinIncorrect()
-{
-    serve(Kind::PinIncorrect);
-}
-
-void PinFormLauncher::serve(Kind kind)
+void PinFormLauncher::serve()
 {
     std::optional<Request> request;
     quint64 served = 0;
+    bool save = false;
     {
         QMutexLocker locker(&mutex);
         // Withdrawn, answered already, or closed: nothing to show.
-        if (closed || !pending || pending->kind != kind)
+        if (closed || !pending)
             return;
         request.swap(pending);
         served = serial;
+        save = savePinResult;
     }
     SecretPin pin;
-    bool save = request->savePin;
     std::optional<AppException> error;
     try {
         pin = show(*request, &save, &openBox);
@@ -157,15 +143,12 @@ void PinFormLauncher::closeDialogs()
         answered.wakeAll();
     }
     // The widgets are closed on the GUI thread; their modal loops return and nothing is kept.
-    QMetaObject::invokeMethod(
-        this,
-        [this] {
-            if (PinForm* form = PinForm::openForm())
-                form->reject();
-            if (openBox)
-                openBox->done(QMessageBox::Ok);
-        },
-        QThread::currentThread() == thread() ? Qt::DirectConnection : Qt::QueuedConnection);
+    QMetaObject::invokeMethod(this, [this] {
+        if (PinForm* form = PinForm::openForm())
+            form->reject();
+        if (openBox)
+            openBox->done(QMessageBox::Ok);
+    });
 }
 
 bool PinFormLauncher::isClosed() const
@@ -176,11 +159,7 @@ bool PinFormLauncher::isClosed() const
 
 void PinFormLauncher::reopen()
 {
+    // Each request resets the wait it needs (serial, answer, failure) when it is made.
     QMutexLocker locker(&mutex);
     closed = false;
-    done = false;
-    ++serial;
-    pending.reset();
-    failure.reset();
-    result = SecretPin();
 }

@@ -43,11 +43,6 @@ signals:
     void launchContextPinFormSignal();
     void launchPinIncorrectSignal();
 
-public slots:
-    void launchPinForm();
-    void launchContextPinForm();
-    void launchPinIncorrect();
-
 private:
     enum class Kind { Pin, ContextPin, PinIncorrect };
     struct Request
@@ -57,14 +52,13 @@ private:
         Pkcs11TokenInfo tokenInfo;
         QString text;
         QString title;
-        bool savePin = false;
     };
 
     // Runs the request on the calling thread, or hands it to the GUI thread and waits.
     SecretPin ask(Request request, bool* savePin);
     static SecretPin show(const Request& request, bool* savePin, QPointer<QMessageBox>* openBox);
     // The GUI thread's side: takes the waiting request, if it is still wanted, and answers it.
-    void serve(Kind kind);
+    void serve();
 
     mutable QMutex mutex;
     QWaitCondition answered;

@@ -6,10 +6,6 @@
 TitleBar::TitleBar(QWidget* parent)
     : QWidget(parent), titleLabel(new QLabel(this)), closeButton(new QToolButton(this))
 {
-    setObjectName(QStringLiteral("titleBar"));
-    setMouseTracking(true);
-    titleLabel->setObjectName(QStringLiteral("lblTitle"));
-    closeButton->setObjectName(QStringLiteral("btnClose"));
     closeButton->setText(QStringLiteral("\u2715"));
     closeButton->setAutoRaise(true);
     // As in a system title bar: the close button is for the mouse, the keyboard has Escape.
@@ -24,7 +20,7 @@ TitleBar::TitleBar(QWidget* parent)
     setAutoFillBackground(true);
     auto* layout = new QHBoxLayout(this);
     layout->setContentsMargins(12, 4, 4, 4);
-    layout->addWidget(titleLabel, 1);
+    layout->addWidget(titleLabel);
     layout->addWidget(closeButton);
     connect(closeButton, &QToolButton::clicked, this, &TitleBar::closeBtnClicked);
 }
@@ -39,13 +35,13 @@ QString TitleBar::title() const
     return titleLabel->text();
 }
 
+// The bar takes the mouse's presses for itself: only a drag with the left button moves the window.
 void TitleBar::mousePressEvent(QMouseEvent* event)
 {
     if (event->button() == Qt::LeftButton) {
         dragging = true;
         dragOrigin = event->globalPosition().toPoint();
     }
-    QWidget::mousePressEvent(event);
 }
 
 void TitleBar::mouseMoveEvent(QMouseEvent* event)
@@ -56,11 +52,9 @@ void TitleBar::mouseMoveEvent(QMouseEvent* event)
         dragOrigin = now;
         emit moveVectorEvent(QVector2D(float(delta.x()), float(delta.y())));
     }
-    QWidget::mouseMoveEvent(event);
 }
 
-void TitleBar::mouseReleaseEvent(QMouseEvent* event)
+void TitleBar::mouseReleaseEvent(QMouseEvent*)
 {
     dragging = false;
-    QWidget::mouseReleaseEvent(event);
 }

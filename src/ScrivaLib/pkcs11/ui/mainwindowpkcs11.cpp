@@ -6,19 +6,7 @@
 #include "x509certificate2ultra.h"
 
 #include <QEvent>
-#include <QFile>
 #include <QGraphicsScene>
-#include <QScreen>
-
-namespace {
-
-QString shadedStyleSheet()
-{
-    QFile file(QStringLiteral(":/Themes/LightTheme/style.qss"));
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
-}
-
-} // namespace
 
 MainWindowPkcs11::MainWindowPkcs11(QWidget* parent)
     : QMainWindow(parent, Qt::Window | Qt::FramelessWindowHint),
@@ -39,7 +27,7 @@ MainWindowPkcs11::MainWindowPkcs11(QWidget* parent)
     pkcs11FileDialog->setOption(QFileDialog::DontUseNativeDialog, true);
 
     setUpTitleBar();
-    setPlainStyleSheet();
+    ui->frame->setStyleSheet(QStringLiteral("#frame { border: 1px solid black; }"));
     setFixedSize(sizeHint().expandedTo(QSize(420, 160)));
 
     connect(pkcs11FileDialog, &QFileDialog::fileSelected, this, &MainWindowPkcs11::userDefinedPathAcquired);
@@ -58,7 +46,6 @@ void MainWindowPkcs11::setUpTitleBar()
     setAttribute(Qt::WA_TranslucentBackground);
     ui->mainWindowWidget->setAttribute(Qt::WA_TranslucentBackground, false);
     ui->mainWindowWidget->setAutoFillBackground(true);
-    ui->mainWindowWidget->setMouseTracking(true);
     titleBarWidget = new TitleBar(ui->mainWindowWidget);
     ui->titleBarLayout->addWidget(titleBarWidget);
     connect(titleBarWidget, &TitleBar::moveVectorEvent, this, &MainWindowPkcs11::dragTitleBar);
@@ -105,28 +92,9 @@ void MainWindowPkcs11::showFileDialog()
     pkcs11FileDialog->open();
 }
 
-void MainWindowPkcs11::setPlainStyleSheet()
-{
-    ui->frame->setStyleSheet(QStringLiteral("#frame { border: 1px solid black; }"));
-    applyGeometry();
-}
-
-void MainWindowPkcs11::setShadedStyleSheet()
-{
-    ui->frame->setStyleSheet(shadedStyleSheet());
-    applyGeometry();
-}
-
-void MainWindowPkcs11::applyGeometry()
-{
-    if (normalGeometry.isValid())
-        setGeometry(normalGeometry);
-}
-
 void MainWindowPkcs11::dragTitleBar(QVector2D vector)
 {
     move(pos() + vector.toPoint());
-    normalGeometry = geometry();
 }
 
 void MainWindowPkcs11::changeEvent(QEvent* event)

@@ -2,7 +2,6 @@
 
 #include <QFileDialog>
 #include <QMainWindow>
-#include <QRect>
 #include <QVector2D>
 
 class TitleBar;
@@ -27,8 +26,6 @@ public:
     // Shows the translation of an operation's description key ("GetSlotsDescription", ...).
     void setDescription(const QString& descriptionKey);
     void showFileDialog();
-    void setPlainStyleSheet();
-    void setShadedStyleSheet();
 
     QString titleText() const;
     QString descriptionText() const;
@@ -51,13 +48,11 @@ protected:
 private:
     void setUpTitleBar();
     void applyTitle();
-    void applyGeometry();
 
     Ui::MainWindowPkcs11* ui;
     QFileDialog* pkcs11FileDialog;
     CircleAnimation* animation = nullptr;
     TitleBar* titleBarWidget = nullptr;
-    QRect normalGeometry;
     QString commonName;
     QString descriptionKey;
 };
