@@ -343,6 +343,9 @@ private slots:
         QCOMPARE(window.pos(), start + QPoint(20, 1));
         drag(Qt::RightButton, {QPoint(15, -4)});
         QCOMPARE(window.pos(), start + QPoint(20, 1));
+        window.setShadedStyleSheet();
+        compareLook(&window, "window-shaded");
+        QCOMPARE(window.pos(), start + QPoint(20, 1));
 
         QTest::mouseClick(bar->findChild<QToolButton*>(), Qt::LeftButton);
         QVERIFY(!window.isVisible());

@@ -6,6 +6,7 @@
 TitleBar::TitleBar(QWidget* parent)
     : QWidget(parent), titleLabel(new QLabel(this)), closeButton(new QToolButton(this))
 {
+    setMouseTracking(true);
     closeButton->setText(QStringLiteral("\u2715"));
     closeButton->setAutoRaise(true);
     // As in a system title bar: the close button is for the mouse, the keyboard has Escape.

@@ -6,6 +6,7 @@
 #include "x509certificate2ultra.h"
 
 #include <QEvent>
+#include <QFile>
 #include <QGraphicsScene>
 
 MainWindowPkcs11::MainWindowPkcs11(QWidget* parent)
@@ -27,7 +28,7 @@ MainWindowPkcs11::MainWindowPkcs11(QWidget* parent)
     pkcs11FileDialog->setOption(QFileDialog::DontUseNativeDialog, true);
 
     setUpTitleBar();
-    ui->frame->setStyleSheet(QStringLiteral("#frame { border: 1px solid black; }"));
+    setPlainStyleSheet();
     setFixedSize(sizeHint().expandedTo(QSize(420, 160)));
 
     connect(pkcs11FileDialog, &QFileDialog::fileSelected, this, &MainWindowPkcs11::userDefinedPathAcquired);
@@ -46,6 +47,7 @@ void MainWindowPkcs11::setUpTitleBar()
     setAttribute(Qt::WA_TranslucentBackground);
     ui->mainWindowWidget->setAttribute(Qt::WA_TranslucentBackground, false);
     ui->mainWindowWidget->setAutoFillBackground(true);
+    ui->mainWindowWidget->setMouseTracking(true);
     titleBarWidget = new TitleBar(ui->mainWindowWidget);
     ui->titleBarLayout->addWidget(titleBarWidget);
     connect(titleBarWidget, &TitleBar::moveVectorEvent, this, &MainWindowPkcs11::dragTitleBar);
@@ -92,9 +94,30 @@ void MainWindowPkcs11::showFileDialog()
     pkcs11FileDialog->open();
 }
 
+void MainWindowPkcs11::setPlainStyleSheet()
+{
+    ui->frame->setStyleSheet(QStringLiteral("#frame { border: 1px solid black; }"));
+    applyGeometry();
+}
+
+void MainWindowPkcs11::setShadedStyleSheet()
+{
+    QFile theme(QStringLiteral(":/Themes/LightTheme/style.qss"));
+    ui->frame->setStyleSheet(theme.open(QIODevice::ReadOnly) ? QString::fromUtf8(theme.readAll()) : QString());
+    applyGeometry();
+}
+
+// A new style sheet lays the window out again; it stays where the user dragged it.
+void MainWindowPkcs11::applyGeometry()
+{
+    if (normalGeometry.isValid())
+        setGeometry(normalGeometry);
+}
+
 void MainWindowPkcs11::dragTitleBar(QVector2D vector)
 {
     move(pos() + vector.toPoint());
+    normalGeometry = geometry();
 }
 
 void MainWindowPkcs11::changeEvent(QEvent* event)

@@ -2,6 +2,7 @@
 
 #include <QFileDialog>
 #include <QMainWindow>
+#include <QRect>
 #include <QVector2D>
 
 class TitleBar;
@@ -26,6 +27,8 @@ public:
     // Shows the translation of an operation's description key ("GetSlotsDescription", ...).
     void setDescription(const QString& descriptionKey);
     void showFileDialog();
+    void setPlainStyleSheet();
+    void setShadedStyleSheet();
 
     QString titleText() const;
     QString descriptionText() const;
@@ -48,11 +51,13 @@ protected:
 private:
     void setUpTitleBar();
     void applyTitle();
+    void applyGeometry();
 
     Ui::MainWindowPkcs11* ui;
     QFileDialog* pkcs11FileDialog;
     CircleAnimation* animation = nullptr;
     TitleBar* titleBarWidget = nullptr;
+    QRect normalGeometry;
     QString commonName;
     QString descriptionKey;
 };
