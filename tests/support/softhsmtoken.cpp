@@ -5,12 +5,6 @@
 #include <QProcess>
 #include <QRegularExpression>
 
-namespace {
-
-constexpr const char* configVariable = "SOFTHSM2_CONF";
-
-} // namespace
-
 SoftHsmToken::SoftHsmToken()
 {
     QFile config(configPath());
@@ -20,25 +14,14 @@ SoftHsmToken::SoftHsmToken()
     }
     config.write("directories.tokendir = " + QFile::encodeName(dir.path()) + "/tokens\nobjectstore.backend = file\n"
                  "log.level = ERROR\n");
-    config.close();
-    hadPreviousConfig = qEnvironmentVariableIsSet(configVariable);
-    previousConfig = qgetenv(configVariable);
-    qputenv(configVariable, QFile::encodeName(configPath()));
+    qputenv("SOFTHSM2_CONF", QFile::encodeName(configPath()));
     valid = true;
-}
-
-SoftHsmToken::~SoftHsmToken()
-{
-    if (valid && hadPreviousConfig)
-        qputenv(configVariable, previousConfig);
-    else if (valid)
-        qunsetenv(configVariable);
 }
 
 QProcessEnvironment SoftHsmToken::environment() const
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QString::fromLatin1(configVariable), configPath());
+    environment.insert(QStringLiteral("SOFTHSM2_CONF"), configPath());
     return environment;
 }
 
@@ -76,19 +59,14 @@ QString SoftHsmToken::find(const QString& label, int group) const
 
 bool SoftHsmToken::initToken(const QString& label, const QString& soPin, const QString& userPin)
 {
-    return run(QStringLiteral("softhsm2-util"), {QStringLiteral("--init-token"), QStringLiteral("--free"),
-                                                 QStringLiteral("--label"), label, QStringLiteral("--so-pin"), soPin,
-                                                 QStringLiteral("--pin"), userPin});
+    return run("softhsm2-util", {"--init-token", "--free", "--label", label, "--so-pin", soPin, "--pin", userPin});
 }
 
 bool SoftHsmToken::generateRsaKeyPair(const QString& label, const QString& userPin, const QString& idHex,
                                       const QString& objectLabel)
 {
-    return run(QStringLiteral("pkcs11-tool"),
-               {QStringLiteral("--module"), softHsmModulePath(), QStringLiteral("--token-label"), label,
-                QStringLiteral("--login"), QStringLiteral("--pin"), userPin, QStringLiteral("--keypairgen"),
-                QStringLiteral("--key-type"), QStringLiteral("rsa:2048"), QStringLiteral("--id"), idHex,
-                QStringLiteral("--label"), objectLabel});
+    return run("pkcs11-tool", {"--module", softHsmModulePath(), "--token-label", label, "--login", "--pin", userPin,
+                               "--keypairgen", "--key-type", "rsa:2048", "--id", idHex, "--label", objectLabel});
 }
 
 QString SoftHsmToken::softHsmModulePath()
@@ -100,7 +78,5 @@ QString SoftHsmToken::softHsmModulePath()
 QString SoftHsmToken::testModulePath()
 {
     const QString overridden = qEnvironmentVariable("SCRIVA_TEST_P11_MODULE");
-    if (!overridden.isEmpty())
-        return overridden;
-    return QDir::cleanPath(QStringLiteral(SCRIVA_BIN_DIR "/../tests/p11module/scriva-test-p11.so"));
+    return overridden.isEmpty() ? QDir::cleanPath(SCRIVA_BIN_DIR "/../tests/p11module/scriva-test-p11.so") : overridden;
 }

@@ -1,21 +1,18 @@
 #pragma once
 
-#include <QByteArray>
 #include <QProcessEnvironment>
 #include <QString>
 #include <QTemporaryDir>
 
 // A private SoftHSM token store for one test: a temporary directory with its own softhsm2.conf,
-// named in SOFTHSM2_CONF for this process while the object lives (create it before SoftHSM is
-// loaded or initialised). Tokens are made with softhsm2-util and given keys with pkcs11-tool. SoftHSM
-// chooses serial numbers and slot ids itself; serialNumber() and slotId() read them back by label.
+// named in SOFTHSM2_CONF for this process from then on, even after the store is gone, so SoftHSM
+// never falls back to the system's tokens (create it before SoftHSM is initialised). Tokens are
+// made with softhsm2-util, keys with pkcs11-tool; serialNumber() and slotId() read back by label
+// what SoftHSM chose.
 class SoftHsmToken
 {
 public:
     SoftHsmToken();
-    ~SoftHsmToken();
-    SoftHsmToken(const SoftHsmToken&) = delete;
-    SoftHsmToken& operator=(const SoftHsmToken&) = delete;
 
     bool isValid() const { return valid; }
     // What the last failing step reported (the tool's output).
@@ -31,10 +28,8 @@ public:
     QString serialNumber(const QString& label) const { return find(label, 2); }
     // The slot id of the token, or -1 when no token has the label.
     long slotId(const QString& label) const { return find(label, 1).isEmpty() ? -1 : find(label, 1).toLong(); }
-
     // Generates a 2048-bit RSA key pair on the token.
-    bool generateRsaKeyPair(const QString& label, const QString& userPin, const QString& idHex,
-                            const QString& objectLabel);
+    bool generateRsaKeyPair(const QString& label, const QString& userPin, const QString& idHex, const QString& objectLabel);
 
     // SoftHSM's module (SCRIVA_SOFTHSM_MODULE overrides the Debian location).
     static QString softHsmModulePath();
@@ -47,8 +42,6 @@ private:
     QString find(const QString& label, int group) const;
 
     QTemporaryDir dir;
-    QByteArray previousConfig;
-    bool hadPreviousConfig = false;
     bool valid = false;
     mutable QString error;
 };
