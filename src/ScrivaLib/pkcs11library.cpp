@@ -466,13 +466,13 @@ QList<unsigned long> Pkcs11Library::findObjects(CK_SESSION_HANDLE session, CK_AT
     constexpr CK_ULONG batchSize = 8;
     CK_OBJECT_HANDLE batch[batchSize];
     QList<unsigned long> handles;
-    CK_ULONG found = 0;
-    do {
+    // A full batch may have more behind it; each call is asked with a count of 0.
+    for (CK_ULONG found = batchSize; found == batchSize;) {
         found = 0;
         PKCS11_CHECK("C_FindObjects", functions->C_FindObjects(session, batch, batchSize, &found));
         for (CK_ULONG i = 0; i < found && i < batchSize; ++i)
             handles.append(batch[i]);
-    } while (found == batchSize);
+    }
     PKCS11_CHECK("C_FindObjectsFinal", functions->C_FindObjectsFinal(session));
     return handles;
 }

@@ -10,7 +10,7 @@
 namespace {
 
 // A module that answers every traced call from fixed values, so the whole trace can be compared.
-CK_RV ok(...) { return CKR_OK; }
+constexpr auto ok = [](auto...) -> CK_RV { return CKR_OK; };
 template<typename T>
 CK_RV fill(T* out, const T& value)
 {
@@ -22,8 +22,9 @@ CK_FUNCTION_LIST stubList()
 {
     CK_FUNCTION_LIST list;
     std::memset(&list, 0, sizeof(list));
-    list.C_Initialize = [](CK_VOID_PTR) { return ok(); };
-    list.C_Finalize = [](CK_VOID_PTR) -> CK_RV { return 0x80000001UL; };
+    list.C_Initialize = ok, list.C_Login = ok, list.C_FindObjectsInit = ok, list.C_FindObjectsFinal = ok;
+    list.C_DigestInit = ok, list.C_SignInit = ok;
+    list.C_Finalize = [](auto) -> CK_RV { return 0x80000001UL; };
     list.C_GetSlotList = [](CK_BBOOL, CK_SLOT_ID_PTR ids, CK_ULONG_PTR count) {
         if (ids)
             ids[0] = 7, ids[1] = 9;
@@ -48,41 +49,29 @@ CK_FUNCTION_LIST stubList()
         info->ulTotalPrivateMemory = 9, info->ulFreePrivateMemory = 10, info->hardwareVersion = CK_VERSION{11, 12};
         return ok();
     };
-    list.C_OpenSession = [](CK_SLOT_ID, CK_FLAGS, CK_VOID_PTR, CK_NOTIFY, CK_SESSION_HANDLE_PTR session) {
-        return fill(session, CK_SESSION_HANDLE(5));
-    };
-    list.C_CloseSession = [](CK_SESSION_HANDLE) -> CK_RV { return CKR_SESSION_HANDLE_INVALID; };
+    list.C_OpenSession = [](auto, auto, auto, auto, CK_SESSION_HANDLE_PTR session) { return fill(session, 5UL); };
+    list.C_CloseSession = [](auto) -> CK_RV { return CKR_SESSION_HANDLE_INVALID; };
     list.C_GetSessionInfo = [](CK_SESSION_HANDLE, CK_SESSION_INFO_PTR info) {
         return fill(info, CK_SESSION_INFO{7, CKS_RW_USER_FUNCTIONS, CKF_SERIAL_SESSION, 99});
     };
-    list.C_Login = [](CK_SESSION_HANDLE, CK_USER_TYPE, CK_UTF8CHAR_PTR, CK_ULONG) { return ok(); };
-    list.C_Logout = [](CK_SESSION_HANDLE) -> CK_RV { return CKR_VENDOR_DEFINED; };
-    list.C_CreateObject = [](CK_SESSION_HANDLE, CK_ATTRIBUTE_PTR, CK_ULONG, CK_OBJECT_HANDLE_PTR object) {
-        return fill(object, CK_OBJECT_HANDLE(21));
-    };
+    list.C_Logout = [](auto) -> CK_RV { return CKR_VENDOR_DEFINED; };
+    list.C_CreateObject = [](auto, auto, auto, CK_OBJECT_HANDLE_PTR object) { return fill(object, 21UL); };
     list.C_GetAttributeValue = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE, CK_ATTRIBUTE_PTR attributes, CK_ULONG) -> CK_RV {
         attributes[2].ulValueLen = CK_UNAVAILABLE_INFORMATION; // refused, the others left as they came
         return CKR_ATTRIBUTE_SENSITIVE;
     };
-    list.C_FindObjectsInit = [](CK_SESSION_HANDLE, CK_ATTRIBUTE_PTR, CK_ULONG) { return ok(); };
     list.C_FindObjects = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE_PTR objects, CK_ULONG, CK_ULONG_PTR count) {
         objects[0] = 31, objects[1] = 32;
-        return fill(count, CK_ULONG(2));
+        return fill(count, 2UL);
     };
-    list.C_FindObjectsFinal = [](CK_SESSION_HANDLE) { return ok(); };
-    list.C_DigestInit = [](CK_SESSION_HANDLE, CK_MECHANISM_PTR) { return ok(); };
-    list.C_Digest = [](CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR digest, CK_ULONG_PTR length) {
+    list.C_Digest = [](auto, auto, auto, CK_BYTE_PTR digest, CK_ULONG_PTR length) {
         digest[0] = 0xAB, digest[1] = 0x01;
-        return fill(length, CK_ULONG(2));
+        return fill(length, 2UL);
     };
-    list.C_SignInit = [](CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE) { return ok(); };
-    list.C_Sign = [](CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) -> CK_RV {
-        return CKR_BUFFER_TOO_SMALL;
-    };
-    list.C_GenerateKeyPair = [](CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_ATTRIBUTE_PTR, CK_ULONG, CK_ATTRIBUTE_PTR, CK_ULONG,
-                                CK_OBJECT_HANDLE_PTR publicKey, CK_OBJECT_HANDLE_PTR privateKey) {
+    list.C_Sign = [](auto...) -> CK_RV { return CKR_BUFFER_TOO_SMALL; };
+    list.C_GenerateKeyPair = [](auto, auto, auto, auto, auto, auto, CK_OBJECT_HANDLE_PTR publicKey, CK_OBJECT_HANDLE_PTR privateKey) {
         *publicKey = 11;
-        return fill(privateKey, CK_OBJECT_HANDLE(12));
+        return fill(privateKey, 12UL);
     };
     return list;
 }
@@ -192,18 +181,14 @@ private slots:
         QVERIFY(!log.contains(pin) && !log.toUpper().contains(pin.toHex().toUpper()));
     }
 
+    // Values between and beyond the tables' entries, and one value with two names.
     void namesValuesByTheStandardsTables()
     {
-        QCOMPARE(Pkcs11Names::returnValueName(0x80000000UL), "CKR_VENDOR_DEFINED");
         QCOMPARE(Pkcs11Names::returnValueName(0x4), "Unknown");
-        QCOMPARE(Pkcs11Names::returnValueName(0x200), "CKR_FUNCTION_REJECTED");
-        QCOMPARE(Pkcs11Names::mechanismName(CKM_RSA_PKCS_KEY_PAIR_GEN), "CKM_RSA_PKCS_KEY_PAIR_GEN");
         QCOMPARE(Pkcs11Names::mechanismName(0x80000001UL), "Unknown");
         QCOMPARE(Pkcs11Names::attributeTypeName(CKA_SUB_PRIME_BITS), "CKA_SUBPRIME_BITS or CKA_SUB_PRIME_BITS");
         QCOMPARE(Pkcs11Names::attributeTypeName(0x7FFFFFFFUL), "Unknown");
-        QCOMPARE(Pkcs11Names::userTypeName(CKU_SO), "CKU_SO");
         QCOMPARE(Pkcs11Names::userTypeName(3), "Unknown");
-        QCOMPARE(Pkcs11Names::sessionStateName(CKS_RO_PUBLIC_SESSION), "CKS_RO_PUBLIC_SESSION");
         QCOMPARE(Pkcs11Names::sessionStateName(5), "Unknown");
     }
 };
