@@ -55,8 +55,8 @@ private:
         const QStringList step = (expected ? steps.takeFirst() : QStringLiteral("cancel")).split(QLatin1Char(':'));
         shown.append(QLatin1String(expected ? "" : "unexpected ") + what);
         if (save)
-            *save = step.value(2) == QLatin1String("save");
-        return step.first() == QLatin1String("pin") ? SecretPin::fromText(step.value(1)) : SecretPin();
+            *save = step.value(2) == "save";
+        return step.first() == "pin" ? SecretPin::fromText(step.value(1)) : SecretPin();
     }
 
     QStringList steps;
@@ -65,12 +65,11 @@ private:
 };
 
 // What an engine call on a worker thread ended with: the exception's message and its cause's (empty
-// on success), a Pkcs11Exception's return value, and what the call returned.
+// on success), and what the call returned.
 struct Outcome
 {
     QString error;
     QString cause;
-    CK_RV rv = CKR_OK;
     QString document;
 };
 
@@ -79,11 +78,9 @@ inline Outcome runOnWorker(std::function<QString()> call)
 {
     return QtConcurrent::run([call] {
                try {
-                   return Outcome{{}, {}, CKR_OK, call()};
+                   return Outcome{{}, {}, call()};
                } catch (const AppException& e) {
-                   const auto* pkcs11 = dynamic_cast<const Pkcs11Exception*>(&e);
-                   return Outcome{e.getMessage(), e.getCause() ? e.getCause()->getMessage() : QString(),
-                                  pkcs11 ? pkcs11->getRv() : CKR_OK, {}};
+                   return Outcome{e.getMessage(), e.getCause() ? e.getCause()->getMessage() : QString(), {}};
                }
            })
         .result();

@@ -124,7 +124,6 @@ private slots:
         });
         qunsetenv("SCRIVA_TEST_P11_TARGET");
         QCOMPARE(outcome.error, error);
-        QCOMPARE(outcome.rv, error.startsWith("PKCS#11") ? CKR_CRYPTOKI_ALREADY_INITIALIZED : CKR_OK);
         QVERIFY2(QRegularExpression(cause).match(outcome.cause).hasMatch(), qPrintable(outcome.cause));
         QCOMPARE(TraceSwitch::trace().filter(QRegularExpression("^(  Flags|C_Initialize ret|C_Finalize ret)")), trace);
     }

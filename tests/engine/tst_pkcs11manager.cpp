@@ -23,10 +23,7 @@ const QString platformExtensions = QStringLiteral("<VendorExtensions>Monet+ ProI
 // One attribute of a request: "Bool", "UnsignedLong", "String" or "ByteArray" (hex value).
 QString attribute(const char* kind, CK_ATTRIBUTE_TYPE type, const QString& value)
 {
-    return QStringLiteral("<%1Attribute><Attribute>%2</Attribute><Value>%3</Value></%1Attribute>")
-        .arg(QLatin1String(kind))
-        .arg(type)
-        .arg(value);
+    return QString("<%1Attribute><Attribute>%2</Attribute><Value>%3</Value></%1Attribute>").arg(kind).arg(type).arg(value);
 }
 
 // Replaces the sample request's object attributes.
@@ -118,12 +115,14 @@ class TestPkcs11Manager : public QObject
                  nonce, SoftHsmToken::testModulePath(), operation, content);
     }
 
-    QString openssl(const QStringList& arguments)
+    QString openssl(const QStringList& arguments, const QByteArray& input = {})
     {
         QProcess process;
         process.setWorkingDirectory(work.path());
         process.setProcessChannelMode(QProcess::MergedChannels);
         process.start("openssl", arguments);
+        process.write(input);
+        process.closeWriteChannel();
         const bool ok = process.waitForFinished(60000) && process.exitCode() == 0;
         return ok ? QString::fromLocal8Bit(process.readAll()) : "failed: " + process.readAll();
     }
@@ -160,10 +159,8 @@ private slots:
     {
         QFETCH(QStringList, locations);
         QFETCH(QString, chosen);
-        for (const char* name : {"a.so", "b.so"}) {
-            QFile file(work.filePath(name));
-            QVERIFY(file.open(QIODevice::WriteOnly));
-        }
+        for (const char* name : {"a.so", "b.so"})
+            QVERIFY(QFile(work.filePath(name)).open(QIODevice::WriteOnly));
         QList<Location> list;
         const QStringList architectures({"both", "x86", "x64"});
         for (const QString& location : locations)
@@ -279,11 +276,8 @@ private slots:
 
         // Signed on the token by the key it carries (so the key is the token's new one), with the
         // requested digest, subject and the KovData the token holds for the new key.
-        QFile csr(work.filePath("request.pem"));
-        QVERIFY(csr.open(QIODevice::WriteOnly));
-        csr.write(QRegularExpression("<CSR>([^<]*)</CSR>").match(outcome.document).captured(1).toLatin1());
-        csr.close();
-        const QString text = openssl({"req", "-in", "request.pem", "-verify", "-noout", "-text", "-nameopt", "RFC2253"});
+        const QString text = openssl({"req", "-verify", "-noout", "-text", "-nameopt", "RFC2253"},
+                                     QRegularExpression("<CSR>([^<]*)</CSR>").match(outcome.document).captured(1).toLatin1());
         QVERIFY2(text.contains("verify OK") && text.contains("Signature Algorithm: " + algorithm)
                      && text.contains("Subject: CN=Scriva Test Subject")
                      && text.contains("1.2.203.7064.1.1.12.20180406:") == testModule,

@@ -24,9 +24,8 @@ public:
     static void set(bool on)
     {
         QFile::remove(LogHandler::hostLogPath());
-        QFile file(LogHandler::hostLogPath());
         if (on)
-            file.open(QIODevice::WriteOnly);
+            QFile(LogHandler::hostLogPath()).open(QIODevice::WriteOnly);
         LogHandler::refreshHostLogCheck();
     }
     static QString text()
@@ -39,13 +38,8 @@ public:
     static QStringList trace()
     {
         static const QRegularExpression line(QStringLiteral("^\\S+ - \\d+ - \\d+ - I - PKCS#11 - (.*) - at .* line \\d+$"));
-        QStringList messages;
-        for (const QString& text : text().split(QLatin1Char('\n'))) {
-            const QRegularExpressionMatch match = line.match(text);
-            if (match.hasMatch())
-                messages.append(match.captured(1));
-        }
-        return messages.replaceInStrings(QRegularExpression(QStringLiteral("0x[0-9a-f]{9,}")), QStringLiteral("0x*"));
+        static const QRegularExpression address(QStringLiteral("0x[0-9a-f]{9,}"));
+        return text().split('\n').filter(line).replaceInStrings(line, "\\1").replaceInStrings(address, "0x*");
     }
 
 private:
