@@ -76,13 +76,6 @@ CK_FUNCTION_LIST stubList()
     return list;
 }
 
-// Attribute entries as the bytes of an attribute value, one byte off alignment.
-QByteArray entryBytes(const QList<CK_ATTRIBUTE>& entries)
-{
-    return QByteArray(1, '\x55')
-           + QByteArray(reinterpret_cast<const char*>(entries.constData()), entries.size() * int(sizeof(CK_ATTRIBUTE)));
-}
-
 } // namespace
 
 // The PKCS#11 call trace: its switch, every call's lines, and no PIN in it.
@@ -145,9 +138,11 @@ private slots:
         QCOMPARE(logger.C_CreateObject(session, attributes + 3, 1, &object), CKR_OK);
         QCOMPARE(logger.C_GetAttributeValue(session, object, attributes, 4), CKR_ATTRIBUTE_SENSITIVE);
 
-        // An array attribute's value comes from a request: the pointers in it are never followed.
-        QByteArray wild = entryBytes({{CKA_CLASS, reinterpret_cast<void*>(0x10), 8},
-                                      {CKA_UNWRAP_TEMPLATE, reinterpret_cast<void*>(0xdead0000), 2 * sizeof(CK_ATTRIBUTE)}});
+        // An array attribute's value comes from a request: the pointers in it are never followed. Both
+        // values lie one byte off alignment.
+        const CK_ATTRIBUTE entries[] = {{CKA_CLASS, reinterpret_cast<void*>(0x10), 8},
+                                        {CKA_UNWRAP_TEMPLATE, reinterpret_cast<void*>(0xdead0000), 2 * sizeof(CK_ATTRIBUTE)}};
+        QByteArray wild = QByteArray(1, '\x55') + QByteArray(reinterpret_cast<const char*>(entries), sizeof(entries));
         const CK_MECHANISM_TYPE allowed[] = {CKM_RSA_PKCS, CKM_SHA256_RSA_PKCS, CKM_ECDSA}; // read as one attribute
         QByteArray mechanisms = QByteArray(1, '\x55') + QByteArray(reinterpret_cast<const char*>(allowed), sizeof(allowed));
         CK_ATTRIBUTE search[] = {{CKA_WRAP_TEMPLATE, wild.data() + 1, CK_ULONG(wild.size() - 1)},
