@@ -46,11 +46,6 @@ class TestPkcs11Library : public QObject
         session = library->openReadWriteSession(slot);
     }
 
-    Outcome login(bool cancelIsError = true)
-    {
-        return attempt([=] { library->login(session, slotInfo, tokenInfo, cancelIsError); });
-    }
-
     CK_OBJECT_HANDLE findOne(CK_OBJECT_CLASS objectClass)
     {
         CK_ATTRIBUTE search[] = {{CKA_CLASS, &objectClass, sizeof(objectClass)}};
@@ -183,7 +178,7 @@ private slots:
             connect(library.get(), &Pkcs11Library::pinRequestedSignal, this, [] { TerminatingFlag::set(); },
                     Qt::DirectConnection);
         user.script(answers);
-        QCOMPARE(login(cancelIsError).error, error);
+        QCOMPARE(attempt([&] { library->login(session, slotInfo, tokenInfo, cancelIsError); }).error, error);
         QCOMPARE(user.seen(), shown);
         QCOMPARE(requested.count(), shown.count("form"));
         QCOMPARE(TraceSwitch::trace().count(" pPin: (nil)"), int(config.join("").contains("pin_pad")));
@@ -197,7 +192,7 @@ private slots:
             // Already logged in: neither a form nor a C_Login.
             TraceSwitch::set(true);
             user.script({});
-            QCOMPARE(login().error, QString());
+            QCOMPARE(attempt([&] { library->login(session, slotInfo, tokenInfo, true); }).error, QString());
             QCOMPARE(user.seen(), QStringList());
             QVERIFY(TraceSwitch::trace().filter("C_Login").isEmpty());
         }
@@ -259,7 +254,7 @@ private slots:
     {
         QVERIFY(store->generateRsaKeyPair("Engine Token", userPin, "01", "Signing Key"));
         open({"pin_pad_pin=" + userPin, "cancel_sign=1"});
-        QCOMPARE(login().error, QString());
+        QCOMPARE(attempt([&] { library->login(session, slotInfo, tokenInfo, true); }).error, QString());
         CK_MECHANISM rsa = {CKM_SHA256_RSA_PKCS, nullptr, 0};
         QCOMPARE(attempt([&] {
                      library->signHash(session, findOne(CKO_PRIVATE_KEY), &rsa, "data", false, slotInfo, tokenInfo);

@@ -87,9 +87,6 @@ class TestPkcs11Manager : public QObject
                                                                    const QString&),
                 const QString& name, const QMap<QString, QString>& replacements = {})
     {
-        for (const QString& token : {QStringLiteral("Alpha"), QStringLiteral("Beta")})
-            if (store->serialNumber(token).isEmpty() && !store->initToken(token, "so-pin-7", userPin))
-                qFatal("%s", qPrintable(store->lastError()));
         QMap<QString, QString> all{{samplePath, SoftHsmToken::testModulePath()},
                                    {sampleSerial, store->serialNumber("Alpha")},
                                    {sampleLabel, "<Label>Alpha</Label>"},
@@ -141,6 +138,8 @@ private slots:
         TraceSwitch::set(false);
         QVERIFY(configureModule(work, {}));
         store = std::make_unique<SoftHsmToken>();
+        for (const char* token : {"Alpha", "Beta"})
+            QVERIFY2(store->initToken(token, "so-pin-7", userPin), qPrintable(store->lastError()));
     }
 
     void cleanup() { store.reset(); }
@@ -205,12 +204,11 @@ private slots:
     {
         QString certificates;
         for (const QString name : {"Certificate 1", "Certificate 2"}) {
-            QVERIFY(!openssl({"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout",
-                              "cert.key", "-subj", "/CN=" + name, "-out", "cert.pem"}).startsWith("failed"));
-            QVERIFY(!openssl({"x509", "-in", "cert.pem", "-outform", "DER", "-out", "cert.der"}).startsWith("failed"));
-            QFile pem(work.filePath("cert.pem")), der(work.filePath("cert.der"));
-            QVERIFY(pem.open(QIODevice::ReadOnly) && der.open(QIODevice::ReadOnly));
-            certificates += "<Certificate>" + pem.readAll() + "</Certificate>";
+            QVERIFY(!openssl({"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout", "cert.key",
+                              "-subj", "/CN=" + name, "-outform", "DER", "-out", "cert.der"}).startsWith("failed"));
+            QFile der(work.filePath("cert.der"));
+            QVERIFY(der.open(QIODevice::ReadOnly));
+            certificates += "<Certificate>" + openssl({"x509", "-inform", "DER", "-in", "cert.der"}) + "</Certificate>";
             user.script({"pin:" + userPin});
             QCOMPARE(run(&Pkcs11Manager::createObject, "createobject-2026",
                          objectAttributes(attribute("UnsignedLong", CKA_CLASS, "1")
