@@ -155,6 +155,8 @@ private slots:
         QTest::newRow("cancel is an error") << none << "" << true << cancel << "OperationCanceled" << form;
         QTest::newRow("cancel goes on without login") << none << "" << false << cancel << "" << form;
         QTest::newRow("PIN pad") << QStringList("pin_pad_pin=" + userPin) << "" << true << none << "" << none;
+        QTest::newRow("cancelled on the PIN pad") << QStringList({"pin_pad_pin=" + userPin, "cancel_calls=C_Login"}) << ""
+                                                  << true << none << "OperationCanceled" << none;
         QTest::newRow("host ending") << none << "before" << true << none << "Scriva is terminating" << none;
         // The PIN typed into the form never reaches the token.
         QTest::newRow("host ending while the form is open") << none << "during" << true << QStringList("pin:" + userPin)
@@ -253,7 +255,7 @@ private slots:
     void cancelledSigningAndUnreadableAttributes()
     {
         QVERIFY(store->generateRsaKeyPair("Engine Token", userPin, "01", "Signing Key"));
-        open({"pin_pad_pin=" + userPin, "cancel_sign=1"});
+        open({"pin_pad_pin=" + userPin, "cancel_calls=C_Sign"});
         QCOMPARE(attempt([&] { library->login(session, slotInfo, tokenInfo, true); }).error, QString());
         CK_MECHANISM rsa = {CKM_SHA256_RSA_PKCS, nullptr, 0};
         QCOMPARE(attempt([&] {

@@ -12,7 +12,7 @@
 //                                 CKF_USER_PIN_FINAL_TRY (both: count_low,final_try)
 //   token_info_fail_label=Broken  C_GetTokenInfo of the token with this label fails ...
 //   token_info_fail_rv=0x30       ... with this value (default CKR_DEVICE_ERROR)
-//   cancel_sign=1                 C_Sign into a buffer answers CKR_FUNCTION_CANCELED
+//   cancel_calls=C_Login,C_Sign   C_Login, and C_Sign into a buffer, answer CKR_FUNCTION_CANCELED
 //   always_authenticate=1         private keys read CKA_ALWAYS_AUTHENTICATE = true, and signing
 //                                 needs a CKU_CONTEXT_SPECIFIC login ...
 //   context_pin=5678              ... with this PIN (a null PIN is accepted with a PIN pad)
@@ -185,6 +185,8 @@ CK_RV testLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType, CK_UTF8CHAR_PT
     std::lock_guard<std::mutex> lock(mutex);
     if (pinLocked())
         return CKR_PIN_LOCKED;
+    if (listed("cancel_calls", "C_Login"))
+        return CKR_FUNCTION_CANCELED;
     if (userType == CKU_CONTEXT_SPECIFIC && contextLogins.count(session))
         return contextLogin(session, pin, pinLength);
     std::string padPin;
@@ -261,7 +263,7 @@ CK_RV testSign(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLength,
     // A length query leaves the operation running; anything else ends it.
     if (signature || rv != CKR_OK)
         contextLogins.erase(session);
-    if (signature && number("cancel_sign"))
+    if (signature && listed("cancel_calls", "C_Sign"))
         rv = CKR_FUNCTION_CANCELED;
     return rv;
 }

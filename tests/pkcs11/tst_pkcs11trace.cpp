@@ -61,7 +61,8 @@ CK_FUNCTION_LIST stubList()
         return CKR_ATTRIBUTE_SENSITIVE;
     };
     list.C_FindObjects = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE_PTR objects, CK_ULONG, CK_ULONG_PTR count) {
-        objects[0] = 31, objects[1] = 32;
+        if (objects)
+            objects[0] = 31, objects[1] = 32;
         return fill(count, 2UL);
     };
     list.C_Digest = [](auto, auto, auto, CK_BYTE_PTR digest, CK_ULONG_PTR length) {
@@ -150,6 +151,7 @@ private slots:
         QCOMPARE(logger.C_FindObjectsInit(session, search, 2), CKR_OK);
         CK_OBJECT_HANDLE found[4];
         QCOMPARE(logger.C_FindObjects(session, found, 4, &count), CKR_OK);
+        QCOMPARE(logger.C_FindObjects(session, nullptr, 4, &count), CKR_OK); // no array: none read
         QCOMPARE(logger.C_FindObjectsFinal(session), CKR_OK);
 
         unsigned char curve[] = {0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07};
