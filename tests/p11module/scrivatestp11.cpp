@@ -168,18 +168,6 @@ CK_RV testGetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info)
     return rv;
 }
 
-CK_RV contextLogin(CK_SESSION_HANDLE session, CK_UTF8CHAR_PTR pin, CK_ULONG pinLength)
-{
-    const std::string given = pin ? std::string(reinterpret_cast<const char*>(pin), pinLength) : std::string();
-    const bool fromPad = !pin && has("pin_pad_pin");
-    if (!fromPad && given != text("context_pin")) {
-        ++wrongPins;
-        return CKR_PIN_INCORRECT;
-    }
-    contextLogins[session] = true;
-    return CKR_OK;
-}
-
 CK_RV testLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pin, CK_ULONG pinLength)
 {
     std::lock_guard<std::mutex> lock(mutex);
@@ -187,8 +175,15 @@ CK_RV testLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType, CK_UTF8CHAR_PT
         return CKR_PIN_LOCKED;
     if (listed("cancel_calls", "C_Login"))
         return CKR_FUNCTION_CANCELED;
-    if (userType == CKU_CONTEXT_SPECIFIC && contextLogins.count(session))
-        return contextLogin(session, pin, pinLength);
+    if (userType == CKU_CONTEXT_SPECIFIC && contextLogins.count(session)) {
+        // Without a PIN only the PIN pad can log in.
+        if (pin ? std::string(pin, pin + pinLength) != text("context_pin") : !has("pin_pad_pin")) {
+            ++wrongPins;
+            return CKR_PIN_INCORRECT;
+        }
+        contextLogins[session] = true;
+        return CKR_OK;
+    }
     std::string padPin;
     if (!pin && has("pin_pad_pin")) {
         padPin = text("pin_pad_pin");
