@@ -21,10 +21,7 @@ namespace {
 long allocations = 0;
 long failAt = 0;
 void* countedMalloc(size_t size, const char*, int) { return ++allocations == failAt ? nullptr : std::malloc(size); }
-void* countedRealloc(void* p, size_t size, const char*, int)
-{
-    return ++allocations == failAt ? nullptr : std::realloc(p, size);
-}
+void* countedRealloc(void* p, size_t size, const char*, int) { return ++allocations == failAt ? nullptr : std::realloc(p, size); }
 void countedFree(void* p, const char*, int) { std::free(p); }
 // Before OpenSSL's first allocation.
 const bool counting = CRYPTO_set_mem_functions(countedMalloc, countedRealloc, countedFree);
@@ -47,6 +44,15 @@ QByteArray number(const EVP_PKEY* key, const char* name)
     QByteArray bytes(BN_num_bytes(value), Qt::Uninitialized);
     BN_bn2bin(value, reinterpret_cast<unsigned char*>(bytes.data()));
     return bytes;
+}
+
+// Every part of the request but the signature: the key's modulus and exponent 65537, CN=Test, KovData "kv", provider "A".
+void prepare(Pkcs10Request& builder, const QByteArray& modulus)
+{
+    builder.setRsaPublicKey(modulus, QByteArray::fromHex("010001"));
+    builder.setSubject(QStringLiteral("300f310d300b06035504030c0454657374"));
+    builder.setKovDataAttibute(QByteArray::fromHex("0c026b76"));
+    builder.setEnrollmentCspProviderAttribute(QStringLiteral("A"));
 }
 
 } // namespace
@@ -75,22 +81,19 @@ private slots:
         QFETCH(CK_MECHANISM_TYPE, digest);
         QFETCH(int, algorithm);
         Pkcs10Request builder;
-        builder.setRsaPublicKey(number(key.get(), "n"), number(key.get(), "e"));
-        builder.setSubject(QStringLiteral("300f310d300b06035504030c0454657374")); // CN=Test
-        builder.setKovDataAttibute(QByteArray::fromHex("0c026b76"));
-        builder.setEnrollmentCspProviderAttribute(QStringLiteral("A"));
+        prepare(builder, number(key.get(), "n"));
         const QByteArray info = builder.getDerEncodedCertificationRequestInfo();
-        // [0] { KovData: OID 1.2.203.7064.1.1.12.20180406, SET { UTF8String "kv" },
+        // Version 0, then the subject; [0] { KovData: OID 1.2.203.7064.1.1.12.20180406, SET { UTF8String "kv" },
         //       EnrollmentCspProvider: OID 1.3.6.1.4.1.311.13.2.2, SET { SEQUENCE { INTEGER 1, BMPString "A", BIT STRING } } }
+        QVERIFY(info.contains(QByteArray::fromHex("020100300f310d300b06035504030c0454657374")));
         QVERIFY(info.contains(QByteArray::fromHex("a0323014060c2a814bb71801010c89cfdb3631040c026b76301a060a2b0601040182370d"
                                                   "0202310c300a0201011e020041030100")));
 
         // What the token does with CKM_RSA_PKCS: a raw PKCS#1 v1.5 signature of the DigestInfo.
         int digestNid = NID_undef;
         const EVP_MD* md = EVP_get_digestbynid(OBJ_find_sigid_algs(algorithm, &digestNid, nullptr) ? digestNid : 0);
-        QVERIFY(md);
-        QByteArray hash(EVP_MD_get_size(md), Qt::Uninitialized);
-        QVERIFY(EVP_Digest(info.constData(), info.size(), reinterpret_cast<unsigned char*>(hash.data()), nullptr, md, nullptr));
+        QByteArray hash(md ? EVP_MD_get_size(md) : 0, Qt::Uninitialized);
+        QVERIFY(md && EVP_Digest(info.constData(), info.size(), reinterpret_cast<unsigned char*>(hash.data()), nullptr, md, nullptr));
         const QByteArray digestInfo = Pkcs10Request::createPkcs1DigestInfo(hash, digest);
         const Owned<EVP_PKEY_CTX, EVP_PKEY_CTX_free> context(EVP_PKEY_CTX_new(key.get(), nullptr));
         QVERIFY(EVP_PKEY_sign_init(context.get()) == 1 && EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1);
@@ -106,11 +109,7 @@ private slots:
         const Owned<X509_REQ, X509_REQ_free> request(PEM_read_bio_X509_REQ(bio.get(), nullptr, nullptr, nullptr));
         QVERIFY(request);
         QCOMPARE(X509_REQ_verify(request.get(), key.get()), 1);
-        QCOMPARE(X509_REQ_get_version(request.get()), 0);
         QCOMPARE(X509_REQ_get_signature_nid(request.get()), algorithm);
-        char text[32];
-        X509_NAME_get_text_by_NID(X509_REQ_get_subject_name(request.get()), NID_commonName, text, sizeof text);
-        QCOMPARE(text, "Test");
     }
 
     void refusesWhatItCannotBuild()
@@ -120,10 +119,8 @@ private slots:
             QCOMPARE(failureOf([&] { builder.setSubject(subject); }), QStringLiteral("Unable to HEX decode subject"));
         for (const char* subject : {"", "0401aa", "3000ff"})
             QCOMPARE(failureOf([&] { builder.setSubject(subject); }), QStringLiteral("Unable to DER decode subject"));
-        QCOMPARE(failureOf([&] { builder.setSignature("x", CKM_SHA224, CKM_RSA_PKCS); }),
-                 QStringLiteral("Digesting mechanism 597 is not supported"));
-        QCOMPARE(failureOf([&] { builder.setSignature("x", CKM_SHA256, CKM_ECDSA); }),
-                 QStringLiteral("Signing mechanism 4161 is not supported"));
+        QCOMPARE(failureOf([&] { builder.setSignature("x", CKM_SHA224, CKM_RSA_PKCS); }), "Digesting mechanism 597 is not supported");
+        QCOMPARE(failureOf([&] { builder.setSignature("x", CKM_SHA256, CKM_ECDSA); }), "Signing mechanism 4161 is not supported");
         QCOMPARE(failureOf([&] { Pkcs10Request::createPkcs1DigestInfo("x", CKM_MD5); }), QStringLiteral("AlgorithmNotSupported"));
 
         // Each part in its turn, and only once; a refused attempt sets nothing.
@@ -134,16 +131,13 @@ private slots:
         builder.setSubject(QStringLiteral("3000"));
         QCOMPARE(failureOf([&] { builder.setSubject(QStringLiteral("3000")); }), QStringLiteral("X509_NAME is already set"));
         builder.setKovDataAttibute(QByteArray::fromHex("3000"));
-        QCOMPARE(failureOf([&] { builder.setKovDataAttibute(QByteArray::fromHex("3000")); }),
-                 QStringLiteral("X509_ATTRIBUTE is already set for KovData attribute"));
+        QCOMPARE(failureOf([&] { builder.setKovDataAttibute("\x30"); }), "X509_ATTRIBUTE is already set for KovData attribute");
         builder.setEnrollmentCspProviderAttribute(QStringLiteral("A"));
-        QCOMPARE(failureOf([&] { builder.setEnrollmentCspProviderAttribute(QStringLiteral("B")); }),
-                 QStringLiteral("X509_ATTRIBUTE is already set for EnrollmentCspProvider attribute"));
+        QCOMPARE(failureOf([&] { builder.setEnrollmentCspProviderAttribute("B"); }), "X509_ATTRIBUTE is already set for EnrollmentCspProvider attribute");
         QCOMPARE(failureOf([&] { builder.getPemEncodedRequest(); }), QStringLiteral("X509_REQ is not set"));
         QVERIFY(!builder.getDerEncodedCertificationRequestInfo().isEmpty());
         QCOMPARE(failureOf([&] { builder.getDerEncodedCertificationRequestInfo(); }), QStringLiteral("X509_REQ is already set"));
     }
-
 
     // Out of memory at each of OpenSSL's allocations in turn: each step that cannot go on fails with
     // its own message (tests/data/pkcs10-outofmemory.txt lists them in the order they are met).
@@ -153,10 +147,7 @@ private slots:
         const QByteArray modulus = number(key.get(), "n");
         const auto build = [&] {
             Pkcs10Request builder;
-            builder.setRsaPublicKey(modulus, QByteArray::fromHex("010001"));
-            builder.setSubject(QStringLiteral("300f310d300b06035504030c0454657374"));
-            builder.setKovDataAttibute(QByteArray::fromHex("0c026b76"));
-            builder.setEnrollmentCspProviderAttribute(QStringLiteral("A"));
+            prepare(builder, modulus);
             builder.getDerEncodedCertificationRequestInfo();
             builder.setSignature(QByteArray(256, '\x5a'), CKM_SHA256, CKM_RSA_PKCS);
             builder.getPemEncodedRequest();

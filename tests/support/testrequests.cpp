@@ -1,5 +1,6 @@
 #include "testrequests.h"
 
+#include "appexception.h"
 #include "devpki.h"
 
 #include <QFile>
@@ -21,3 +22,13 @@ QString TestRequests::signedArgument(const QString& name, const QString& nonce, 
 }
 
 QString TestRequests::signedXml(const QByteArray& xml, const QString& signer) { return DevPki::signedArgument(xml, signer); }
+
+QString TestRequests::refusal(const std::function<void()>& step)
+{
+    try {
+        step();
+    } catch (const AppException& exception) {
+        return exception.getMessage();
+    }
+    return {};
+}

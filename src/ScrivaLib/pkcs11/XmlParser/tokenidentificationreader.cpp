@@ -4,29 +4,16 @@
 
 bool TokenIdentificationReader::take(QXmlStreamReader* reader)
 {
+    // An element's own text is read up to its end tag, so of these names only the group's end tag
+    // is ever met outside a start tag. "SerialNumber" and "Label" mean something only inside the group.
     const QStringView name = reader->name();
-    if (reader->isEndElement() && name == QLatin1String("TokenIdentification")) {
-        inGroup = false;
-        return true;
-    }
-    if (!reader->isStartElement())
-        return false;
-    if (name == QLatin1String("TokenSerialNumber")) {
+    if (name == QLatin1String("TokenIdentification"))
+        inGroup = reader->isStartElement();
+    else if (name == QLatin1String("TokenSerialNumber") || (inGroup && name == QLatin1String("SerialNumber")))
         serialNumber = reader->readElementText();
-        return true;
-    }
-    if (name == QLatin1String("TokenIdentification")) {
-        inGroup = true;
-        return true;
-    }
-    // "SerialNumber" and "Label" mean something only inside the group.
-    if (inGroup && name == QLatin1String("SerialNumber")) {
-        serialNumber = reader->readElementText();
-        return true;
-    }
-    if (inGroup && name == QLatin1String("Label")) {
+    else if (inGroup && name == QLatin1String("Label"))
         label = reader->readElementText();
-        return true;
-    }
-    return false;
+    else
+        return false;
+    return true;
 }
