@@ -10,12 +10,11 @@
 class VirtualDisplay
 {
 public:
-    ~VirtualDisplay();
-    // False (with lastError) when Xvfb or xdotool is missing or the server does not come up.
+    ~VirtualDisplay() { server.kill(), server.waitForFinished(5000); }
+    // False (with lastError) when xdotool is missing or the server does not come up.
     bool start();
     QString lastError() const { return error; }
-    // The DISPLAY value of the server, e.g. ":3".
-    QString name() const { return display; }
+    QString name() const { return display; } // the DISPLAY value, e.g. ":3"
 
     // Visible windows whose title matches the regular expression.
     QStringList windows(const QString& titlePattern) const;
