@@ -72,9 +72,9 @@ void compareLook(QWidget* widget, const QString& name)
     }
 }
 
-// Answers the form that is open now, as a user would: type, then press a button. `field` receives
-// a string that shares the field's buffer, so the caller can see what was left in it.
-void answerForm(const QString& pin, const char* button, bool save = false, QString* fieldText = nullptr)
+// Answers the form that is open now, as a user would: type, tick the save box, press a button.
+// `fieldText` receives a string that shares the field's buffer, so the caller sees what was left in it.
+void answerForm(const QString& pin, const char* button, QString* fieldText = nullptr)
 {
     PinForm* form = PinForm::openForm();
     QVERIFY(form);
@@ -87,7 +87,7 @@ void answerForm(const QString& pin, const char* button, bool save = false, QStri
     QCOMPARE(field->text().constData(), buffer);
     if (fieldText)
         *fieldText = field->text();
-    form->findChild<QCheckBox*>()->setChecked(save);
+    form->findChild<QCheckBox*>()->toggle();
     QTest::mouseClick(form->findChild<QPushButton*>(button), Qt::LeftButton);
 }
 
@@ -123,7 +123,8 @@ private slots:
     void initTestCase() { QApplication::setCursorFlashTime(0); }
 
     // A worker waits for the answer; the typed characters are overwritten in the field's own
-    // buffer, not in a copy. The context PIN's form shows the save box as asked and returns it.
+    // buffer, not in a copy. The context PIN's form shows the save box as the caller left it and
+    // returns what the user made of it.
     void workerWaitsForTheAnswer_data()
     {
         QTest::addColumn<QString>("typed");
@@ -134,7 +135,7 @@ private slots:
         QTest::newRow("cancel") << "typed but cancelled" << QByteArray("btnCancel") << false << "";
         QTest::newRow("ok with nothing typed") << "" << QByteArray("btnOk") << false << "";
         QTest::newRow("longer than a PIN can be") << QString(300, 'x') << QByteArray("btnOk") << false << QString(256, 'x');
-        QTest::newRow("context PIN, box unticked") << "9999" << QByteArray("btnOk") << true << "9999";
+        QTest::newRow("context PIN, box ticked") << "9999" << QByteArray("btnOk") << true << "9999";
     }
 
     void workerWaitsForTheAnswer()
@@ -146,14 +147,15 @@ private slots:
         PinFormLauncher launcher;
         QFuture<QString> pin;
         bool finishedEarly = true;
-        bool boxShown = false;
+        QString box;
         QString field;
         answerWhenOpen(this, [&](PinForm* form) {
             finishedEarly = pin.isFinished();
-            boxShown = form->findChild<QCheckBox*>()->isVisible() && form->findChild<QCheckBox*>()->isChecked();
-            answerForm(typed, button.constData(), false, &field);
+            auto* saveBox = form->findChild<QCheckBox*>();
+            box = !saveBox->isVisible() ? "hidden" : saveBox->isChecked() ? "ticked" : "unticked";
+            answerForm(typed, button.constData(), &field);
         });
-        bool savePin = true;
+        bool savePin = false;
         pin = QtConcurrent::run([&] {
             return text(context ? launcher.requestContextPin(slotInfo(), tokenInfo(), QStringLiteral("PIN"), &savePin)
                                 : launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("PIN")));
@@ -162,8 +164,8 @@ private slots:
         QVERIFY(!finishedEarly);
         QCOMPARE(pin.result(), expected);
         QCOMPARE(field, QString(qMin(typed.size(), 256), QChar(0)));
-        QCOMPARE(boxShown, context);
-        QCOMPARE(savePin, !context);
+        QCOMPARE(box, context ? "unticked" : "hidden");
+        QCOMPARE(savePin, context);
     }
 
     void secondRequestWhileAFormIsOpenFailsInItsWorker()
