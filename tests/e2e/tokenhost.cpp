@@ -55,12 +55,6 @@ void TokenHost::send(const QString& name, const QString& argument)
     process.send({{"method", HostProcess::method(operation(name))}, {"args", QJsonArray{argument}}});
 }
 
-QJsonObject TokenHost::call(const QString& name, const QMap<QString, QString>& replacements)
-{
-    send(name, argument(name, replacements));
-    return process.readAnswer(60000);
-}
-
 QJsonObject TokenHost::callMethod(const QString& method)
 {
     process.send({{"method", HostProcess::method(method)}});

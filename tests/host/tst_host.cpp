@@ -226,14 +226,12 @@ private slots:
 
     void startsFromAnyDirectoryButNeedsItsCatalogue()
     {
-        HostProcess version;
-        QVERIFY(version.start({"--version"}));
-        QVERIFY(version.waitForExit());
-        QVERIFY(QRegularExpression("^ScrivaPkcs11 2\\.6\\.1 \\([0-9a-f]{40}\\)\n$").match(version.pendingOutput()).hasMatch());
-        HostProcess help;
-        QVERIFY(help.start({"--help"}));
-        QVERIFY(help.waitForExit());
-        QVERIFY(help.pendingOutput().contains("--version"));
+        for (const auto& [option, output] : {std::pair("--version", "^ScrivaPkcs11 2\\.6\\.1 \\([0-9a-f]{40}\\)\n$"),
+                                             std::pair("--help", "--version")}) {
+            HostProcess printing;
+            QVERIFY(printing.start({option}) && printing.waitForExit());
+            QVERIFY2(QRegularExpression(output).match(printing.pendingOutput()).hasMatch(), option);
+        }
 
         QTemporaryDir elsewhere;
         HostProcess host;

@@ -9,7 +9,6 @@
 #include <QDir>
 #include <QLabel>
 #include <QLineEdit>
-#include <QPushButton>
 #include <QTest>
 #include <QTimer>
 #include <QToolButton>
@@ -72,7 +71,8 @@ void compareLook(QWidget* widget, const QString& name)
     }
 }
 
-// Answers the form that is open now, as a user would: type, tick the save box, press a button.
+// Answers the form that is open now, as a user would: type, tick the save box, press a button
+// (none named: the title bar's close button).
 // `fieldText` receives a string that shares the field's buffer, so the caller sees what was left in it.
 void answerForm(const QString& pin, const char* button, QString* fieldText = nullptr)
 {
@@ -80,7 +80,6 @@ void answerForm(const QString& pin, const char* button, QString* fieldText = nul
     QVERIFY(form);
     QTRY_VERIFY(form->isVisible());
     auto* field = form->findChild<QLineEdit*>(QStringLiteral("lePin"));
-    QCOMPARE(field->echoMode(), QLineEdit::Password);
     // Typing never moves the characters to a new buffer that would leave the old one behind.
     const QChar* buffer = field->text().constData();
     QTest::keyClicks(field, pin);
@@ -88,7 +87,8 @@ void answerForm(const QString& pin, const char* button, QString* fieldText = nul
     if (fieldText)
         *fieldText = field->text();
     form->findChild<QCheckBox*>()->toggle();
-    QTest::mouseClick(form->findChild<QPushButton*>(button), Qt::LeftButton);
+    QTest::mouseClick(*button ? form->findChild<QAbstractButton*>(button) : form->findChild<TitleBar*>()->findChild<QAbstractButton*>(),
+                      Qt::LeftButton);
 }
 
 // The form runs its own modal loop, so the answer comes from a timer that fires inside it.
@@ -106,8 +106,11 @@ void answerWhenOpen(QObject* context, std::function<void(PinForm*)> answer)
     timer->start(20);
 }
 
-QString text(const SecretPin& pin)
+// The PIN the launcher gives as the engine asks for it; with `savePin`, as the context PIN.
+QString askPin(PinFormLauncher& launcher, bool* savePin = nullptr)
 {
+    const SecretPin pin = savePin ? launcher.requestContextPin(slotInfo(), tokenInfo(), QStringLiteral("PIN"), savePin)
+                                  : launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("PIN"));
     return QString::fromUtf8(reinterpret_cast<const char*>(pin.utf8()), qsizetype(pin.size()));
 }
 
@@ -124,7 +127,7 @@ private slots:
 
     // A worker waits for the answer; the typed characters are overwritten in the field's own
     // buffer, not in a copy. The context PIN's form shows the save box as the caller left it and
-    // returns what the user made of it.
+    // returns what the user made of it. A second request meanwhile is refused in its own worker.
     void workerWaitsForTheAnswer_data()
     {
         QTest::addColumn<QString>("typed");
@@ -133,6 +136,7 @@ private slots:
         QTest::addColumn<QString>("expected");
         QTest::newRow("ok") << "s3cr3t-PIN" << QByteArray("btnOk") << false << "s3cr3t-PIN";
         QTest::newRow("cancel") << "typed but cancelled" << QByteArray("btnCancel") << false << "";
+        QTest::newRow("title bar's close button") << "typed but closed" << QByteArray() << false << "";
         QTest::newRow("ok with nothing typed") << "" << QByteArray("btnOk") << false << "";
         QTest::newRow("longer than a PIN can be") << QString(300, 'x') << QByteArray("btnOk") << false << QString(256, 'x');
         QTest::newRow("context PIN, box ticked") << "9999" << QByteArray("btnOk") << true << "9999";
@@ -147,53 +151,34 @@ private slots:
         PinFormLauncher launcher;
         QFuture<QString> pin;
         bool finishedEarly = true;
+        PinFormLauncher other;
         QString box;
         QString field;
+        QString secondError;
         answerWhenOpen(this, [&](PinForm* form) {
             finishedEarly = pin.isFinished();
             auto* saveBox = form->findChild<QCheckBox*>();
             box = !saveBox->isVisible() ? "hidden" : saveBox->isChecked() ? "ticked" : "unticked";
+            QFuture<QString> second = QtConcurrent::run([&] {
+                try {
+                    return askPin(other);
+                } catch (const AppException& e) {
+                    return e.getMessage();
+                }
+            });
+            QTRY_VERIFY(second.isFinished());
+            secondError = second.result();
             answerForm(typed, button.constData(), &field);
         });
         bool savePin = false;
-        pin = QtConcurrent::run([&] {
-            return text(context ? launcher.requestContextPin(slotInfo(), tokenInfo(), QStringLiteral("PIN"), &savePin)
-                                : launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("PIN")));
-        });
+        pin = QtConcurrent::run([&] { return askPin(launcher, context ? &savePin : nullptr); });
         QTRY_VERIFY(pin.isFinished());
         QVERIFY(!finishedEarly);
         QCOMPARE(pin.result(), expected);
         QCOMPARE(field, QString(qMin(typed.size(), 256), QChar(0)));
         QCOMPARE(box, context ? "unticked" : "hidden");
         QCOMPARE(savePin, context);
-    }
-
-    void secondRequestWhileAFormIsOpenFailsInItsWorker()
-    {
-        PinFormLauncher first;
-        PinFormLauncher second;
-        QFuture<QString> secondPin;
-        QString secondError;
-        answerWhenOpen(this, [&](PinForm* form) {
-            secondPin = QtConcurrent::run([&] {
-                try {
-                    second.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN"));
-                } catch (const AppException& e) {
-                    return e.getMessage();
-                }
-                return QString();
-            });
-            // Still inside the first form's loop: the second request is refused there.
-            QTRY_VERIFY(secondPin.isFinished());
-            secondError = secondPin.result();
-            // The title bar's close button cancels the open form.
-            QTest::mouseClick(form->findChild<TitleBar*>()->findChild<QToolButton*>(), Qt::LeftButton);
-        });
-        QFuture<QString> firstPin =
-            QtConcurrent::run([&] { return text(first.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN"))); });
-        QTRY_VERIFY(firstPin.isFinished());
-        QCOMPARE(secondError, QStringLiteral("PinForm is already opened!"));
-        QCOMPARE(firstPin.result(), QString());
+        QCOMPARE(secondError, "PinForm is already opened!");
     }
 
     // Closing releases a worker waiting for the form or for the wrong-PIN message at once, shows
@@ -214,7 +199,7 @@ private slots:
                 launcher.showPinIncorrect(QStringLiteral("AppName"), QStringLiteral("Wrong PIN"));
                 return QStringLiteral("acknowledged");
             }
-            return text(launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN")));
+            return askPin(launcher);
         });
         // Closed from inside the dialog's own modal loop, as a Terminate arriving then would.
         QTimer closer;
@@ -229,13 +214,11 @@ private slots:
         QCOMPARE(asked.result(), QString(message ? "acknowledged" : ""));
         QTRY_VERIFY(!PinForm::openForm() && !QApplication::activeModalWidget());
 
-        QVERIFY(launcher.isClosed());
-        QVERIFY(launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN")).isEmpty());
+        QCOMPARE(askPin(launcher), QString());
         QVERIFY(!PinForm::openForm());
         launcher.reopen();
-        QVERIFY(!launcher.isClosed());
         answerWhenOpen(this, [](PinForm*) { answerForm(QStringLiteral("4321"), "btnOk"); });
-        QCOMPARE(text(launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN"))), QStringLiteral("4321"));
+        QCOMPARE(askPin(launcher), "4321");
     }
 
     // On the GUI thread the form opens directly, over the host window; the keyboard alone answers
@@ -265,9 +248,8 @@ private slots:
             QTest::keyClicks(QApplication::focusWidget(), QStringLiteral("2468"));
             QTest::keyClick(QApplication::focusWidget(), Qt::Key(key));
         });
-        QCOMPARE(text(launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN"))), expected);
+        QCOMPARE(askPin(launcher), expected);
         QVERIFY(focused);
-        QVERIFY(!PinForm::openForm());
     }
 
     // The whole form as the user sees it: its texts whole, the warning of the token's own count of
