@@ -27,11 +27,10 @@ X509Certificate2Ultra certificate()
 QString errorOf(ScrivaPkcs11& instance, QString properties)
 {
     try {
-        instance.setProperty(properties);
+        return instance.setProperty(properties), QString();
     } catch (const AppException& e) {
         return e.getMessage();
     }
-    return QString();
 }
 
 QStringList read(const QString& path, const QString& pattern = {})
@@ -77,15 +76,11 @@ private slots:
         QCOMPARE(AppException("outer", "c.cpp", 3, "void c()", "G", innermost).toString(true),
                  "AppException: outer\n  at void c() in c.cpp line 3\ncaused by AppException: <No message available>\n"
                  "  at void a() in a.cpp line 1");
-        try {
-            throw APP_EXCEPTION(QStringLiteral("detail"));
-        } catch (const AppException& e) {
-            QVERIFY(e.getFile().endsWith("tst_core.cpp") && e.getFunction().contains("exceptionText"));
-            AppException copy = e;
-            const AppException wrapped = APP_EXCEPTION_CAUSED(QStringLiteral("outer"), copy);
-            copy = APP_EXCEPTION(QStringLiteral("replaced"));
-            QCOMPARE(wrapped.getCause()->getMessage(), "detail");
-        }
+        AppException copy = APP_EXCEPTION(QStringLiteral("detail"));
+        QVERIFY(copy.getFile().endsWith("tst_core.cpp") && copy.getFunction().contains("exceptionText"));
+        const AppException wrapped = APP_EXCEPTION_CAUSED(QStringLiteral("outer"), copy);
+        copy = APP_EXCEPTION(QStringLiteral("replaced"));
+        QCOMPARE(wrapped.getCause()->getMessage(), "detail");
         // Outside text cannot start a line of its own, in a message or a trace.
         QCOMPARE(LogHandler::escaped("a\rb\tc\x01\x1f \x7f\u009f\u00a0\u2028\u2029~"),
                  "a\\rb\\tc\\u0001\\u001f \\u007f\\u009f\u00a0\\u2028\\u2029~");
@@ -122,16 +117,14 @@ private slots:
         for (QtMsgType type : {QtDebugMsg, QtWarningMsg, QtCriticalMsg, QtFatalMsg, QtInfoMsg, QtMsgType(5), QtMsgType(-1)})
             LogHandler::messageHandler(type, context, "100% sure %1 %2 stay as written");
         qWarning("from here");
-        const QString record = "^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ - " + QString::number(QCoreApplication::applicationPid())
-                               + " - \\d+ - %1 - %2 - at %3 in %4 line \\d+$";
+        const QString record = "\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ - " + QString::number(QCoreApplication::applicationPid())
+                               + " - \\d+ - %1 - %2 - at %3 in %4 line \\d+";
         QStringList expected;
         for (const char* level : {"D", "W", "C", "F", "I", "\\?", "\\?"})
             expected << record.arg(level, "100% sure %1 %2 stay as written", "void f\\(\\)", "f\\.cpp");
         expected << record.arg("W", "from here", ".*logWritesOnlyWhileItsFileExists.*", ".*tst_core\\.cpp");
-        const QStringList lines = read(path);
-        QCOMPARE(lines.size(), expected.size());
-        for (int i = 0; i < lines.size(); ++i)
-            QVERIFY2(QRegularExpression(expected[i]).match(lines[i]).hasMatch(), qPrintable(lines[i]));
+        const QString lines = read(path).join('\n');
+        QVERIFY2(QRegularExpression("^" + expected.join('\n') + "$").match(lines).hasMatch(), qPrintable(lines));
 
         // A directory in the file's place is not a log file.
         QFile::remove(path);
@@ -257,14 +250,12 @@ private slots:
         QFETCH(QString, language);
         const QString source = QStringLiteral(SCRIVA_SOURCE_DIR "/translations/Scriva_%1.ts").arg(language);
         const QStringList contexts = read(source, "<name>([^<]*)</name>");
-        const QStringList sources = read(source, "<source>([^<]*)</source>");
         QVERIFY(!contexts.isEmpty() && read(source, "(type=\"unfinished\")").isEmpty());
         QTranslator translator;
         QVERIFY(translator.load(QCoreApplication::applicationDirPath() + "/../share/translations/Scriva_" + language));
         const QStringList words = read(SCRIVA_TEST_DATA_DIR "/errorwords.txt");
         QVERIFY(words.size() > 15);
         for (const QString& word : words) {
-            QVERIFY2(!sources.contains(word), qPrintable(word + " has a catalogue entry"));
             for (const QString& context : contexts)
                 QVERIFY2(translator.translate(context.toUtf8().constData(), word.toUtf8().constData()).isEmpty(),
                          qPrintable(word + " is translated in " + context));

@@ -7,9 +7,8 @@
 #include <QMap>
 
 // The built host with a private SoftHSM token store holding one token. Requests come from
-// tests/data/requests, aimed at that token (its serial number, SoftHSM as the module, no vendor
-// extension), CreateObject storing a private data object, signed by the development PKI, each
-// with a fresh nonce.
+// tests/data/requests, aimed at that token (SoftHSM as the module, no vendor extension; CreateObject
+// stores a private data object), signed by the development PKI, each with a fresh nonce.
 class TokenHost
 {
 public:

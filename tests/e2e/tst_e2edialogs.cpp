@@ -26,10 +26,7 @@ class TestE2eDialogs : public QObject
                                                 {"<Path>opensc-pkcs11.so", "<Path>/nonexistent/opensc-pkcs11.so"},
                                                 {"<AllowManualSelection>false", "<AllowManualSelection>true"}};
 
-    QString setDisplayTime()
-    {
-        return TokenHost::error(th.host().call("SetProperty", "{\"MinimalWindowDisplayTime\": 2000}"));
-    }
+    QString setDisplayTime() { return TokenHost::error(th.host().call("SetProperty", "{\"MinimalWindowDisplayTime\": 2000}")); }
 
     // Starts a CreateObject, which needs a login, and returns the PIN form it opens (empty when none shows).
     QString startLoginOperation(const QMap<QString, QString>& replacements = {})

@@ -6,12 +6,10 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-// The browser goes away while a token operation runs: it closes the host's input, sends
-// Terminate, or creates a new instance. Wherever the operation is (inside a slow token call, with
-// the PIN form open, after the token has done its work), the operation gets no answer and the
-// host ends by itself, normally and with exit code 0. Each row has its own host on a private X
-// server, so the real PIN form shows; the test module holds the chosen token call at a gate until
-// the row has ended the conversation.
+// The browser goes away (closes the host's input, sends Terminate, or creates a new instance) while
+// a token operation runs, wherever it is: the operation gets no answer and the host ends normally.
+// Each row has its own host on a private X server, so the real PIN form shows; the test module
+// holds the chosen token call at a gate until the row has ended the conversation.
 class TestE2eEnding : public QObject
 {
     Q_OBJECT

@@ -1,6 +1,5 @@
 #include "virtualdisplay.h"
 
-#include <QProcessEnvironment>
 #include <QStandardPaths>
 #include <QTest>
 
@@ -14,6 +13,8 @@ bool VirtualDisplay::start()
     server.start("Xvfb", {"-displayfd", "1", "-nolisten", "tcp", "-screen", "0", "1280x1024x24"});
     while (!server.canReadLine() && server.waitForReadyRead(20000)) {}
     display = ":" + QString::fromLatin1(server.readLine().trimmed());
+    // For xdotool; the host is given the display on its own.
+    qputenv("DISPLAY", display.toLocal8Bit());
     error = "Xvfb did not start: " + server.errorString();
     return display != ":";
 }
@@ -21,9 +22,6 @@ bool VirtualDisplay::start()
 bool VirtualDisplay::xdotool(const QStringList& arguments, QString* output) const
 {
     QProcess process;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("DISPLAY", display);
-    process.setProcessEnvironment(env);
     process.start("xdotool", arguments);
     if (!process.waitForFinished(10000))
         process.kill();

@@ -11,9 +11,8 @@
 
 namespace {
 
-QByteArray request(const QString& name, const QJsonObject& extra = {})
+QByteArray request(const QString& name, QJsonObject message = {})
 {
-    QJsonObject message = extra;
     message.insert(QStringLiteral("method"), HostProcess::method(name));
     return HostProcess::frame(QJsonDocument(message).toJson(QJsonDocument::Compact));
 }

@@ -252,10 +252,8 @@ private slots:
         QVERIFY(focused);
     }
 
-    // The whole form as the user sees it: its texts whole, the warning of the token's own count of
-    // wrong PINs (other flags say nothing; the last try outweighs the earlier ones), the save box,
-    // the buttons' order and the title bar. Long names and a language switched while it is open
-    // widen or lengthen it.
+    // The whole form as the user sees it, with the warning of the token's own count of wrong PINs
+    // (the last try outweighs the earlier ones); long names and a language switched while it is open widen it.
     void formLooks_data()
     {
         QTest::addColumn<QByteArray>("reader");
@@ -263,8 +261,7 @@ private slots:
         QTest::addColumn<QString>("switchedTo");
         QTest::addColumn<QString>("warning");
         QTest::newRow("pinform-plain") << QByteArray("Reader 1")
-                                       << qulonglong(CKF_USER_PIN_TO_BE_CHANGED | CKF_SO_PIN_FINAL_TRY | CKF_SO_PIN_COUNT_LOW)
-                                       << "" << "";
+                                       << qulonglong(CKF_USER_PIN_TO_BE_CHANGED | CKF_SO_PIN_FINAL_TRY | CKF_SO_PIN_COUNT_LOW) << "" << "";
         QTest::newRow("pinform-count-low") << QByteArray("Reader 1") << qulonglong(CKF_USER_PIN_COUNT_LOW) << ""
                                            << "A wrong PIN has been entered since the last successful login.";
         QTest::newRow("pinform-final-try-long-czech")
@@ -293,9 +290,8 @@ private slots:
         compareLook(&form, QTest::currentDataTag());
     }
 
-    // The host window: titled, with the wait animation turning while it is shown and starting over
-    // when shown again; dragged by its title bar with the left button only, hidden by its close
-    // button.
+    // The host window: its wait animation turns while shown and starts over when shown again; dragged
+    // by its title bar with the left button only, hidden by its close button.
     void hostWindowLooksAndMoves()
     {
         ManualClock clock;
