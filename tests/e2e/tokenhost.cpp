@@ -10,7 +10,6 @@
 bool TokenHost::configureTestModule(const QByteArray& keyValues)
 {
     QFile file(QDir(store.directory()).filePath("scriva-test-p11.conf"));
-    failure = "Unable to write " + file.fileName();
     process.environment().insert("SCRIVA_TEST_P11_CONFIG", file.fileName());
     return file.open(QIODevice::WriteOnly) && file.write(keyValues) == keyValues.size();
 }

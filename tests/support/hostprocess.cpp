@@ -44,10 +44,8 @@ QStringList HostProcess::logLines() const
 bool HostProcess::start(const QStringList& arguments)
 {
     process.setProcessEnvironment(env);
-    if (launcher.isEmpty())
-        process.start(executable(), arguments);
-    else
-        process.start(launcher.first(), launcher.mid(1) + QStringList{executable()} + arguments);
+    const QStringList command = launcher + QStringList{executable()} + arguments;
+    process.start(command.first(), command.mid(1));
     return process.waitForStarted(10000);
 }
 
