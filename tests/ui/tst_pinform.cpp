@@ -9,6 +9,7 @@
 #include <QDir>
 #include <QLabel>
 #include <QLineEdit>
+#include <QSignalSpy>
 #include <QTest>
 #include <QTimer>
 #include <QToolButton>
@@ -149,6 +150,8 @@ private slots:
         QFETCH(bool, context);
         QFETCH(QString, expected);
         PinFormLauncher launcher;
+        // The instance hears which form a worker asked for.
+        QSignalSpy shown(&launcher, context ? &PinFormLauncher::launchContextPinFormSignal : &PinFormLauncher::launchPinFormSignal);
         QFuture<QString> pin;
         bool finishedEarly = true;
         PinFormLauncher other;
@@ -179,6 +182,7 @@ private slots:
         QCOMPARE(box, context ? "unticked" : "hidden");
         QCOMPARE(savePin, context);
         QCOMPARE(secondError, "PinForm is already opened!");
+        QCOMPARE(shown.count(), 1);
     }
 
     // Closing releases a worker waiting for the form or for the wrong-PIN message at once, shows
@@ -323,6 +327,7 @@ private slots:
         QCOMPARE(window.pos(), start + QPoint(20, 1));
         drag(Qt::RightButton, {QPoint(15, -4)});
         QCOMPARE(window.pos(), start + QPoint(20, 1));
+        window.move(start); // a frameless window may jump when laid out again; the new style puts it back
         window.setShadedStyleSheet();
         compareLook(&window, "window-shaded");
         QCOMPARE(window.pos(), start + QPoint(20, 1));
