@@ -153,8 +153,7 @@ private slots:
                                   << QStringList{"", "", different.arg(300), different.arg(7), ""};
         QTest::newRow("not an object") << QStringList{"{MinimalWindowDisplayTime", "[1]"}
             << QStringList{"Unable to parse properties as JSON structure", "Unable to convert properties to JSON object"};
-        QTest::newRow("language") << QStringList{"{\"Language\": 5}", "{\"Language\": \"xx\"}",
-                                                 "{\"Language\": \"../../bin/x\"}"}
+        QTest::newRow("language") << QStringList{"{\"Language\": 5}", "{\"Language\": \"xx\"}", "{\"Language\": \"../../bin/x\"}"}
                                   << QStringList{"JSON node Language has invalid value", "UnsupportedLanguage",
                                                  "UnsupportedLanguage"};
         const QString base64 = QString::fromLatin1(certificate().toDer().toBase64());

@@ -126,9 +126,9 @@ class TestPinForm : public QObject
 private slots:
     void initTestCase() { QApplication::setCursorFlashTime(0); }
 
-    // A worker waits for the answer; the typed characters are overwritten in the field's own
-    // buffer, not in a copy. The context PIN's form shows the save box as the caller left it and
-    // returns what the user made of it. A second request meanwhile is refused in its own worker.
+    // A worker waits for the answer; the typed characters are overwritten in the field's own buffer.
+    // The context PIN's form shows the save box as the caller left it and returns the user's choice;
+    // a second request meanwhile is refused in its own worker; the instance hears which form was asked.
     void workerWaitsForTheAnswer_data()
     {
         QTest::addColumn<QString>("typed");
@@ -150,7 +150,6 @@ private slots:
         QFETCH(bool, context);
         QFETCH(QString, expected);
         PinFormLauncher launcher;
-        // The instance hears which form a worker asked for.
         QSignalSpy shown(&launcher, context ? &PinFormLauncher::launchContextPinFormSignal : &PinFormLauncher::launchPinFormSignal);
         QFuture<QString> pin;
         bool finishedEarly = true;
