@@ -1,6 +1,5 @@
 #include "Protocol1/nativemessaging1.h"
 #include "loghandler.h"
-#include "ownedresource.h"
 #include "pkcs11/scrivapkcs11.h"
 #include "pkcs11/ui/mainwindowpkcs11.h"
 #include "pkcs11exception.h"
@@ -17,34 +16,21 @@
 #include <QTest>
 #include <QTranslator>
 
-#include <openssl/evp.h>
-#include <openssl/x509.h>
-
 namespace {
 
-X509Certificate2Ultra makeCertificate(const QString& commonName)
+// A self-signed certificate for signing.example.org.
+X509Certificate2Ultra certificate()
 {
-    Owned<EVP_PKEY, EVP_PKEY_free> key(EVP_RSA_gen(2048));
-    Owned<X509, X509_free> cert(X509_new());
-    ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 1);
-    X509_gmtime_adj(X509_getm_notBefore(cert.get()), 0);
-    X509_gmtime_adj(X509_getm_notAfter(cert.get()), 3600);
-    X509_set_pubkey(cert.get(), key.get());
-    X509_NAME_add_entry_by_txt(X509_get_subject_name(cert.get()), "CN", MBSTRING_UTF8,
-                               reinterpret_cast<const unsigned char*>(commonName.toUtf8().constData()), -1, -1, 0);
-    X509_set_issuer_name(cert.get(), X509_get_subject_name(cert.get()));
-    X509_sign(cert.get(), key.get(), EVP_sha256());
-    return X509Certificate2Ultra(cert.get());
+    return X509Certificate2Ultra(QSslCertificate::fromPath(SCRIVA_TEST_DATA_DIR "/signing-certificate.pem").value(0));
 }
 
 QString errorOf(ScrivaPkcs11& instance, QString properties)
 {
     try {
-        instance.setProperty(properties);
+        return instance.setProperty(properties), QString();
     } catch (const AppException& e) {
         return e.getMessage();
     }
-    return QString();
 }
 
 QStringList read(const QString& path, const QString& pattern = {})
@@ -90,16 +76,11 @@ private slots:
         QCOMPARE(AppException("outer", "c.cpp", 3, "void c()", "G", innermost).toString(true),
                  "AppException: outer\n  at void c() in c.cpp line 3\ncaused by AppException: <No message available>\n"
                  "  at void a() in a.cpp line 1");
-        try {
-            throw APP_EXCEPTION(QStringLiteral("detail"));
-        } catch (const AppException& e) {
-            QVERIFY(e.getFile().endsWith("tst_core.cpp") && e.getFunction().contains("exceptionText"));
-            QCOMPARE(e.getGeneralMessage(), "GeneralExceptionMessage");
-            AppException copy = e;
-            const AppException wrapped = APP_EXCEPTION_CAUSED(QStringLiteral("outer"), copy);
-            copy = APP_EXCEPTION(QStringLiteral("replaced"));
-            QCOMPARE(wrapped.getCause()->getMessage(), "detail");
-        }
+        AppException copy = APP_EXCEPTION(QStringLiteral("detail"));
+        QVERIFY(copy.getFile().endsWith("tst_core.cpp") && copy.getFunction().contains("exceptionText"));
+        const AppException wrapped = APP_EXCEPTION_CAUSED(QStringLiteral("outer"), copy);
+        copy = APP_EXCEPTION(QStringLiteral("replaced"));
+        QCOMPARE(wrapped.getCause()->getMessage(), "detail");
         // Outside text cannot start a line of its own, in a message or a trace.
         QCOMPARE(LogHandler::escaped("a\rb\tc\x01\x1f \x7f\u009f\u00a0\u2028\u2029~"),
                  "a\\rb\\tc\\u0001\\u001f \\u007f\\u009f\u00a0\\u2028\\u2029~");
@@ -124,9 +105,7 @@ private slots:
 
     void logWritesOnlyWhileItsFileExists()
     {
-        const QString path = home.path() + "/Corvant/Scriva/Logs/ScrivaPkcs11Log.txt";
-        QCOMPARE(LogHandler::hostLogPath(), path);
-        QCOMPARE(LogHandler::logDirectory(), home.path() + "/Corvant/Scriva/Logs/");
+        const QString path = LogHandler::hostLogPath();
         qInfo("before the file exists");
         QVERIFY(!QFileInfo::exists(path) && !LogHandler::hostLogExists() && LogHandler::dropsLines());
 
@@ -138,16 +117,14 @@ private slots:
         for (QtMsgType type : {QtDebugMsg, QtWarningMsg, QtCriticalMsg, QtFatalMsg, QtInfoMsg, QtMsgType(5), QtMsgType(-1)})
             LogHandler::messageHandler(type, context, "100% sure %1 %2 stay as written");
         qWarning("from here");
-        const QString record = "^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ - " + QString::number(QCoreApplication::applicationPid())
-                               + " - \\d+ - %1 - %2 - at %3 in %4 line \\d+$";
+        const QString record = "\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ - " + QString::number(QCoreApplication::applicationPid())
+                               + " - \\d+ - %1 - %2 - at %3 in %4 line \\d+";
         QStringList expected;
         for (const char* level : {"D", "W", "C", "F", "I", "\\?", "\\?"})
             expected << record.arg(level, "100% sure %1 %2 stay as written", "void f\\(\\)", "f\\.cpp");
         expected << record.arg("W", "from here", ".*logWritesOnlyWhileItsFileExists.*", ".*tst_core\\.cpp");
-        const QStringList lines = read(path);
-        QCOMPARE(lines.size(), expected.size());
-        for (int i = 0; i < lines.size(); ++i)
-            QVERIFY2(QRegularExpression(expected[i]).match(lines[i]).hasMatch(), qPrintable(lines[i]));
+        const QString lines = read(path).join('\n');
+        QVERIFY2(QRegularExpression("^" + expected.join('\n') + "$").match(lines).hasMatch(), qPrintable(lines));
 
         // A directory in the file's place is not a log file.
         QFile::remove(path);
@@ -156,7 +133,6 @@ private slots:
         qInfo("into a directory");
         QVERIFY(LogHandler::dropsLines());
         QVERIFY(QDir().rmdir(path));
-        QVERIFY(!QFileInfo::exists(path));
     }
 
     // Properties given to one instance in turn, each with the error it is answered with.
@@ -177,11 +153,10 @@ private slots:
                                   << QStringList{"", "", different.arg(300), different.arg(7), ""};
         QTest::newRow("not an object") << QStringList{"{MinimalWindowDisplayTime", "[1]"}
             << QStringList{"Unable to parse properties as JSON structure", "Unable to convert properties to JSON object"};
-        QTest::newRow("language") << QStringList{"{\"Language\": 5}", "{\"Language\": \"xx\"}",
-                                                 "{\"Language\": \"../../bin/x\"}"}
+        QTest::newRow("language") << QStringList{"{\"Language\": 5}", "{\"Language\": \"xx\"}", "{\"Language\": \"../../bin/x\"}"}
                                   << QStringList{"JSON node Language has invalid value", "UnsupportedLanguage",
                                                  "UnsupportedLanguage"};
-        const QString base64 = QString::fromLatin1(makeCertificate("server").toDer().toBase64());
+        const QString base64 = QString::fromLatin1(certificate().toDer().toBase64());
         const QString certificate = "{\"ResponseSigningCertificate\": %1}";
         const QString unreadable = "JSON node ResponseSigningCertificate has invalid value: Unable to read << ";
         QTest::newRow("signing certificate")
@@ -217,7 +192,7 @@ private slots:
     {
         ScrivaPkcs11 instance;
         MainWindowPkcs11* window = instance.window();
-        window->updateWindowTitle(makeCertificate("signing.example.org"));
+        window->updateWindowTitle(certificate());
         QCOMPARE(window->titleText(), "AppName \u2013 signing.example.org");
         QCOMPARE(window->windowTitle(), "AppName \u2013 signing.example.org");
         window->updateWindowTitle(X509Certificate2Ultra());
@@ -274,14 +249,12 @@ private slots:
         QFETCH(QString, language);
         const QString source = QStringLiteral(SCRIVA_SOURCE_DIR "/translations/Scriva_%1.ts").arg(language);
         const QStringList contexts = read(source, "<name>([^<]*)</name>");
-        const QStringList sources = read(source, "<source>([^<]*)</source>");
         QVERIFY(!contexts.isEmpty() && read(source, "(type=\"unfinished\")").isEmpty());
         QTranslator translator;
         QVERIFY(translator.load(QCoreApplication::applicationDirPath() + "/../share/translations/Scriva_" + language));
         const QStringList words = read(SCRIVA_TEST_DATA_DIR "/errorwords.txt");
         QVERIFY(words.size() > 15);
         for (const QString& word : words) {
-            QVERIFY2(!sources.contains(word), qPrintable(word + " has a catalogue entry"));
             for (const QString& context : contexts)
                 QVERIFY2(translator.translate(context.toUtf8().constData(), word.toUtf8().constData()).isEmpty(),
                          qPrintable(word + " is translated in " + context));

@@ -10,7 +10,6 @@
 bool TokenHost::configureTestModule(const QByteArray& keyValues)
 {
     QFile file(QDir(store.directory()).filePath("scriva-test-p11.conf"));
-    failure = "Unable to write " + file.fileName();
     process.environment().insert("SCRIVA_TEST_P11_CONFIG", file.fileName());
     return file.open(QIODevice::WriteOnly) && file.write(keyValues) == keyValues.size();
 }
@@ -28,17 +27,19 @@ bool TokenHost::start()
     return !answer.isEmpty() && answer.value("error").isNull();
 }
 
-QString TokenHost::argument(const QString& name, const QMap<QString, QString>& replacements, const QString& attributes)
+QString TokenHost::argument(const QString& name, const QMap<QString, QString>& replacements)
 {
     nonce = result(callMethod("GetNonce"));
     QMap<QString, QString> all{{"0123456789ABCDEF", serial}, {"{\"reader\":\"any\"}", ""},
                                {sampleModule, SoftHsmToken::softHsmModulePath()}};
     all.insert(replacements);
-    QString xml = QString::fromUtf8(TestRequests::xml(name, nonce, all));
-    if (!attributes.isNull())
-        xml.replace(QRegularExpression("<ObjectAttributes>.*</ObjectAttributes>", QRegularExpression::DotMatchesEverythingOption),
-                    "<ObjectAttributes>" + attributes + "</ObjectAttributes>");
-    return TestRequests::signedXml(xml.toUtf8());
+    // A private data object: the token stores it, and only for a logged-in user.
+    return TestRequests::signedXml(QString::fromUtf8(TestRequests::xml(name, nonce, all))
+        .replace(QRegularExpression("<ObjectAttributes>.*</ObjectAttributes>", QRegularExpression::DotMatchesEverythingOption),
+                 "<ObjectAttributes><UnsignedLongAttribute><Attribute>0</Attribute><Value>0</Value></UnsignedLongAttribute>"
+                 "<BoolAttribute><Attribute>1</Attribute><Value>true</Value></BoolAttribute>"
+                 "<BoolAttribute><Attribute>2</Attribute><Value>true</Value></BoolAttribute></ObjectAttributes>")
+        .toUtf8());
 }
 
 QString TokenHost::operation(const QString& requestName)
@@ -51,12 +52,6 @@ QString TokenHost::operation(const QString& requestName)
 void TokenHost::send(const QString& name, const QString& argument)
 {
     process.send({{"method", HostProcess::method(operation(name))}, {"args", QJsonArray{argument}}});
-}
-
-QJsonObject TokenHost::call(const QString& name, const QMap<QString, QString>& replacements)
-{
-    send(name, argument(name, replacements));
-    return process.readAnswer(60000);
 }
 
 QJsonObject TokenHost::callMethod(const QString& method)

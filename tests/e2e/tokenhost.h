@@ -7,8 +7,8 @@
 #include <QMap>
 
 // The built host with a private SoftHSM token store holding one token. Requests come from
-// tests/data/requests, aimed at that token (its serial number, SoftHSM as the module, no vendor
-// extension) and signed by the development PKI, each with a fresh nonce.
+// tests/data/requests, aimed at that token (SoftHSM as the module, no vendor extension; CreateObject
+// stores a private data object), signed by the development PKI, each with a fresh nonce.
 class TokenHost
 {
 public:
@@ -27,13 +27,11 @@ public:
     bool start();
 
     // The signed request tests/data/requests/<name>.xml with a fresh nonce; `replacements` are
-    // applied after the usual ones and may override them. `attributes` (attribute elements), when
-    // given, replace the sample's object template.
-    QString argument(const QString& name, const QMap<QString, QString>& replacements = {},
-                     const QString& attributes = QString());
+    // applied after the usual ones and may override them.
+    QString argument(const QString& name, const QMap<QString, QString>& replacements = {});
     // Sends the operation named by the request's file name ("getslots-2022" is GetSlots).
     void send(const QString& name, const QString& argument);
-    QJsonObject call(const QString& name, const QMap<QString, QString>& replacements = {});
+    QJsonObject call(const QString& name) { return send(name, argument(name)), process.readAnswer(60000); }
     // A method without argument ("Terminate"), answered within a minute.
     QJsonObject callMethod(const QString& method);
 

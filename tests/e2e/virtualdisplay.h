@@ -10,21 +10,18 @@
 class VirtualDisplay
 {
 public:
-    ~VirtualDisplay();
-    // False (with lastError) when Xvfb or xdotool is missing or the server does not come up.
+    ~VirtualDisplay() { server.kill(), server.waitForFinished(5000); }
+    // False (with lastError) when xdotool is missing or the server does not come up.
     bool start();
     QString lastError() const { return error; }
-    // The DISPLAY value of the server, e.g. ":3".
-    QString name() const { return display; }
+    QString name() const { return display; } // the DISPLAY value, e.g. ":3"
 
     // Visible windows whose title matches the regular expression.
     QStringList windows(const QString& titlePattern) const;
-    // The first visible window matching the pattern that is not one of `known`; empty when none
-    // shows within 20 s.
+    // The first visible window matching the pattern that is not one of `known`; empty after 20 s.
     QString waitForWindow(const QString& titlePattern, const QStringList& known = {}) const;
     bool waitUntilGone(const QString& window) const;
-    // Gives the window the keyboard focus, then types the text and presses the keys ("Return",
-    // "Escape") as a user would.
+    // Focuses the window, then types the text and presses the keys ("Return", "Escape").
     bool type(const QString& window, const QString& text, const QString& keys = {}) const;
 
 private:

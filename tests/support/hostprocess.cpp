@@ -16,12 +16,6 @@ HostProcess::HostProcess() : env(QProcessEnvironment::systemEnvironment())
         env.insert("QT_QPA_PLATFORM", "offscreen");
 }
 
-HostProcess::~HostProcess()
-{
-    process.kill();
-    process.waitForFinished(5000);
-}
-
 QString HostProcess::executable()
 {
     return SCRIVA_BIN_DIR "/ScrivaPkcs11";
@@ -50,10 +44,8 @@ QStringList HostProcess::logLines() const
 bool HostProcess::start(const QStringList& arguments)
 {
     process.setProcessEnvironment(env);
-    if (launcher.isEmpty())
-        process.start(executable(), arguments);
-    else
-        process.start(launcher.first(), launcher.mid(1) + QStringList{executable()} + arguments);
+    const QStringList command = launcher + QStringList{executable()} + arguments;
+    process.start(command.first(), command.mid(1));
     return process.waitForStarted(10000);
 }
 
@@ -100,6 +92,12 @@ QJsonObject HostProcess::call(const QString& shortName, const QString& argument)
 bool HostProcess::waitForExit(int timeoutMs)
 {
     return process.state() == QProcess::NotRunning || process.waitForFinished(timeoutMs);
+}
+
+bool HostProcess::endedNormally(int timeoutMs)
+{
+    return waitForExit(timeoutMs) && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0
+           && pendingOutput().isEmpty();
 }
 
 QByteArray HostProcess::pendingOutput()

