@@ -7,6 +7,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace {
@@ -192,29 +193,32 @@ private slots:
         }
     }
 
-    // The browser closed its end of a pipe (stdout: the first answer meets a broken pipe) or gave none.
+    // The browser closed its end of a pipe (stdout: the first answer meets a broken pipe), gave none,
+    // or gave one that cannot be read.
     void closedPipeEndsTheHostNormally_data()
     {
         QTest::addColumn<int>("fd");
+        QTest::addColumn<QByteArray>("openedInstead");
         QTest::addColumn<QString>("log");
-        QTest::newRow("stdout") << STDOUT_FILENO << "Exiting write thread because of exception: AppException: Unable to write the answer";
-        // Without stdin the host's next descriptor takes its number; what read() says depends on which.
-        QTest::newRow("stdin") << STDIN_FILENO << "Exiting read thread because of exception: AppException: Error was cought, errno "
-                                                 "from function read is ";
+        QTest::newRow("stdout") << STDOUT_FILENO << QByteArray() << "Exiting write thread because of exception: AppException: Unable to write the answer";
+        QTest::newRow("stdin") << STDIN_FILENO << QByteArray() << "Exiting read thread because of exception: AppException: End of file reached";
+        QTest::newRow("stdin a folder") << STDIN_FILENO << QByteArray("/") << "Exiting read thread because of exception: AppException: "
+                                                                          "Error was cought, errno from function read is 21";
     }
 
     void closedPipeEndsTheHostNormally()
     {
         QFETCH(int, fd);
+        QFETCH(QByteArray, openedInstead);
         QFETCH(QString, log);
         HostProcess host;
         host.enableLog();
-        host.qprocess().setChildProcessModifier([fd] {
+        host.qprocess().setChildProcessModifier([fd, openedInstead] {
             int ends[2];
             if (fd == STDOUT_FILENO && ::pipe(ends) == 0)
                 ::close(ends[0]), ::dup2(ends[1], STDOUT_FILENO), ::close(ends[1]);
-            else
-                ::close(fd);
+            else if (::close(fd) == 0 && !openedInstead.isEmpty())
+                ::open(openedInstead.constData(), O_RDONLY);
         });
         QVERIFY(host.start());
         if (fd == STDOUT_FILENO)
