@@ -21,9 +21,14 @@ namespace {
 struct LogState
 {
     bool enabled = false;
+    QString fileName;
+    QString dataDirectory;
     QString logDirectory;
     QString hostLogPath;
     QByteArray encodedHostLogPath; // for stat(): the check runs before every message and traced call
+    // Kept for the components that write these logs; the host itself writes only its own.
+    QString certStoreLogPath;
+    QString keyChainLogPath;
 };
 
 LogState& state()
@@ -43,11 +48,15 @@ QMutex& logMutex()
 void LogHandler::init(const QString& fileName)
 {
     LogState& s = state();
-    s.logDirectory = QDir::cleanPath(QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation)
-                                     + QStringLiteral("/Corvant/Scriva/Logs"))
-                     + QLatin1Char('/');
-    s.hostLogPath = s.logDirectory + fileName;
+    s.fileName = fileName;
+    s.dataDirectory = QDir::cleanPath(QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation)
+                                      + QStringLiteral("/Corvant/Scriva"))
+                      + QLatin1Char('/');
+    s.logDirectory = s.dataDirectory + QStringLiteral("Logs/");
+    s.hostLogPath = QDir::cleanPath(s.logDirectory + QLatin1Char('/') + fileName);
     s.encodedHostLogPath = QFile::encodeName(s.hostLogPath);
+    s.certStoreLogPath = QDir::cleanPath(s.logDirectory + QStringLiteral("/CertStoreLog.txt"));
+    s.keyChainLogPath = QDir::cleanPath(s.logDirectory + QStringLiteral("/KeyChainLog.txt"));
     s.enabled = true;
     refreshHostLogCheck();
     qInstallMessageHandler(&LogHandler::messageHandler);
@@ -60,8 +69,12 @@ void LogHandler::shutdown()
     qInstallMessageHandler(nullptr);
 }
 
+bool LogHandler::isEnabled() { return state().enabled; }
+QString LogHandler::dataDirectory() { return state().dataDirectory; }
 QString LogHandler::logDirectory() { return state().logDirectory; }
 QString LogHandler::hostLogPath() { return state().hostLogPath; }
+QString LogHandler::certStoreLogPath() { return state().certStoreLogPath; }
+QString LogHandler::keyChainLogPath() { return state().keyChainLogPath; }
 
 bool LogHandler::hostLogExists()
 {
@@ -94,7 +107,7 @@ bool LogHandler::hostLogExistsNow()
 
 bool LogHandler::dropsLines()
 {
-    return !hostLogExistsNow();
+    return state().enabled && !hostLogExistsNow();
 }
 
 QString LogHandler::formatLine(QtMsgType type, const QMessageLogContext& context, const QString& message)

@@ -16,8 +16,12 @@ public:
     // The line as it is written, without the end of line.
     static QString formatLine(QtMsgType type, const QMessageLogContext& context, const QString& message);
 
+    static bool isEnabled();
+    static QString dataDirectory();
     static QString logDirectory();
     static QString hostLogPath();
+    static QString certStoreLogPath();
+    static QString keyChainLogPath();
     // True when the host log file exists, which also switches the PKCS#11 call trace on.
     static bool hostLogExists();
     // The same answer, looked up at most once a millisecond: for checks made around every
@@ -25,7 +29,7 @@ public:
     static bool hostLogExistsNow();
     // Makes the next hostLogExistsNow() look again, e.g. right after the log file was created.
     static void refreshHostLogCheck();
-    // True when the log is off (or this handler is not installed): a line would go nowhere, so a
+    // True when this handler is installed and the log is off: a line would go nowhere, so a
     // costly text (a whole request, a certificate) need not be made for it.
     static bool dropsLines();
 
