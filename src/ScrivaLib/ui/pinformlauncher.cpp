@@ -16,11 +16,17 @@ PinFormLauncher* PinFormLauncher::forApplication()
 
 PinFormLauncher::PinFormLauncher(QObject* parent) : QObject(parent)
 {
-    // Whatever the signal, the GUI thread serves the request waiting then.
-    for (auto signal : {&PinFormLauncher::launchPinFormSignal, &PinFormLauncher::launchContextPinFormSignal,
-                        &PinFormLauncher::launchPinIncorrectSignal})
-        connect(this, signal, this, &PinFormLauncher::serve, Qt::QueuedConnection);
+    connect(this, &PinFormLauncher::launchPinFormSignal, this, &PinFormLauncher::launchPinForm, Qt::QueuedConnection);
+    connect(this, &PinFormLauncher::launchContextPinFormSignal, this, &PinFormLauncher::launchContextPinForm,
+            Qt::QueuedConnection);
+    connect(this, &PinFormLauncher::launchPinIncorrectSignal, this, &PinFormLauncher::launchPinIncorrect,
+            Qt::QueuedConnection);
 }
+
+// Whatever the signal, the GUI thread serves the request waiting then.
+void PinFormLauncher::launchPinForm() { serve(); }
+void PinFormLauncher::launchContextPinForm() { serve(); }
+void PinFormLauncher::launchPinIncorrect() { serve(); }
 
 PinFormLauncher::~PinFormLauncher() = default;
 

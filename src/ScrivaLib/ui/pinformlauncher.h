@@ -43,6 +43,11 @@ signals:
     void launchContextPinFormSignal();
     void launchPinIncorrectSignal();
 
+public slots:
+    void launchPinForm();
+    void launchContextPinForm();
+    void launchPinIncorrect();
+
 private:
     enum class Kind { Pin, ContextPin, PinIncorrect };
     struct Request
