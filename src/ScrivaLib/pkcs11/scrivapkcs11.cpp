@@ -340,7 +340,8 @@ void ScrivaPkcs11::hideWindowWhenDue()
     if (remaining <= 0)
         onMinimalOpenWindowTimeReached();
     else
-        QTimer::singleShot(remaining, this, &ScrivaPkcs11::onMinimalOpenWindowTimeReached);
+        // Precise: a coarse timer may fire a twentieth of its interval early.
+        QTimer::singleShot(remaining, Qt::PreciseTimer, this, &ScrivaPkcs11::onMinimalOpenWindowTimeReached);
 }
 
 void ScrivaPkcs11::onMinimalOpenWindowTimeReached()
