@@ -269,6 +269,13 @@ private slots:
                  "PKCS#11 method C_GetAttributeValue returned error CKR_OBJECT_HANDLE_INVALID (0x00000082)");
         QCOMPARE(library->getAttributeValue(session, findOne(CKO_PUBLIC_KEY), CKA_PUBLIC_EXPONENT),
                  QByteArray::fromHex("010001"));
+        // The token cancels the context login on its PIN pad: the signature ends there.
+        open({"pin_pad_pin=" + userPin, "cancel_calls=C_LoginContext", "always_authenticate=1"});
+        QCOMPARE(attempt([&] {
+                     library->login(session, slotInfo, tokenInfo, true);
+                     library->signHash(session, findOne(CKO_PRIVATE_KEY), &rsa, "data", true, slotInfo, tokenInfo);
+                 }).error,
+                 "OperationCanceled");
     }
 
     // Each C_FindObjects is asked with a count of 0 and answers how many of at most eight it gave.

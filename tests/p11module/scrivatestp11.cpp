@@ -13,6 +13,7 @@
 //   token_info_fail_label=Broken  C_GetTokenInfo of the token with this label fails ...
 //   token_info_fail_rv=0x30       ... with this value (default CKR_DEVICE_ERROR)
 //   cancel_calls=C_Login,C_Sign   C_Login, and C_Sign into a buffer, answer CKR_FUNCTION_CANCELED
+//                                 (C_LoginContext: only the context-specific logins)
 //   always_authenticate=1         private keys read CKA_ALWAYS_AUTHENTICATE = true, and signing
 //                                 needs a CKU_CONTEXT_SPECIFIC login ...
 //   context_pin=5678              ... with this PIN (a null PIN is accepted with a PIN pad)
@@ -173,7 +174,7 @@ CK_RV testLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType, CK_UTF8CHAR_PT
     std::lock_guard<std::mutex> lock(mutex);
     if (pinLocked())
         return CKR_PIN_LOCKED;
-    if (listed("cancel_calls", "C_Login"))
+    if (listed("cancel_calls", "C_Login") || (userType == CKU_CONTEXT_SPECIFIC && listed("cancel_calls", "C_LoginContext")))
         return CKR_FUNCTION_CANCELED;
     if (userType == CKU_CONTEXT_SPECIFIC && contextLogins.count(session)) {
         // Without a PIN only the PIN pad can log in.
