@@ -309,6 +309,7 @@ private slots:
         clock.step(6 * 1200 + 300);
         compareLook(&window, "window-quarter-turn");
         window.hide();
+        QTRY_VERIFY(!clock.isRunning()); // hidden, the arc costs nothing
         window.show();
         compareLook(&window, "window-start");
 
