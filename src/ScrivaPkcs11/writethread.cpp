@@ -27,17 +27,19 @@ void WriteThread::addJsonDocument(QJsonDocument document)
 {
     // With the thread idle and nothing queued before it, the answer may go out at once, which
     // spares a thread switch per answer.
+    // Made once here, also when the write thread sends it.
+    const QByteArray bytes = document.toJson(QJsonDocument::Compact);
     QMutexLocker locker(&queueMutex);
-    if (queue.isEmpty() && !writing && writeNowIfRoom(document))
+    if (queue.isEmpty() && !writing && writeNowIfRoom(bytes))
         return;
-    queue.append(document);
+    queue.append(bytes);
     queued.wakeOne();
 }
 
 // A pipe takes a write of at most PIPE_BUF bytes whole or not at all, and has room for one when
 // it polls writable: the caller never waits for a browser that has stopped reading. Anything
 // else, a failed write included, is left to the thread, which reports it.
-bool WriteThread::writeNowIfRoom(const QJsonDocument& document)
+bool WriteThread::writeNowIfRoom(const QByteArray& bytes)
 {
     static const bool toPipe = [] {
         struct stat status;
@@ -45,7 +47,6 @@ bool WriteThread::writeNowIfRoom(const QJsonDocument& document)
     }();
     if (!toPipe)
         return false;
-    const QByteArray bytes = document.toJson(QJsonDocument::Compact);
     char frame[PIPE_BUF];
     const std::size_t size = sizeof(quint32) + std::size_t(bytes.size());
     if (size > sizeof(frame))
@@ -64,7 +65,11 @@ bool WriteThread::writeNowIfRoom(const QJsonDocument& document)
 
 void WriteThread::writeToStdout(const QJsonDocument& document)
 {
-    const QByteArray bytes = document.toJson(QJsonDocument::Compact);
+    writeFrame(document.toJson(QJsonDocument::Compact));
+}
+
+void WriteThread::writeFrame(const QByteArray& bytes)
+{
     // The limit named in the message is 1048576, but a document of exactly that size is refused too.
     if (bytes.size() > maximumOutgoingSize - 1)
         throw APP_EXCEPTION(QStringLiteral("Outgoing JSON message size %1 exceedes maximum allowed size %2")
@@ -83,12 +88,12 @@ void WriteThread::run()
         QMutexLocker locker(&queueMutex);
         for (;;) {
             while (!queue.isEmpty()) {
-                const QJsonDocument document = queue.takeFirst();
+                const QByteArray bytes = queue.takeFirst();
                 // Written unlocked: a browser slow to read holds up this thread only, never the
                 // one that queues the next answer.
                 writing = true;
                 locker.unlock();
-                writeToStdout(document);
+                writeFrame(bytes);
                 locker.relock();
                 writing = false;
             }

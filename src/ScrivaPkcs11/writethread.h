@@ -29,9 +29,10 @@ protected:
     void run() override;
 
 private:
-    bool writeNowIfRoom(const QJsonDocument& document);
+    bool writeNowIfRoom(const QByteArray& bytes);
+    void writeFrame(const QByteArray& bytes);
 
-    QList<QJsonDocument> queue;
+    QList<QByteArray> queue; // the answers' JSON text
     bool writing = false;
     QMutex queueMutex;
     QWaitCondition queued;
