@@ -121,6 +121,9 @@ private slots:
         QCOMPARE(outcome.error, error);
         QVERIFY2(QRegularExpression(cause).match(outcome.cause).hasMatch(), qPrintable(outcome.cause));
         QCOMPARE(TraceSwitch::trace().filter(QRegularExpression("^(  Flags|C_Initialize ret|C_Finalize ret)")), trace);
+        // Whatever happened, the module is no longer mapped (libc, the row without a function list, stays).
+        if (error != "UnableToFind")
+            QVERIFY(!dlopen(qPrintable(module), RTLD_LAZY | RTLD_NOLOAD));
     }
 
     // A module without slots is still given a buffer, an empty one, for its second answer.
@@ -269,6 +272,11 @@ private slots:
                  "PKCS#11 method C_GetAttributeValue returned error CKR_OBJECT_HANDLE_INVALID (0x00000082)");
         QCOMPARE(library->getAttributeValue(session, findOne(CKO_PUBLIC_KEY), CKA_PUBLIC_EXPONENT),
                  QByteArray::fromHex("010001"));
+        // A value the module calls unavailable without an error is still asked for, with no buffer.
+        open({"unavailable_type=0x122"});
+        TraceSwitch::set(true);
+        QCOMPARE(library->getAttributeValue(session, findOne(CKO_PUBLIC_KEY), CKA_PUBLIC_EXPONENT), QByteArray());
+        QCOMPARE(TraceSwitch::trace().count("Going to call C_GetAttributeValue"), 2);
         // The token cancels the context login on its PIN pad: the signature ends there.
         open({"pin_pad_pin=" + userPin, "cancel_calls=C_LoginContext", "always_authenticate=1"});
         QCOMPARE(attempt([&] {
@@ -315,6 +323,11 @@ private slots:
         const QStringList trace = TraceSwitch::trace();
         QCOMPARE(trace.count("Going to call C_CloseSession"), trace.count("Going to call C_OpenSession"));
         QVERIFY(trace.contains(" hObject: 0") && trace.contains(" *phSession: 0"));
+        // An unavailable platform is not asked for a second time.
+        open({"unavailable_type=0x80001070"}, Pkcs11Library::SignatureTypeDefault, "Monet+ ProID+Q");
+        TraceSwitch::set(true);
+        QCOMPARE(library->getTokenPlatform(slot), QString());
+        QCOMPARE(TraceSwitch::trace().count("Going to call C_GetAttributeValue"), 1);
     }
 };
 

@@ -19,6 +19,7 @@
 //   context_pin=5678              ... with this PIN (a null PIN is accepted with a PIN pad)
 //   token_platform=Platform text  vendor attribute 0x80001070 of object handle 0
 //   kov_data_hex=3003020101       vendor attribute 0x80000007 of public keys
+//   unavailable_type=0x122        this attribute of any object answers CKR_OK with an unavailable length
 //   no_slots=1                    C_GetSlotList reports no slots
 //   hold_calls=C_GenerateKeyPair  these calls first create <hold_dir>/<call>.entered, so a test knows
 //   hold_dir=/tmp/gates           the host is inside, then wait until <hold_dir>/<call>.release exists
@@ -212,6 +213,10 @@ CK_RV testGetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, 
     std::lock_guard<std::mutex> lock(mutex);
     CK_ATTRIBUTE& attribute = attributes[0];
     std::string value;
+    if (has("unavailable_type") && attribute.type == number("unavailable_type")) {
+        attribute.ulValueLen = CK_UNAVAILABLE_INFORMATION;
+        return CKR_OK;
+    }
     if (object == 0 && has("token_platform")) {
         // Handle 0 names no real object; the vendor attribute lives there.
         if (attribute.type != tokenPlatformAttribute) {
