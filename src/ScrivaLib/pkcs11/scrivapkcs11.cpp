@@ -57,8 +57,6 @@ ScrivaPkcs11::~ScrivaPkcs11()
     abandonOperation();
     mainWindow->hide();
     mainWindow->deleteLater();
-    if (languageTranslator)
-        QCoreApplication::removeTranslator(languageTranslator.get());
 }
 
 ScrivaPkcs11::AsyncOperation ScrivaPkcs11::runningOperation() const
@@ -456,8 +454,7 @@ void ScrivaPkcs11::setLanguage(const QString& language)
     auto translator = std::make_unique<QTranslator>();
     if (!translator->load(file))
         throw APP_EXCEPTION(QStringLiteral("UnsupportedLanguage"));
-    if (languageTranslator)
-        QCoreApplication::removeTranslator(languageTranslator.get());
+    // A translator takes itself out of the application when it is destroyed.
     languageTranslator.reset();
     if (!QCoreApplication::installTranslator(translator.get()))
         throw APP_EXCEPTION(QStringLiteral("LanguageInstallationFailed"));
