@@ -1,5 +1,6 @@
 #include "appexception.h"
 #include "devpki.h"
+#include "pkcs11/XmlParser/ckattributeparser.h"
 #include "pkcs11/XmlParser/pkcs11operationdataparser.h"
 #include "pkcs11/XmlParser/scrivanamespaces.h"
 #include "pkcs11/XmlParser/scrivapkcs11inputxmlparser.h"
@@ -352,6 +353,23 @@ private slots:
         QCOMPARE(warned(parser.parseOperationData(&reader, static_cast<GetSlotsOperationData**>(nullptr))), "Output pointer to pointer is NULL!");
         QCOMPARE(warned(parser.parseOperationData(&reader, &taken)), "Dereferenced output pointer to pointer is not NULL!");
         QCOMPARE(warned(parser.parseLibraryData(&reader, &takenLibrary)), "Dereferenced output pointer to pointer is not nullptr!");
+        Location location;
+        CK_ATTRIBUTE attribute{};
+        const CkAttributeParser attributes;
+        QCOMPARE(warned(parser.parseLocation(nullptr, &location)), "QXmlStreamReader is NULL!");
+        QCOMPARE(warned(parser.parseLocation(&reader, nullptr)), "Location output parameter is NULL!");
+        QCOMPARE(warned(parser.parseAttribute(nullptr, &attribute, "Public")), "QXmlStreamReader is nullptr!");
+        QCOMPARE(warned(parser.parseAttribute(&reader, nullptr, "Public")), "CK_ATTRIBUTE output parameter is nullptr!");
+        QCOMPARE(warned(parser.parseAttribute(&reader, &attribute, {})),
+                 "Parent element name is null or empty. Unable to determine the CK_ATTRIBUTE type!");
+        QCOMPARE(warned(parser.validate({}, ScrivaNamespaces::version20260204())), "XML is null or empty!");
+        QCOMPARE(warned(parser.validate("<GetSlots/>", {})), "XML namespace is null or empty!");
+        QCOMPARE(warned(parser.validate("<GetSlots/>", "urn:other")), "Unable to find XSD schema for provided XML namespace!");
+        QCOMPARE(warned(attributes.translateBool("true", nullptr) == CKR_OK), "Output parameter is NULL!");
+        for (const auto& get : {&CkAttributeParser::getAttributeString, &CkAttributeParser::getAttributeHexByteArray,
+                                &CkAttributeParser::getAttributeBoolean, &CkAttributeParser::getAttributeUnsignedLong,
+                                &CkAttributeParser::getAttributeDate})
+            QCOMPARE(warned((attributes.*get)(CKA_LABEL, "1", nullptr)), "Output parameter is NULL!");
     }
 
     void recordsRefuseAndCopiesOwnTheirBuffers()
