@@ -160,6 +160,10 @@ private slots:
         QTest::newRow("PIN pad") << QStringList("pin_pad_pin=" + userPin) << "" << true << none << "" << none;
         QTest::newRow("cancelled on the PIN pad") << QStringList({"pin_pad_pin=" + userPin, "cancel_calls=C_Login"}) << ""
                                                   << true << none << "OperationCanceled" << none;
+        QTest::newRow("cancelled on the PIN pad, going on") << QStringList({"pin_pad_pin=" + userPin, "cancel_calls=C_Login"})
+                                                            << "" << false << none << "" << none;
+        QTest::newRow("token fails the login") << QStringList("login_rv=0x30") << "" << true << QStringList("pin:" + userPin)
+            << "PKCS#11 method C_Login returned error CKR_DEVICE_ERROR (0x00000030)" << form;
         QTest::newRow("host ending") << none << "before" << true << none << "Scriva is terminating" << none;
         // The PIN typed into the form never reaches the token.
         QTest::newRow("host ending while the form is open") << none << "during" << true << QStringList("pin:" + userPin)
@@ -284,6 +288,38 @@ private slots:
                      library->signHash(session, findOne(CKO_PRIVATE_KEY), &rsa, "data", true, slotInfo, tokenInfo);
                  }).error,
                  "OperationCanceled");
+    }
+
+    // A remembered context PIN that is not saved, a cancelled or locked context login, a refused
+    // signing start: each ends the signature with its own word.
+    void contextLoginAndSigningFailures()
+    {
+        QVERIFY(store->generateRsaKeyPair("Engine Token", userPin, "01", "Signing Key"));
+        CK_MECHANISM rsa = {CKM_SHA256_RSA_PKCS, nullptr, 0};
+        const auto sign = [&](const QStringList& answers, CK_MECHANISM* mechanism) {
+            user.script(answers);
+            return attempt([&] {
+                library->login(session, slotInfo, tokenInfo, true);
+                library->signHash(session, findOne(CKO_PRIVATE_KEY), mechanism, "data", true, slotInfo, tokenInfo);
+            }).error;
+        };
+        const QStringList config{"pin_pad_pin=" + userPin, "always_authenticate=1", "context_pin=ctx-2", "lock_after_wrong_pins=1"};
+        open(config, Pkcs11Library::SignatureTypeCachedContextPin);
+        QCOMPARE(sign({"pin:ctx-2"}, &rsa), QString());
+        QCOMPARE(sign({"pin:ctx-2"}, &rsa), QString()); // not saved: asked again
+        QCOMPARE(sign({"pin:bad", "ok", "pin:ctx-2"}, &rsa), "PinBlocked");
+        QCOMPARE(user.seen(), QStringList({"context form", pinIncorrect.arg("Signature PIN"), "context form"}));
+        open(config, Pkcs11Library::SignatureTypeCachedContextPin);
+        CK_MECHANISM digest = {CKM_SHA256, nullptr, 0};
+        QCOMPARE(sign({}, &digest), "PKCS#11 method C_SignInit returned error CKR_MECHANISM_INVALID (0x00000070)");
+        QCOMPARE(sign({"cancel"}, &rsa), "OperationCanceled");
+        open({"pin_pad_pin=" + userPin, "cancel_calls=C_SignInit"});
+        QCOMPARE(sign({}, &rsa), "OperationCanceled");
+        // Not after a signing start: the token refuses the context login itself.
+        open({});
+        user.script({"pin:" + userPin});
+        QCOMPARE(attempt([&] { library->contextLogin(session, slotInfo, tokenInfo); }).error,
+                 "PKCS#11 method C_Login returned error CKR_OPERATION_NOT_INITIALIZED (0x00000091)");
     }
 
     // Each C_FindObjects is asked with a count of 0 and answers how many of at most eight it gave.

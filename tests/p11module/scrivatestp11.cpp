@@ -12,8 +12,9 @@
 //                                 CKF_USER_PIN_FINAL_TRY (both: count_low,final_try)
 //   token_info_fail_label=Broken  C_GetTokenInfo of the token with this label fails ...
 //   token_info_fail_rv=0x30       ... with this value (default CKR_DEVICE_ERROR)
-//   cancel_calls=C_Login,C_Sign   C_Login, and C_Sign into a buffer, answer CKR_FUNCTION_CANCELED
+//   cancel_calls=C_Login,C_Sign   C_Login, C_SignInit, and C_Sign into a buffer, answer CKR_FUNCTION_CANCELED
 //                                 (C_LoginContext: only the context-specific logins)
+//   login_rv=0x30                 every C_Login answers this value
 //   always_authenticate=1         private keys read CKA_ALWAYS_AUTHENTICATE = true, and signing
 //                                 needs a CKU_CONTEXT_SPECIFIC login ...
 //   context_pin=5678              ... with this PIN (a null PIN is accepted with a PIN pad)
@@ -177,6 +178,8 @@ CK_RV testLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType, CK_UTF8CHAR_PT
         return CKR_PIN_LOCKED;
     if (listed("cancel_calls", "C_Login") || (userType == CKU_CONTEXT_SPECIFIC && listed("cancel_calls", "C_LoginContext")))
         return CKR_FUNCTION_CANCELED;
+    if (has("login_rv"))
+        return number("login_rv");
     if (userType == CKU_CONTEXT_SPECIFIC && contextLogins.count(session)) {
         // Without a PIN only the PIN pad can log in.
         if (pin ? std::string(pin, pin + pinLength) != text("context_pin") : !has("pin_pad_pin")) {
@@ -247,6 +250,8 @@ CK_RV testGetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, 
 CK_RV testSignInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE key)
 {
     std::lock_guard<std::mutex> lock(mutex);
+    if (listed("cancel_calls", "C_SignInit"))
+        return CKR_FUNCTION_CANCELED;
     const CK_RV rv = target->C_SignInit(session, mechanism, key);
     contextLogins.erase(session);
     if (rv == CKR_OK && number("always_authenticate") && hasClass(session, key, CKO_PRIVATE_KEY))

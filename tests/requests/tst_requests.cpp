@@ -287,6 +287,16 @@ private slots:
             {"ShowPinForm", "ShowPinFormParsed was not parsed!"}};
         for (const auto& [element, warning] : libraryRows)
             QTest::addRow("library without %s", qPrintable(element)) << without(library, element) << warning;
+        const QList<QPair<QString, QString>> csrRows{
+            {"PublicKeyAttributes", "No private key attribute was parsed!"},
+            {"PrivateKeyAttributes", "No private key attribute was parsed!"},
+            {"TokenSerialNumber", "Token serial number is null or empty!"}, {"CsrSubject", "CsrSubject is null or empty!"},
+            {"EnrollmentCspProvider", "EnrollmentCspProvider is null or empty!"}, {"CsrType", "CsrType was not parsed!"},
+            {"GenerateKeyPairMechanism", "GenerateKeyPairMechanism was not parsed!"},
+            {"CsrDigestMechanism", "CsrDigestMechanism was not parsed!"},
+            {"CsrSigningMechanism", "CsrSigningMechanism was not parsed!"}};
+        for (const auto& [element, warning] : csrRows)
+            QTest::addRow("request without %s", qPrintable(element)) << without("<GenerateCsr>" + csr, element) << warning;
         const auto row = [](const char* name, const QString& fragment, const QString& expected) {
             QTest::newRow(name) << fragment << expected;
         };
