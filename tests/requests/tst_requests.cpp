@@ -8,6 +8,7 @@
 #include "pkcs11/XmlParser/OperationData/OperationSpecific/generatecsroperationdata.h"
 #include "pkcs11/XmlParser/OperationData/OperationSpecific/getcertificatesoperationdata.h"
 #include "pkcs11/XmlParser/OperationData/OperationSpecific/getslotsoperationdata.h"
+#include "terminatingflag.h"
 #include "testrequests.h"
 #include "x509certificate2ultra.h"
 
@@ -123,6 +124,13 @@ QString readElement(QXmlStreamReader* reader)
     return accepted && !atItsEnd ? QStringLiteral("read past its end") : warned(accepted) + value;
 }
 
+// What each record's copy from nothing throws.
+template<typename... Record>
+QStringList copiesFromNothing()
+{
+    return {TestRequests::refusal([] { [[maybe_unused]] const Record copy(static_cast<const Record*>(nullptr)); })...};
+}
+
 CkAttributeList someAttributes()
 {
     CkAttributeList list;
@@ -213,6 +221,7 @@ private slots:
         // Valid for the schema, refused by the reader.
         row("GetSlots request holding GetCertificates", "getslots:getcertificates-2022", {}, {}, "Unexpected element!");
         row("GenerateCsr request holding CreateObject", "generatecsr:createobject-2026", {}, {}, "Unexpected element!");
+        row("empty PIN name", "getslots-2026", ">User PIN<", "><", "Unable to parse Pkcs11Library data!", "Pin1Name is null or empty!");
         row("empty serial", "getcertificates-2026", ">0123456789ABCDEF<", "><", operationRefused, "Token serial number is null or empty!");
         row("key attribute bool 0", "generatecsr-2026", "<Value>false<", "<Value>0<", operationRefused,
             "Unable to parse a CK_ATTRIBUTE!");
@@ -407,6 +416,26 @@ private slots:
         original.reset(); // the copies must not depend on anything the originals freed
         QCOMPARE(describe(*copy.getOperationData()), "01/label 3 1 592 30 p 1 3=01,3=6c6162656c 3=01,3=6c6162656c");
         QCOMPARE(copy.getLibraryData()->getVendorExtensions() + copy.getNonce(), "ext" + requestNonce);
+        auto object = std::make_unique<CreateObjectOperationData>("01", "label", someAttributes());
+        const CreateObjectOperationData objectCopy(object.get());
+        object.reset();
+        QCOMPARE(describe(objectCopy), "01/label 3=01,3=6c6162656c");
+        const GetCertificatesOperationData certificates("01", "label");
+        QCOMPARE(describe(GetCertificatesOperationData(&certificates)), "01/label");
+        const Location location(&locations.first());
+        QCOMPARE(location.getPath() + QString::number(int(location.getArchitecture())), "a.so2");
+        QCOMPARE((copiesFromNothing<Location, Pkcs11LibraryData, GetSlotsOperationData, GetCertificatesOperationData,
+                                    CreateObjectOperationData, GenerateCsrOperationData>()),
+                 QStringList(5, "Other is NULL!") << "Other is null!");
+    }
+
+    // A host that is quitting stops checking a request between its stages.
+    void quittingHostStopsReading()
+    {
+        TerminatingFlag::set();
+        const QString result = outcome("getslots", edited("getslots-2022"));
+        TerminatingFlag::reset();
+        QCOMPARE(result, "Scriva is terminating");
     }
 
     void parseOpensOnlyAnEnvelopeFromATrustedSigner()
