@@ -349,8 +349,8 @@ QByteArray Pkcs11Library::readAttribute(CK_SESSION_HANDLE session, CK_OBJECT_HAN
         attribute.pValue = value.data();
     }
     PKCS11_CHECK("C_GetAttributeValue", functions->C_GetAttributeValue(session, object, &attribute, 1));
-    if (attribute.pValue && attribute.ulValueLen <= static_cast<CK_ULONG>(value.size()))
-        value.truncate(static_cast<qsizetype>(attribute.ulValueLen));
+    // Never longer than the buffer, whatever length the module reports.
+    value.truncate(static_cast<qsizetype>(std::min<CK_ULONG>(attribute.ulValueLen, static_cast<CK_ULONG>(value.size()))));
     return value;
 }
 

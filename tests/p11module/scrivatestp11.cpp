@@ -18,7 +18,8 @@
 //   always_authenticate=1         private keys read CKA_ALWAYS_AUTHENTICATE = true, and signing
 //                                 needs a CKU_CONTEXT_SPECIFIC login ...
 //   context_pin=5678              ... with this PIN (a null PIN is accepted with a PIN pad)
-//   token_platform=Platform text  vendor attribute 0x80001070 of object handle 0
+//   token_platform=Platform text  vendor attribute 0x80001070 of object handle 0, whose length query
+//                                 answers more than the text fills
 //   kov_data_hex=3003020101       vendor attribute 0x80000007 of public keys
 //   unavailable_type=0x122        this attribute of any object answers CKR_OK with an unavailable length
 //   no_slots=1                    C_GetSlotList reports no slots
@@ -236,7 +237,7 @@ CK_RV testGetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, 
         return target->C_GetAttributeValue(session, object, attributes, count);
     }
     if (!attribute.pValue) {
-        attribute.ulValueLen = value.size();
+        attribute.ulValueLen = value.size() + (object == 0 ? 8 : 0);
         return CKR_OK;
     }
     if (attribute.ulValueLen < value.size()) {
