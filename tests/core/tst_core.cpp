@@ -4,6 +4,7 @@
 #include "pkcs11/ui/mainwindowpkcs11.h"
 #include "pkcs11exception.h"
 #include "secretpin.h"
+#include "testrequests.h"
 #include "x509certificate2ultra.h"
 
 #include <QApplication>
@@ -26,11 +27,7 @@ X509Certificate2Ultra certificate()
 
 QString errorOf(ScrivaPkcs11& instance, QString properties)
 {
-    try {
-        return instance.setProperty(properties), QString();
-    } catch (const AppException& e) {
-        return e.getMessage();
-    }
+    return TestRequests::refusal([&] { instance.setProperty(properties); });
 }
 
 QStringList read(const QString& path, const QString& pattern = {})
@@ -257,11 +254,10 @@ private slots:
         QVERIFY(translator.load(QCoreApplication::applicationDirPath() + "/../share/translations/Scriva_" + language));
         const QStringList words = read(SCRIVA_TEST_DATA_DIR "/errorwords.txt");
         QVERIFY(words.size() > 15);
-        for (const QString& word : words) {
+        for (const QString& word : words)
             for (const QString& context : contexts)
                 QVERIFY2(translator.translate(context.toUtf8().constData(), word.toUtf8().constData()).isEmpty(),
                          qPrintable(word + " is translated in " + context));
-        }
         for (const char* key : {"AppName", "Pkcs11FileDialogText", "GetSlotsDescription", "GetCertificatesDescription",
                                 "GenerateCsrDescription", "CreateObjectDescription"}) {
             const QString text = translator.translate("MainWindowPkcs11", key);

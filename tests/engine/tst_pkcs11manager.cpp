@@ -238,19 +238,17 @@ private slots:
 
     void generatedCsrIsSignedByTheNewTokenKey_data()
     {
-        QTest::addColumn<QString>("request");
-        QTest::addColumn<bool>("testModule"); // KovData and a signature PIN
+        QTest::addColumn<bool>("testModule"); // 2026-02-04 with KovData and a signature PIN, else 2022-12-29 on SoftHSM
         QTest::addColumn<CK_MECHANISM_TYPE>("digest");
         QTest::addColumn<QString>("algorithm");
-        QTest::newRow("2022-12-29 on SoftHSM, SHA-1") << "generatecsr-2022" << false << CKM_SHA_1 << "sha1WithRSAEncryption";
-        QTest::newRow("2022-12-29 on SoftHSM, SHA-384") << "generatecsr-2022" << false << CKM_SHA384 << "sha384WithRSAEncryption";
-        QTest::newRow("2026-02-04, SHA-256") << "generatecsr-2026" << true << CKM_SHA256 << "sha256WithRSAEncryption";
-        QTest::newRow("2026-02-04, SHA-512") << "generatecsr-2026" << true << CKM_SHA512 << "sha512WithRSAEncryption";
+        QTest::newRow("2022-12-29 on SoftHSM, SHA-1") << false << CKM_SHA_1 << "sha1WithRSAEncryption";
+        QTest::newRow("2022-12-29 on SoftHSM, SHA-384") << false << CKM_SHA384 << "sha384WithRSAEncryption";
+        QTest::newRow("2026-02-04, SHA-256") << true << CKM_SHA256 << "sha256WithRSAEncryption";
+        QTest::newRow("2026-02-04, SHA-512") << true << CKM_SHA512 << "sha512WithRSAEncryption";
     }
 
     void generatedCsrIsSignedByTheNewTokenKey()
     {
-        QFETCH(QString, request);
         QFETCH(bool, testModule);
         QFETCH(CK_MECHANISM_TYPE, digest);
         QFETCH(QString, algorithm);
@@ -261,7 +259,8 @@ private slots:
         QSignalSpy pinRequests(&manager, &Pkcs11Manager::pinRequestedSignal);
         TraceSwitch::set(true);
         user.script(QStringList({"pin:" + userPin, "pin:sig-pin"}).mid(0, testModule ? 2 : 1));
-        const Outcome outcome = run(&Pkcs11Manager::generateCsr, request, replacements);
+        const Outcome outcome = run(&Pkcs11Manager::generateCsr, testModule ? "generatecsr-2026" : "generatecsr-2022",
+                                    replacements);
         QCOMPARE(outcome.error, QString());
         QCOMPARE(user.seen(), testModule ? QStringList({"form", "form"}) : QStringList("form"));
         QCOMPARE(pinRequests.count(), user.seen().size());
