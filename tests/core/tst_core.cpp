@@ -154,8 +154,7 @@ private slots:
         QTest::newRow("not an object") << QStringList{"{MinimalWindowDisplayTime", "[1]"}
             << QStringList{"Unable to parse properties as JSON structure", "Unable to convert properties to JSON object"};
         QTest::newRow("language") << QStringList{"{\"Language\": 5}", "{\"Language\": \"xx\"}", "{\"Language\": \"../../bin/x\"}"}
-                                  << QStringList{"JSON node Language has invalid value", "UnsupportedLanguage",
-                                                 "UnsupportedLanguage"};
+            << QStringList{"JSON node Language has invalid value", "UnsupportedLanguage", "UnsupportedLanguage"};
         const QString base64 = QString::fromLatin1(certificate().toDer().toBase64());
         const QString certificate = "{\"ResponseSigningCertificate\": %1}";
         const QString unreadable = "JSON node ResponseSigningCertificate has invalid value: Unable to read << ";

@@ -7,6 +7,7 @@
 #include "testrequests.h"
 
 #include <QProcess>
+#include <QSslCertificate>
 
 using namespace EngineTest;
 
@@ -15,7 +16,6 @@ namespace {
 const QString nonce = QStringLiteral("engine-test-nonce-0001");
 // What the sample requests in tests/data/requests name, replaced for each test.
 const QString samplePath = QStringLiteral("/usr/lib/x86_64-linux-gnu/softhsm/libsofthsm2.so");
-const QString sampleSerial = QStringLiteral("0123456789ABCDEF");
 const QString sampleLabel = QStringLiteral("<Label>Scriva token</Label>");
 const QString sampleExtensions = QStringLiteral("<VendorExtensions>{\"reader\":\"any\"}</VendorExtensions>");
 const QString platformExtensions = QStringLiteral("<VendorExtensions>Monet+ ProID+Q</VendorExtensions>");
@@ -43,8 +43,7 @@ QString slotXml(long id, const QString& token, const QString& platform)
                          "false</HasProtectedAuthPath></TokenInfo>").arg(token.section(':', 0, 0), token.section(':', 1));
     return QStringLiteral("<Slot><SlotId>%1</SlotId><SlotInfoRv>0</SlotInfoRv><SlotInfo><Manufacturer>SoftHSM project"
                           "</Manufacturer><Description>SoftHSM slot ID 0x%2</Description></SlotInfo>%3%4</Slot>")
-        .arg(id)
-        .arg(id, 0, 16)
+        .arg(id).arg(id, 0, 16)
         .arg(info, platform.isNull() ? QString() : "<TokenPlatform>" + platform + "</TokenPlatform>");
 }
 
@@ -62,8 +61,6 @@ QString sorted(QString xml, const QString& name)
     xml.remove(element);
     return start < 0 ? xml : xml.insert(start, found.join(QString()));
 }
-
-const QString subjectHex = QStringLiteral("301E311C301A06035504030C135363726976612054657374205375626A656374");
 
 } // namespace
 
@@ -88,7 +85,7 @@ class TestPkcs11Manager : public QObject
                 const QString& name, const QMap<QString, QString>& replacements = {})
     {
         QMap<QString, QString> all{{samplePath, SoftHsmToken::testModulePath()},
-                                   {sampleSerial, store->serialNumber("Alpha")},
+                                   {"0123456789ABCDEF", store->serialNumber("Alpha")},
                                    {sampleLabel, "<Label>Alpha</Label>"},
                                    {sampleExtensions, "<VendorExtensions></VendorExtensions>"}};
         all.insert(replacements);
@@ -205,18 +202,16 @@ private slots:
         QString certificates;
         for (const QString name : {"Certificate 1", "Certificate 2"}) {
             QVERIFY(!openssl({"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout", "cert.key",
-                              "-subj", "/CN=" + name, "-outform", "DER", "-out", "cert.der"}).startsWith("failed"));
-            QFile der(work.filePath("cert.der"));
-            QVERIFY(der.open(QIODevice::ReadOnly));
-            certificates += "<Certificate>" + openssl({"x509", "-inform", "DER", "-in", "cert.der"}) + "</Certificate>";
+                              "-subj", "/CN=" + name, "-out", "cert.pem"}).startsWith("failed"));
+            const QSslCertificate certificate = QSslCertificate::fromPath(work.filePath("cert.pem")).value(0);
+            certificates += "<Certificate>" + certificate.toPem() + "</Certificate>";
             user.script({"pin:" + userPin});
             QCOMPARE(run(&Pkcs11Manager::createObject, "createobject-2026",
                          objectAttributes(attribute("UnsignedLong", CKA_CLASS, "1")
                                           + attribute("UnsignedLong", CKA_CERTIFICATE_TYPE, "0")
                                           + attribute("Bool", CKA_TOKEN, "true") + attribute("Bool", CKA_PRIVATE, "false")
-                                          + attribute("ByteArray", CKA_SUBJECT, subjectHex)
-                                          + attribute("ByteArray", CKA_VALUE, der.readAll().toHex())))
-                         .error,
+                                          + attribute("ByteArray", CKA_SUBJECT, "3000")
+                                          + attribute("ByteArray", CKA_VALUE, certificate.toDer().toHex()))).error,
                      QString());
         }
         QVERIFY(configureModule(work, {"token_platform=Q3"}));
@@ -227,8 +222,7 @@ private slots:
             QCOMPARE(sorted(outcome.document, "Certificate"),
                      sorted(answer(request, "GetCertificates",
                                    slotXml(store->slotId("Alpha"), alpha, request.endsWith("2026") ? "Q3" : QString())
-                                       + "<Certificates>" + certificates + "</Certificates>"),
-                            "Certificate"));
+                                       + "<Certificates>" + certificates + "</Certificates>"), "Certificate"));
         }
         TraceSwitch::set(true);
         QCOMPARE(run(&Pkcs11Manager::getCertificates, "getcertificates-2026", {{sampleLabel, "<Label>Beta</Label>"}}).error,

@@ -51,8 +51,7 @@ private slots:
         const auto version = [](const QString& id = {}) { return answer("GetVersion", QJsonValue::Null, "2.6.1 (qt)", id); };
 
         const QList<std::pair<QByteArray, QString>> firstMessages{
-            {"{}", "Received empty JSON message"},
-            {"[{\"method\":\"x\"}]", "Received empty JSON message"},
+            {"{}", "Received empty JSON message"}, {"[{\"method\":\"x\"}]", "Received empty JSON message"},
             {"{\"id\":\"1\"}", "Received JSON message does not specify NM method"},
             {"{\"method\":\"ScrivaPkcs11.1.0.0.qt.QES.GetSlots\"}", "Invalid NM method: ScrivaPkcs11.1.0.0.qt.QES.GetSlots"},
             {"{\"method\":\"ScrivaPkcs11.1.0.1.qt.QES.CreateInstance\"}", "Unsupported NM version: 1.0.1"},

@@ -1,5 +1,4 @@
 // Server-signed requests: the CMS envelope, the signer's chain, policy and validity period.
-#include "appexception.h"
 #include "devpki.h"
 #include "ownedresource.h"
 #include "responsecryptoprocessor.h"
