@@ -93,17 +93,18 @@ void answerForm(const QString& pin, const char* button, QString* fieldText = nul
                       Qt::LeftButton);
 }
 
-// The form runs its own modal loop, so the answer comes from a timer that fires inside it.
+// The form and the wrong-PIN message run their own modal loop, so the answer comes from a timer
+// that fires inside it; `answer` gets the form, or null for the message.
 void answerWhenOpen(QObject* context, std::function<void(PinForm*)> answer)
 {
     auto* timer = new QTimer(context);
     QObject::connect(timer, &QTimer::timeout, context, [timer, answer] {
-        PinForm* form = PinForm::openForm();
-        if (!form || !form->isVisible())
+        QWidget* open = QApplication::activeModalWidget();
+        if (!open || !open->isVisible())
             return;
         timer->stop();
         timer->deleteLater();
-        answer(form);
+        answer(qobject_cast<PinForm*>(open));
     });
     timer->start(20);
 }
@@ -196,15 +197,8 @@ private slots:
             return askPin(launcher);
         });
         // Closed from inside the dialog's own modal loop, as a Terminate arriving then would.
-        QTimer closer;
-        connect(&closer, &QTimer::timeout, this, [&] {
-            QWidget* open = QApplication::activeModalWidget();
-            if (open && open->isVisible())
-                launcher.closeDialogs();
-        });
-        closer.start(20);
+        answerWhenOpen(this, [&](PinForm*) { launcher.closeDialogs(); });
         QTRY_VERIFY(asked.isFinished());
-        closer.stop();
         QCOMPARE(asked.result(), QString(message ? "acknowledged" : ""));
         QTRY_VERIFY(!PinForm::openForm() && !QApplication::activeModalWidget());
 
