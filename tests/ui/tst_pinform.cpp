@@ -19,7 +19,7 @@
 
 #include <cstring>
 #include <functional>
-#include <optional>
+#include <memory>
 
 namespace {
 
@@ -267,9 +267,7 @@ private slots:
         form.show();
         QVERIFY(QTest::qWaitForWindowActive(&form));
         QTest::keyClicks(form.focusWidget(), QStringLiteral("12"));
-        std::optional<Catalogue> other;
-        if (!switchedTo.isEmpty())
-            other.emplace(switchedTo);
+        const auto other = switchedTo.isEmpty() ? nullptr : std::make_unique<Catalogue>(switchedTo);
         auto* label = form.findChild<QLabel*>(QStringLiteral("lblPinWarning"));
         QTRY_COMPARE(label->isVisible() ? label->text() : QString(), warning);
         QTRY_COMPARE(form.size(), form.sizeHint());
