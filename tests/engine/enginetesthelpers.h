@@ -98,7 +98,6 @@ inline bool prepareModules(const QTemporaryDir& dir)
     return softHsm.load() && testModule.load();
 }
 
-// Writes the test module's key=value configuration.
 inline bool configureModule(const QTemporaryDir& dir, const QStringList& config)
 {
     QFile file(dir.filePath(QStringLiteral("module.conf")));

@@ -93,8 +93,7 @@ private slots:
             return request("SetProperty", {{"args", QJsonArray{QString("{\"MinimalWindowDisplayTime\": %1}").arg(ms)}}});
         };
         QTest::newRow("nonce, and a second instance starts afresh") << QStringList()
-            << QByteArrayList{create, request("GetNonce"), setDisplayTime(100), setDisplayTime(200), create,
-                              setDisplayTime(200)}
+            << QByteArrayList{create, request("GetNonce"), setDisplayTime(100), setDisplayTime(200), create, setDisplayTime(200)}
             << QStringList{created, answer("GetNonce", QJsonValue::Null, "UUID"), answer("SetProperty"),
                            answer("SetProperty", "JSON node MinimalWindowDisplayTime has invalid value: new is different "
                                                  "than previous \n>> NEW >>\n200\n>> PREVIOUS>>\n100\n"),
