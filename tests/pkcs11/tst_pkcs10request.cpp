@@ -11,7 +11,6 @@
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
-#include <p11-kit/pkcs11.h>
 
 #include <cstdlib>
 #include <functional>

@@ -5,7 +5,6 @@
 #include "responsesigningcertificate.h"
 #include "testrequests.h"
 #include "trustanchors.h"
-#include "x509certificate2ultra.h"
 
 #include <QtTest>
 
