@@ -34,10 +34,8 @@ private slots:
         for (const auto& [request, tokenWork] : {std::pair("generatecsr-2026", "C_GenerateKeyPair"),
                                                  std::pair("createobject-2026", "C_CreateObject")}) {
             const QList<std::tuple<QString, QString, bool>> points{
-                {"slow session opening", "C_OpenSession", false},
-                {"PIN form open", "", false},
-                {QString("slow ") + tokenWork, tokenWork, true},
-                {"token work done", "C_CloseSession", true}};
+                {"slow session opening", "C_OpenSession", false}, {"PIN form open", "", false},
+                {QString("slow ") + tokenWork, tokenWork, true}, {"token work done", "C_CloseSession", true}};
             for (const auto& [point, heldCall, pinTyped] : points)
                 for (const char* ending : {"input", "Terminate", "CreateInstance"})
                     QTest::addRow("%s, %s, %s", qPrintable(TokenHost::operation(request)), qPrintable(point), ending)

@@ -1,8 +1,6 @@
 #pragma once
 
 #include <QProcess>
-#include <QString>
-#include <QStringList>
 
 // A private X server (Xvfb) for tests that drive the host's real windows, with xdotool as the
 // user's keyboard. The server picks a free display number itself and listens on no TCP port.

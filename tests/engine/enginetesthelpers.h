@@ -35,20 +35,17 @@ public:
         QMutexLocker locker(&mutex);
         return shown;
     }
-    SecretPin requestPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo&, const QString&) override
-    {
-        return answer(QStringLiteral("form"), nullptr);
-    }
+    SecretPin requestPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo&, const QString&) override { return answer("form"); }
     SecretPin requestContextPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo&, const QString&, bool* save) override
     {
         return answer(QStringLiteral("context form"), save);
     }
-    void showPinIncorrect(const QString& title, const QString& text) override { answer("box: " + title + ": " + text, nullptr); }
+    void showPinIncorrect(const QString& title, const QString& text) override { answer("box: " + title + ": " + text); }
     void closeDialogs() override {}
     bool isClosed() const override { return false; }
 
 private:
-    SecretPin answer(const QString& what, bool* save)
+    SecretPin answer(const QString& what, bool* save = nullptr)
     {
         QMutexLocker locker(&mutex);
         const bool expected = !steps.isEmpty() && (steps.first() == QLatin1String("ok")) == what.startsWith("box");
@@ -68,9 +65,7 @@ private:
 // on success), and what the call returned.
 struct Outcome
 {
-    QString error;
-    QString cause;
-    QString document;
+    QString error, cause, document;
 };
 
 // Runs the call on a pool thread, as the host's instance does.
@@ -103,7 +98,6 @@ inline bool prepareModules(const QTemporaryDir& dir)
     return softHsm.load() && testModule.load();
 }
 
-// Writes the test module's key=value configuration.
 inline bool configureModule(const QTemporaryDir& dir, const QStringList& config)
 {
     QFile file(dir.filePath(QStringLiteral("module.conf")));

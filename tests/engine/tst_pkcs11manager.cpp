@@ -7,6 +7,7 @@
 #include "testrequests.h"
 
 #include <QProcess>
+#include <QSslCertificate>
 
 using namespace EngineTest;
 
@@ -15,7 +16,6 @@ namespace {
 const QString nonce = QStringLiteral("engine-test-nonce-0001");
 // What the sample requests in tests/data/requests name, replaced for each test.
 const QString samplePath = QStringLiteral("/usr/lib/x86_64-linux-gnu/softhsm/libsofthsm2.so");
-const QString sampleSerial = QStringLiteral("0123456789ABCDEF");
 const QString sampleLabel = QStringLiteral("<Label>Scriva token</Label>");
 const QString sampleExtensions = QStringLiteral("<VendorExtensions>{\"reader\":\"any\"}</VendorExtensions>");
 const QString platformExtensions = QStringLiteral("<VendorExtensions>Monet+ ProID+Q</VendorExtensions>");
@@ -43,8 +43,7 @@ QString slotXml(long id, const QString& token, const QString& platform)
                          "false</HasProtectedAuthPath></TokenInfo>").arg(token.section(':', 0, 0), token.section(':', 1));
     return QStringLiteral("<Slot><SlotId>%1</SlotId><SlotInfoRv>0</SlotInfoRv><SlotInfo><Manufacturer>SoftHSM project"
                           "</Manufacturer><Description>SoftHSM slot ID 0x%2</Description></SlotInfo>%3%4</Slot>")
-        .arg(id)
-        .arg(id, 0, 16)
+        .arg(id).arg(id, 0, 16)
         .arg(info, platform.isNull() ? QString() : "<TokenPlatform>" + platform + "</TokenPlatform>");
 }
 
@@ -62,8 +61,6 @@ QString sorted(QString xml, const QString& name)
     xml.remove(element);
     return start < 0 ? xml : xml.insert(start, found.join(QString()));
 }
-
-const QString subjectHex = QStringLiteral("301E311C301A06035504030C135363726976612054657374205375626A656374");
 
 } // namespace
 
@@ -88,7 +85,7 @@ class TestPkcs11Manager : public QObject
                 const QString& name, const QMap<QString, QString>& replacements = {})
     {
         QMap<QString, QString> all{{samplePath, SoftHsmToken::testModulePath()},
-                                   {sampleSerial, store->serialNumber("Alpha")},
+                                   {"0123456789ABCDEF", store->serialNumber("Alpha")},
                                    {sampleLabel, "<Label>Alpha</Label>"},
                                    {sampleExtensions, "<VendorExtensions></VendorExtensions>"}};
         all.insert(replacements);
@@ -205,18 +202,16 @@ private slots:
         QString certificates;
         for (const QString name : {"Certificate 1", "Certificate 2"}) {
             QVERIFY(!openssl({"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout", "cert.key",
-                              "-subj", "/CN=" + name, "-outform", "DER", "-out", "cert.der"}).startsWith("failed"));
-            QFile der(work.filePath("cert.der"));
-            QVERIFY(der.open(QIODevice::ReadOnly));
-            certificates += "<Certificate>" + openssl({"x509", "-inform", "DER", "-in", "cert.der"}) + "</Certificate>";
+                              "-subj", "/CN=" + name, "-out", "cert.pem"}).startsWith("failed"));
+            const QSslCertificate certificate = QSslCertificate::fromPath(work.filePath("cert.pem")).value(0);
+            certificates += "<Certificate>" + certificate.toPem() + "</Certificate>";
             user.script({"pin:" + userPin});
             QCOMPARE(run(&Pkcs11Manager::createObject, "createobject-2026",
                          objectAttributes(attribute("UnsignedLong", CKA_CLASS, "1")
                                           + attribute("UnsignedLong", CKA_CERTIFICATE_TYPE, "0")
                                           + attribute("Bool", CKA_TOKEN, "true") + attribute("Bool", CKA_PRIVATE, "false")
-                                          + attribute("ByteArray", CKA_SUBJECT, subjectHex)
-                                          + attribute("ByteArray", CKA_VALUE, der.readAll().toHex())))
-                         .error,
+                                          + attribute("ByteArray", CKA_SUBJECT, "3000")
+                                          + attribute("ByteArray", CKA_VALUE, certificate.toDer().toHex()))).error,
                      QString());
         }
         QVERIFY(configureModule(work, {"token_platform=Q3"}));
@@ -227,8 +222,7 @@ private slots:
             QCOMPARE(sorted(outcome.document, "Certificate"),
                      sorted(answer(request, "GetCertificates",
                                    slotXml(store->slotId("Alpha"), alpha, request.endsWith("2026") ? "Q3" : QString())
-                                       + "<Certificates>" + certificates + "</Certificates>"),
-                            "Certificate"));
+                                       + "<Certificates>" + certificates + "</Certificates>"), "Certificate"));
         }
         TraceSwitch::set(true);
         QCOMPARE(run(&Pkcs11Manager::getCertificates, "getcertificates-2026", {{sampleLabel, "<Label>Beta</Label>"}}).error,
@@ -238,19 +232,17 @@ private slots:
 
     void generatedCsrIsSignedByTheNewTokenKey_data()
     {
-        QTest::addColumn<QString>("request");
-        QTest::addColumn<bool>("testModule"); // KovData and a signature PIN
+        QTest::addColumn<bool>("testModule"); // 2026-02-04 with KovData and a signature PIN, else 2022-12-29 on SoftHSM
         QTest::addColumn<CK_MECHANISM_TYPE>("digest");
         QTest::addColumn<QString>("algorithm");
-        QTest::newRow("2022-12-29 on SoftHSM, SHA-1") << "generatecsr-2022" << false << CKM_SHA_1 << "sha1WithRSAEncryption";
-        QTest::newRow("2022-12-29 on SoftHSM, SHA-384") << "generatecsr-2022" << false << CKM_SHA384 << "sha384WithRSAEncryption";
-        QTest::newRow("2026-02-04, SHA-256") << "generatecsr-2026" << true << CKM_SHA256 << "sha256WithRSAEncryption";
-        QTest::newRow("2026-02-04, SHA-512") << "generatecsr-2026" << true << CKM_SHA512 << "sha512WithRSAEncryption";
+        QTest::newRow("2022-12-29 on SoftHSM, SHA-1") << false << CKM_SHA_1 << "sha1WithRSAEncryption";
+        QTest::newRow("2022-12-29 on SoftHSM, SHA-384") << false << CKM_SHA384 << "sha384WithRSAEncryption";
+        QTest::newRow("2026-02-04, SHA-256") << true << CKM_SHA256 << "sha256WithRSAEncryption";
+        QTest::newRow("2026-02-04, SHA-512") << true << CKM_SHA512 << "sha512WithRSAEncryption";
     }
 
     void generatedCsrIsSignedByTheNewTokenKey()
     {
-        QFETCH(QString, request);
         QFETCH(bool, testModule);
         QFETCH(CK_MECHANISM_TYPE, digest);
         QFETCH(QString, algorithm);
@@ -261,7 +253,8 @@ private slots:
         QSignalSpy pinRequests(&manager, &Pkcs11Manager::pinRequestedSignal);
         TraceSwitch::set(true);
         user.script(QStringList({"pin:" + userPin, "pin:sig-pin"}).mid(0, testModule ? 2 : 1));
-        const Outcome outcome = run(&Pkcs11Manager::generateCsr, request, replacements);
+        const Outcome outcome = run(&Pkcs11Manager::generateCsr, testModule ? "generatecsr-2026" : "generatecsr-2022",
+                                    replacements);
         QCOMPARE(outcome.error, QString());
         QCOMPARE(user.seen(), testModule ? QStringList({"form", "form"}) : QStringList("form"));
         QCOMPARE(pinRequests.count(), user.seen().size());

@@ -49,11 +49,9 @@ private slots:
         const QByteArray create = request("CreateInstance");
         const QString created = answer("CreateInstance");
         const auto version = [](const QString& id = {}) { return answer("GetVersion", QJsonValue::Null, "2.6.1 (qt)", id); };
-        const auto row = [](const char* name) { return &QTest::newRow(name); };
 
         const QList<std::pair<QByteArray, QString>> firstMessages{
-            {"{}", "Received empty JSON message"},
-            {"[{\"method\":\"x\"}]", "Received empty JSON message"},
+            {"{}", "Received empty JSON message"}, {"[{\"method\":\"x\"}]", "Received empty JSON message"},
             {"{\"id\":\"1\"}", "Received JSON message does not specify NM method"},
             {"{\"method\":\"ScrivaPkcs11.1.0.0.qt.QES.GetSlots\"}", "Invalid NM method: ScrivaPkcs11.1.0.0.qt.QES.GetSlots"},
             {"{\"method\":\"ScrivaPkcs11.1.0.1.qt.QES.CreateInstance\"}", "Unsupported NM version: 1.0.1"},
@@ -63,15 +61,14 @@ private slots:
                 << QStringList() << QByteArrayList{HostProcess::frame(payload)} << QStringList() << true
                 << QStringList("Unable to initialize NativeMessagingAdapter: AppException: " + reason);
 
-        *row("ids, banner and log lines") << QStringList()
+        QTest::newRow("ids, banner and log lines") << QStringList()
             << QByteArrayList{create, request("GetVersion", {{"id", "req-7"}}), request("BringToFront"),
                               request("GetVersion", {{"id", ""}})}
-            << QStringList{created, version("req-7"), answer("BringToFront"), version()}
-            << false
+            << QStringList{created, version("req-7"), answer("BringToFront"), version()} << false
             << QStringList{"- I - Starting app: ScrivaPkcs112\\.6\\.1 \\([0-9a-f]{40}\\) - at ",
                            "- I - Qt build version: " QT_VERSION_STR " - at [^\n]*main[^\n]* in [^\n]*main\\.cpp line [1-9]",
                            "!Working directory was not set"};
-        *row("unroutable requests") << QStringList()
+        QTest::newRow("unroutable requests") << QStringList()
             << QByteArrayList{create, request("getslots"), request("Sign"), HostProcess::frame("{\"id\":\"no-method\"}"),
                               HostProcess::frame("{\"method\":\"ScrivaPkcs11.1.0.1.qt.QES.GetVersion\"}"),
                               HostProcess::frame("[1,2,3]"), request("GetVersion")}
@@ -80,8 +77,7 @@ private slots:
                            answer({}, "NoMethodOrEventSpecified", QJsonValue::Null, "no-method"),
                            "{\"error\":\"Unknown method ScrivaPkcs11.1.0.1.qt.QES.GetVersion\",\"method\":"
                            "\"ScrivaPkcs11.1.0.1.qt.QES.GetVersion\",\"result\":null}",
-                           answer({}, "NoMethodOrEventSpecified"), version()}
-            << false << QStringList();
+                           answer({}, "NoMethodOrEventSpecified"), version()} << false << QStringList();
 
         QByteArrayList noArgument{create};
         QStringList refused{created};
@@ -91,34 +87,31 @@ private slots:
                 noArgument << request(name, args.isNull() ? QJsonObject() : QJsonObject{{"args", args}});
                 refused << answer(name, QString("Method %1 requires an argument but it was not provided").arg(name));
             }
-        *row("no argument") << QStringList() << noArgument << refused << false << QStringList();
+        QTest::newRow("no argument") << QStringList() << noArgument << refused << false << QStringList();
 
         const auto setDisplayTime = [](int ms) {
             return request("SetProperty", {{"args", QJsonArray{QString("{\"MinimalWindowDisplayTime\": %1}").arg(ms)}}});
         };
-        *row("nonce, and a second instance starts afresh") << QStringList()
-            << QByteArrayList{create, request("GetNonce"), setDisplayTime(100), setDisplayTime(200), create,
-                              setDisplayTime(200)}
+        QTest::newRow("nonce, and a second instance starts afresh") << QStringList()
+            << QByteArrayList{create, request("GetNonce"), setDisplayTime(100), setDisplayTime(200), create, setDisplayTime(200)}
             << QStringList{created, answer("GetNonce", QJsonValue::Null, "UUID"), answer("SetProperty"),
                            answer("SetProperty", "JSON node MinimalWindowDisplayTime has invalid value: new is different "
                                                  "than previous \n>> NEW >>\n200\n>> PREVIOUS>>\n100\n"),
-                           created, answer("SetProperty")}
-            << false << QStringList();
+                           created, answer("SetProperty")} << false << QStringList();
 
         for (const char* method : {"Terminate", "DisposeInstance"})
-            *row(method) << QStringList() << QByteArrayList{create, request(method, {{"id", "bye"}})}
-                         << QStringList{created, answer(method, QJsonValue::Null, QJsonValue::Null, "bye")} << true
-                         << QStringList{QString("Application is ready to terminate - .*Terminating\\.\\.\\..*Preparing answer "
-                                                "method with name: ScrivaPkcs11\\.1\\.0\\.0\\.qt\\.QES\\.%1 - ").arg(method),
-                                        "Application quits with exit code: 0"};
+            QTest::newRow(method) << QStringList() << QByteArrayList{create, request(method, {{"id", "bye"}})}
+                << QStringList{created, answer(method, QJsonValue::Null, QJsonValue::Null, "bye")} << true
+                << QStringList{QString("Application is ready to terminate - .*Terminating\\.\\.\\..*Preparing answer "
+                                       "method with name: ScrivaPkcs11\\.1\\.0\\.0\\.qt\\.QES\\.%1 - ").arg(method),
+                               "Application quits with exit code: 0"};
 
         // Text from the page or the browser is logged escaped: it cannot start a log line.
         const QString forged = "\nFORGED-LINE";
-        *row("forged method, id and argument") << QStringList{"--bogus" + forged, "chrome-extension://abc/"}
+        QTest::newRow("forged method, id and argument") << QStringList{"--bogus" + forged, "chrome-extension://abc/"}
             << QByteArrayList{create, request("Get" + forged), request("GetVersion", {{"id", "7" + forged}})}
             << QStringList{created, answer("Get" + forged, "Unknown method ScrivaPkcs11.1.0.0.qt.QES.Get" + forged),
-                           version("7" + forged)}
-            << false
+                           version("7" + forged)} << false
             << QStringList{"!^FORGED-LINE", "CommandLineParser error: Unknown option 'bogus\\\\nFORGED-LINE'",
                            "with arguments: .*chrome-extension://abc/", "QES\\.Get\\\\nFORGED-LINE",
                            "with id: 7\\\\nFORGED-LINE"};
@@ -134,8 +127,8 @@ private slots:
                 << QStringList() << QByteArrayList{create, bytes} << QStringList(created) << true
                 << QStringList("Exiting read thread because of exception: AppException: " + reason);
 
-        *row("closed input after the answers") << QStringList() << QByteArrayList{create, request("GetVersion"), ""}
-            << QStringList{created, version()} << true
+        QTest::newRow("closed input after the answers") << QStringList()
+            << QByteArrayList{create, request("GetVersion"), ""} << QStringList{created, version()} << true
             << QStringList{"End of file reached", "Exiting write thread without an exception"};
 
         // A frame dribbled out three bytes at a time, then a 4 MiB frame followed at once by a small one.
@@ -145,17 +138,15 @@ private slots:
             inPieces << pieces.mid(i, 3);
         inPieces << request("GetVersion", {{"id", "large"}, {"padding", QString(4 << 20, 'x')}})
                         + request("GetVersion", {{"id", "small"}});
-        *row("frames in pieces and frames back to back") << QStringList() << inPieces
-            << QStringList{created, version("pieces"), version("large"), version("small")}
-            << false << QStringList();
+        QTest::newRow("frames in pieces and frames back to back") << QStringList() << inPieces
+            << QStringList{created, version("pieces"), version("large"), version("small")} << false << QStringList();
 
         // GetVersion echoes the id, so the id sets the answer's size: 1 MiB less one byte is written.
         const int idForLimit = 1048575 - int(version("-").size()) + 1;
-        *row("answers up to one byte under 1 MiB") << QStringList()
+        QTest::newRow("answers up to one byte under 1 MiB") << QStringList()
             << QByteArrayList{create, request("GetVersion", {{"id", QString(idForLimit, 'a')}}),
                               request("GetVersion", {{"id", QString(idForLimit + 1, 'a')}})}
-            << QStringList{created, version(QString(idForLimit, 'a'))}
-            << true
+            << QStringList{created, version(QString(idForLimit, 'a'))} << true
             << QStringList("Exiting write thread because of exception: AppException: Outgoing JSON message size "
                            "1048576 exceedes maximum allowed size 1048576");
     }

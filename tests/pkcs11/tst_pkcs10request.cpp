@@ -2,6 +2,7 @@
 #include "ownedresource.h"
 #include "pkcs11/pkcs10request.h"
 
+#include <QCryptographicHash>
 #include <QTest>
 
 #include <openssl/crypto.h>
@@ -10,7 +11,6 @@
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
-#include <p11-kit/pkcs11.h>
 
 #include <cstdlib>
 #include <functional>
@@ -70,16 +70,18 @@ private slots:
     {
         QTest::addColumn<CK_MECHANISM_TYPE>("digest");
         QTest::addColumn<int>("algorithm");
-        QTest::newRow("SHA-1") << CK_MECHANISM_TYPE(CKM_SHA_1) << int(NID_sha1WithRSAEncryption);
-        QTest::newRow("SHA-256") << CK_MECHANISM_TYPE(CKM_SHA256) << int(NID_sha256WithRSAEncryption);
-        QTest::newRow("SHA-384") << CK_MECHANISM_TYPE(CKM_SHA384) << int(NID_sha384WithRSAEncryption);
-        QTest::newRow("SHA-512") << CK_MECHANISM_TYPE(CKM_SHA512) << int(NID_sha512WithRSAEncryption);
+        QTest::addColumn<QCryptographicHash::Algorithm>("hash");
+        QTest::newRow("SHA-1") << CKM_SHA_1 << NID_sha1WithRSAEncryption << QCryptographicHash::Sha1;
+        QTest::newRow("SHA-256") << CKM_SHA256 << NID_sha256WithRSAEncryption << QCryptographicHash::Sha256;
+        QTest::newRow("SHA-384") << CKM_SHA384 << NID_sha384WithRSAEncryption << QCryptographicHash::Sha384;
+        QTest::newRow("SHA-512") << CKM_SHA512 << NID_sha512WithRSAEncryption << QCryptographicHash::Sha512;
     }
 
     void completesARequestThatVerifies()
     {
         QFETCH(CK_MECHANISM_TYPE, digest);
         QFETCH(int, algorithm);
+        QFETCH(QCryptographicHash::Algorithm, hash);
         Pkcs10Request builder;
         prepare(builder, number(key.get(), "n"));
         const QByteArray info = builder.getDerEncodedCertificationRequestInfo();
@@ -90,11 +92,7 @@ private slots:
                                                   "0202310c300a0201011e020041030100")));
 
         // What the token does with CKM_RSA_PKCS: a raw PKCS#1 v1.5 signature of the DigestInfo.
-        int digestNid = NID_undef;
-        const EVP_MD* md = EVP_get_digestbynid(OBJ_find_sigid_algs(algorithm, &digestNid, nullptr) ? digestNid : 0);
-        QByteArray hash(md ? EVP_MD_get_size(md) : 0, Qt::Uninitialized);
-        QVERIFY(md && EVP_Digest(info.constData(), info.size(), reinterpret_cast<unsigned char*>(hash.data()), nullptr, md, nullptr));
-        const QByteArray digestInfo = Pkcs10Request::createPkcs1DigestInfo(hash, digest);
+        const QByteArray digestInfo = Pkcs10Request::createPkcs1DigestInfo(QCryptographicHash::hash(info, hash), digest);
         const Owned<EVP_PKEY_CTX, EVP_PKEY_CTX_free> context(EVP_PKEY_CTX_new(key.get(), nullptr));
         QVERIFY(EVP_PKEY_sign_init(context.get()) == 1 && EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) == 1);
         size_t length = 256;

@@ -11,17 +11,11 @@ namespace {
 
 // A module that answers every traced call from fixed values, so the whole trace can be compared.
 constexpr auto ok = [](auto...) -> CK_RV { return CKR_OK; };
-template<typename T>
-CK_RV fill(T* out, const T& value)
-{
-    *out = value;
-    return CKR_OK;
-}
+constexpr auto fill = [](auto* out, auto value) -> CK_RV { *out = value; return CKR_OK; };
 
 CK_FUNCTION_LIST stubList()
 {
-    CK_FUNCTION_LIST list;
-    std::memset(&list, 0, sizeof(list));
+    CK_FUNCTION_LIST list{};
     list.C_Initialize = ok, list.C_Login = ok, list.C_FindObjectsInit = ok, list.C_FindObjectsFinal = ok;
     list.C_DigestInit = ok, list.C_SignInit = ok;
     list.C_Finalize = [](auto) -> CK_RV { return 0x80000001UL; };

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <QByteArray>
-#include <QString>
 #include <QStringList>
 
 // The development PKI that a build without configured trust anchors generates and trusts. Signers

@@ -1,10 +1,7 @@
 #pragma once
 
-#include <QByteArray>
 #include <QJsonObject>
 #include <QProcess>
-#include <QProcessEnvironment>
-#include <QString>
 #include <QTemporaryDir>
 
 // Runs the built host as the browser does: framed JSON on its stdin, framed answers read from

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <QProcessEnvironment>
-#include <QString>
 #include <QTemporaryDir>
 
 // A private SoftHSM token store for one test: a temporary directory with its own softhsm2.conf,
@@ -28,7 +27,6 @@ public:
     QString serialNumber(const QString& label) const { return find(label, 2); }
     // The slot id of the token, or -1 when no token has the label.
     long slotId(const QString& label) const { return find(label, 1).isEmpty() ? -1 : find(label, 1).toLong(); }
-    // Generates a 2048-bit RSA key pair on the token.
     bool generateRsaKeyPair(const QString& label, const QString& userPin, const QString& idHex, const QString& objectLabel);
 
     // SoftHSM's module (SCRIVA_SOFTHSM_MODULE overrides the Debian location).

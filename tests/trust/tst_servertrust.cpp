@@ -1,12 +1,10 @@
 // Server-signed requests: the CMS envelope, the signer's chain, policy and validity period.
-#include "appexception.h"
 #include "devpki.h"
 #include "ownedresource.h"
 #include "responsecryptoprocessor.h"
 #include "responsesigningcertificate.h"
 #include "testrequests.h"
 #include "trustanchors.h"
-#include "x509certificate2ultra.h"
 
 #include <QtTest>
 
@@ -19,13 +17,10 @@ namespace {
 const QByteArray request = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Request><Slot>Čtečka 1</Slot></Request>\n";
 const auto thrown = TestRequests::refusal;
 
-QByteArray devFile(const QString& name)
+X509Certificate2Ultra devCertificate(const QString& name)
 {
-    QFile file(DevPki::file(name));
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    return X509Certificate2Ultra(QSslCertificate::fromPath(DevPki::file(name + ".pem")).value(0));
 }
-
-X509Certificate2Ultra devCertificate(const QString& name) { return X509Certificate2Ultra(devFile(name + ".pem"), QSsl::Pem); }
 
 QList<X509Certificate2Ultra> anchor(int chain) { return TrustAnchors::builtIn().chains().at(chain).second; }
 } // namespace
@@ -143,8 +138,7 @@ private slots:
     void judgesValidityPeriodInWholeSeconds()
     {
         // Effective or expiring in the current second: not valid. Retried if the clock ticks meanwhile.
-        const QByteArray keyPem = devFile(QStringLiteral("server-chain2.key"));
-        const Owned<BIO, BIO_free> bio(BIO_new_mem_buf(keyPem.constData(), int(keyPem.size())));
+        const Owned<BIO, BIO_free> bio(BIO_new_file(qPrintable(DevPki::file(QStringLiteral("server-chain2.key"))), "r"));
         const Owned<EVP_PKEY, EVP_PKEY_free> key(PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr));
         for (qint64 second = 0; second != QDateTime::currentSecsSinceEpoch();) {
             second = QDateTime::currentSecsSinceEpoch();
