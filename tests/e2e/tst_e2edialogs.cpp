@@ -153,6 +153,10 @@ private slots:
 
     void fileDialogChoosesTheModuleOrIsRejected()
     {
+        // Without manual selection no dialog is offered.
+        QMap<QString, QString> noModule = noUsableModule;
+        noModule.remove("<AllowManualSelection>false");
+        QCOMPARE(TokenHost::error(th.host().call("GetSlots", th.argument("getslots-2026", noModule))), "NoUsablePkcs11LibraryFound");
         th.send("getslots-2026", th.argument("getslots-2026", noUsableModule));
         QVERIFY(display.type(display.waitForWindow(fileDialogTitle), SoftHsmToken::softHsmModulePath(), "Return"));
         const QString document = TokenHost::result(th.host().readAnswer(60000));

@@ -218,6 +218,27 @@ private slots:
         QVERIFY(host.logContains(log));
     }
 
+    // A large frame's pages stay while large frames come, and go back once they stop.
+    void givesBackALargeFramesMemoryWhenFramesStop()
+    {
+#ifdef __SANITIZE_ADDRESS__
+        QSKIP("the sanitizer's allocator keeps freed memory in quarantine");
+#endif
+        HostProcess host;
+        QVERIFY(host.start());
+        const auto residentKiB = [&host] {
+            QFile status(QStringLiteral("/proc/%1/status").arg(host.qprocess().processId()));
+            status.open(QIODevice::ReadOnly);
+            return QRegularExpression("VmRSS:\\s+(\\d+)").match(QString::fromLatin1(status.readAll())).captured(1).toInt();
+        };
+        host.sendRaw(request("CreateInstance") + request("GetVersion", {{"padding", QString(16 << 20, 'x')}}));
+        QVERIFY(!host.readAnswer().isEmpty() && !host.readAnswer().isEmpty());
+        const int peak = residentKiB();
+        QTRY_VERIFY2_WITH_TIMEOUT(residentKiB() < peak - (16 << 10), qPrintable(QString::number(residentKiB())), 5000);
+        host.closeInput();
+        QVERIFY(host.endedNormally());
+    }
+
     void startsFromAnyDirectoryButNeedsItsCatalogue()
     {
         for (const auto& [option, output] : {std::pair("--version", "^ScrivaPkcs11 2\\.6\\.1 \\([0-9a-f]{40}\\)\n$"),
