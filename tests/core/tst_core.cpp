@@ -161,13 +161,14 @@ private slots:
             << QStringList{certificate.arg("{\"Certificate\": 5, \"Crl\": \"AA==\"}"),
                            certificate.arg("{\"Certificate\": \"" + base64 + "\"}"),
                            certificate.arg("{\"Certificate\": \"bm90IGEgY2VydA==\", \"Crl\": \"AA==\"}"),
-                           certificate.arg("[1]"),
+                           certificate.arg("[1]"), certificate.arg("null"),
                            certificate.arg("{\"Certificate\": \"" + base64 + "\", \"OcspResponse\": \"AQID\", \"Crl\": \"BAU=\"}"),
                            certificate.arg("{\"Certificate\": \"" + base64 + "\", \"Crl\": \"BAU=\"}")}
             << QStringList{unreadable + "JSON node Certificate is missing or has invalid value",
                            unreadable + "JSON nodes CRL and OCSP Response are missing or have invalid value",
                            unreadable + "JSON node Certificate has invalid value",
-                           "JSON node ResponseSigningCertificate has invalid value", "",
+                           "JSON node ResponseSigningCertificate has invalid value",
+                           "JSON node ResponseSigningCertificate is missing", "",
                            "^JSON node ResponseSigningCertificate has invalid value: new is different than previous"};
     }
 
