@@ -385,7 +385,7 @@ void ScrivaPkcs11::setProperty(QString& properties)
         if (!value.isDouble())
             throw APP_EXCEPTION(QStringLiteral("JSON node %1 has invalid value").arg(displayTimeKey));
         const double number = value.toDouble();
-        const qint64 integer = value.toInteger(-1);
+        const qint64 integer = value.toInteger(); // 0 for a fraction, which the comparison then refuses
         if (double(integer) != number || quint64(integer) > quint64(maximumWindowDisplayTime))
             throw APP_EXCEPTION(QStringLiteral("JSON node %1 has invalid value: %2")
                                     .arg(displayTimeKey, QString::number(number, 'g', 17)));
