@@ -26,11 +26,6 @@ QByteArray ReadThread::getBytes(int count)
 void ReadThread::readInto(char* destination, int count)
 {
     static_assert(EWOULDBLOCK == EAGAIN, "a read that would block is told by EAGAIN alone");
-    if (!nonBlocking) {
-        const int flags = fcntl(STDIN_FILENO, F_GETFL);
-        fcntl(STDIN_FILENO, F_SETFL, flags | O_NONBLOCK);
-        nonBlocking = true;
-    }
 
     int position = 0;
     while (position < count) {
@@ -96,6 +91,8 @@ QJsonDocument ReadThread::readFromStdin()
 
 void ReadThread::run()
 {
+    // Reads never block, so an interruption request is noticed while the browser sends nothing.
+    fcntl(STDIN_FILENO, F_SETFL, fcntl(STDIN_FILENO, F_GETFL) | O_NONBLOCK);
     try {
         for (;;) {
             const QJsonDocument document = readFromStdin();

@@ -36,7 +36,6 @@ private:
     void readInto(char* destination, int count);
     void trimHeapWhenIdle();
 
-    bool nonBlocking = false;
     bool waitingForFrame = false;
     QByteArray frameBuffer;
 
