@@ -41,7 +41,28 @@ QStringList read(const QString& path, const QString& pattern = QStringLiteral("(
     return found;
 }
 
+// A PIN buffer watched as it is released, and its first bytes at that moment.
+const void* watchedBuffer = nullptr;
+char atRelease[4];
+
 } // namespace
+
+// Every array the process allocates passes here, so a PIN's buffer can be looked at as it goes.
+void* operator new[](std::size_t size)
+{
+    if (void* block = std::malloc(size ? size : 1))
+        return block;
+    throw std::bad_alloc();
+}
+
+void operator delete[](void* block) noexcept
+{
+    if (block && block == watchedBuffer)
+        std::memcpy(atRelease, block, sizeof atRelease);
+    std::free(block);
+}
+
+void operator delete[](void* block, std::size_t) noexcept { operator delete[](block); }
 
 // In-process: the exception text, the opt-in log, the PIN's bytes, the operation instance with its
 // window and the protocol object, and the built catalogues.
@@ -91,6 +112,17 @@ private slots:
         pin = std::move(moved);
         QVERIFY(moved.isEmpty() && !moved.utf8() && pin.size() == 4);
         QVERIFY(SecretPin::fromText(u"").isEmpty());
+        // Its bytes are overwritten before they are released: when it dies, and when another PIN
+        // is moved into it.
+        const QByteArray zeros(sizeof atRelease, '\0');
+        watchedBuffer = pin.utf8();
+        pin = SecretPin::fromText(u"1111");
+        QCOMPARE(QByteArray(atRelease, sizeof atRelease), zeros);
+        {
+            const SecretPin dying(std::move(pin));
+            watchedBuffer = dying.utf8();
+        }
+        QCOMPARE(QByteArray(atRelease, sizeof atRelease), zeros);
         // Every string that shares the buffer sees the zeros; no copy is left behind.
         QString text = QStringLiteral("1234").repeated(2);
         const QString sharer = text;
