@@ -7,11 +7,9 @@
 #include <QAbstractAnimation>
 #include <QApplication>
 #include <QCheckBox>
-#include <QDialogButtonBox>
 #include <QDir>
 #include <QLabel>
 #include <QLineEdit>
-#include <QProxyStyle>
 #include <QSignalSpy>
 #include <QTest>
 #include <QTimer>
@@ -317,26 +315,6 @@ private slots:
 
         QTest::mouseClick(bar->findChild<QToolButton*>(), Qt::LeftButton);
         QVERIFY(!window.isVisible());
-    }
-
-    // On a desktop whose dialogs end with OK, the form's does too, in its tab order as well. Last:
-    // the application's style is changed.
-    void okComesLastWhereTheDesktopPutsItLast()
-    {
-        struct OkLast : QProxyStyle
-        {
-            int styleHint(StyleHint hint, const QStyleOption* option, const QWidget* widget, QStyleHintReturn* data) const override
-            {
-                return hint == SH_DialogButtonLayout ? int(QDialogButtonBox::GnomeLayout) : QProxyStyle::styleHint(hint, option, widget, data);
-            }
-        };
-        QApplication::setStyle(new OkLast);
-        PinForm form(nullptr, slotInfo(), tokenInfo(), QStringLiteral("PIN"), false);
-        form.show();
-        auto* ok = form.findChild<QWidget*>(QStringLiteral("btnOk"));
-        auto* cancel = form.findChild<QWidget*>(QStringLiteral("btnCancel"));
-        QTRY_VERIFY(ok->x() > cancel->x());
-        QCOMPARE(cancel->nextInFocusChain(), ok);
     }
 };
 
