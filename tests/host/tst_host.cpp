@@ -235,8 +235,6 @@ private slots:
         QVERIFY(!host.readAnswer().isEmpty() && !host.readAnswer().isEmpty());
         const int peak = residentKiB();
         QTRY_VERIFY2_WITH_TIMEOUT(residentKiB() < peak - (16 << 10), qPrintable(QString::number(residentKiB())), 5000);
-        host.closeInput();
-        QVERIFY(host.endedNormally());
     }
 
     void startsFromAnyDirectoryButNeedsItsCatalogue()
