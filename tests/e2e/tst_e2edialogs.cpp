@@ -61,6 +61,8 @@ private slots:
 
     void requestWithAnotherNonceIsRefused()
     {
+        // The host has given out a nonce, and the request carries another.
+        QVERIFY(!TokenHost::result(th.host().call("GetNonce")).isEmpty());
         const QString old = TestRequests::signedArgument("getslots-2026", "00000000-0000-0000-0000-000000000000");
         QCOMPARE(TokenHost::error(th.host().call("GetSlots", old)), "CommunicationMismatchNonce");
     }
