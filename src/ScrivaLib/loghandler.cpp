@@ -58,7 +58,6 @@ void LogHandler::init(const QString& fileName)
     s.certStoreLogPath = QDir::cleanPath(s.logDirectory + QStringLiteral("/CertStoreLog.txt"));
     s.keyChainLogPath = QDir::cleanPath(s.logDirectory + QStringLiteral("/KeyChainLog.txt"));
     s.enabled = true;
-    refreshHostLogCheck();
     qInstallMessageHandler(&LogHandler::messageHandler);
 }
 
