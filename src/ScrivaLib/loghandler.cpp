@@ -64,7 +64,6 @@ void LogHandler::init(const QString& fileName)
 void LogHandler::shutdown()
 {
     state().enabled = false;
-    refreshHostLogCheck();
     qInstallMessageHandler(nullptr);
 }
 
