@@ -113,12 +113,11 @@ void Pkcs11Library::load()
     initialized = true;
 }
 
+// Unmaps the module; its wrapper objects go with this object, which is being destroyed or not built.
 void Pkcs11Library::unload()
 {
     if (library)
         library->unload();
-    functions.reset();
-    library.reset();
 }
 
 // The wrappers of a single module call log no entry line of their own: the call trace records
