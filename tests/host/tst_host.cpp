@@ -237,6 +237,20 @@ private slots:
         QTRY_VERIFY2_WITH_TIMEOUT(residentKiB() < peak - (16 << 10), qPrintable(QString::number(residentKiB())), 5000);
     }
 
+    void answersIntoAFileAsIntoAPipe()
+    {
+        QTemporaryDir dir;
+        HostProcess host;
+        host.qprocess().setStandardOutputFile(dir.filePath("answers"));
+        QVERIFY(host.start());
+        host.sendRaw(request("CreateInstance"));
+        host.closeInput();
+        QVERIFY(host.waitForExit());
+        QFile answers(dir.filePath("answers"));
+        QVERIFY(answers.open(QIODevice::ReadOnly));
+        QCOMPARE(answers.readAll(), HostProcess::frame(answer("CreateInstance").toUtf8()));
+    }
+
     void startsFromAnyDirectoryButNeedsItsCatalogue()
     {
         for (const auto& [option, output] : {std::pair("--version", "^ScrivaPkcs11 2\\.6\\.1 \\([0-9a-f]{40}\\)\n$"),
