@@ -1,6 +1,6 @@
 #include "pkcs11sessionguard.h"
 
-#include "pkcs11library.h"
+#include "appexception.h"
 
 #include <QDebug>
 
@@ -21,5 +21,5 @@ void Pkcs11SessionGuard::close()
     if (!open)
         return;
     open = false;
-    library->closeSession(session);
+    closer(session);
 }

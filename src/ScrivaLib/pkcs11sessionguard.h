@@ -2,13 +2,16 @@
 
 #include <p11-kit/pkcs11.h>
 
-class Pkcs11Library;
+#include <functional>
 
-// Closes its session when it goes out of scope, whichever way the scope is left.
+// Closes its session when it goes out of scope, whichever way the scope is left. It knows only how
+// to close: the module wrapper hands it that (Pkcs11Library::guard).
 class Pkcs11SessionGuard
 {
 public:
-    Pkcs11SessionGuard(Pkcs11Library* library, CK_SESSION_HANDLE session) : library(library), session(session) {}
+    using Closer = std::function<void(CK_SESSION_HANDLE)>;
+
+    Pkcs11SessionGuard(CK_SESSION_HANDLE session, Closer closer) : session(session), closer(std::move(closer)) {}
     ~Pkcs11SessionGuard();
     Pkcs11SessionGuard(const Pkcs11SessionGuard&) = delete;
     Pkcs11SessionGuard& operator=(const Pkcs11SessionGuard&) = delete;
@@ -18,7 +21,7 @@ public:
     void close();
 
 private:
-    Pkcs11Library* library;
     CK_SESSION_HANDLE session;
+    Closer closer;
     bool open = true;
 };

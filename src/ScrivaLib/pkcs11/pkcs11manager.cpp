@@ -179,7 +179,7 @@ QPair<QString, QString> Pkcs11Manager::getCertificates(
         findToken(xmlNamespace, library.get(), request->getTokenSerialNumber(), request->getTokenLabel());
     const Slot slot = readSlot(library.get(), slotId);
 
-    Pkcs11SessionGuard session(library.get(), library->openReadOnlySession(slotId));
+    Pkcs11SessionGuard session = library->guard(library->openReadOnlySession(slotId));
     CK_OBJECT_CLASS objectClass = CKO_CERTIFICATE;
     CK_BBOOL onToken = CK_TRUE;
     CK_CERTIFICATE_TYPE certificateType = CKC_X_509;
@@ -212,7 +212,7 @@ QPair<QString, QString> Pkcs11Manager::generateCsr(const QString& libraryPath,
         findToken(xmlNamespace, library.get(), request->getTokenSerialNumber(), request->getTokenLabel());
     const Slot slot = readSlot(library.get(), slotId);
 
-    Pkcs11SessionGuard session(library.get(), library->openReadWriteSession(slotId));
+    Pkcs11SessionGuard session = library->guard(library->openReadWriteSession(slotId));
     loginAsRequested(library.get(), session.handle(), slot, libraryData->getShowPinForm());
 
     Pkcs10Request csr;
@@ -265,7 +265,7 @@ QPair<QString, QString> Pkcs11Manager::createObject(const QString& libraryPath,
         findToken(xmlNamespace, library.get(), request->getTokenSerialNumber(), request->getTokenLabel());
     const Slot slot = readSlot(library.get(), slotId);
 
-    Pkcs11SessionGuard session(library.get(), library->openReadWriteSession(slotId));
+    Pkcs11SessionGuard session = library->guard(library->openReadWriteSession(slotId));
     loginAsRequested(library.get(), session.handle(), slot, libraryData->getShowPinForm());
     CK_OBJECT_HANDLE object = CK_INVALID_HANDLE;
     library->createObject(session.handle(), request->getAttributes(), &object);
