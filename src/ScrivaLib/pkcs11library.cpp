@@ -2,13 +2,12 @@
 
 #include "pinprompt.h"
 #include "pkcs11logger.h"
-#include "pkcs11sessionguard.h"
+#include "pkcs11twocall.h"
 #include "terminatingflag.h"
 
 #include <QDebug>
 #include <QLibrary>
 
-#include <algorithm>
 #include <vector>
 
 namespace {
@@ -25,6 +24,9 @@ AppException operationCanceled(const char* file, int line, const char* function)
 }
 
 #define OPERATION_CANCELED() operationCanceled(__FILE__, __LINE__, Q_FUNC_INFO)
+
+CK_BYTE_PTR bytes(QByteArray& data) { return reinterpret_cast<CK_BYTE_PTR>(data.data()); }
+CK_ULONG length(const QByteArray& data) { return static_cast<CK_ULONG>(data.size()); }
 
 // A translated text with the PIN's name in its placeholder; a key without a translation has none.
 QString withPinName(const QString& text, const QString& pinName)
@@ -127,14 +129,10 @@ void Pkcs11Library::unload()
 QList<unsigned long> Pkcs11Library::getSlots(CK_BBOOL tokenPresent)
 {
     throwIfTerminating();
-    CK_ULONG count = 0;
-    PKCS11_CHECK("C_GetSlotList", functions->C_GetSlotList(tokenPresent, nullptr, &count));
-    // The second call always gets a buffer (new[] gives one even for no slots): a null one would
-    // only ask for the count again.
-    const CK_ULONG size = count;
-    const auto slotIds = std::make_unique<CK_SLOT_ID[]>(size);
-    PKCS11_CHECK("C_GetSlotList", functions->C_GetSlotList(tokenPresent, slotIds.get(), &count));
-    return QList<unsigned long>(slotIds.get(), slotIds.get() + std::min(count, size));
+    const std::vector<CK_SLOT_ID> slotIds = Pkcs11TwoCall::read<CK_SLOT_ID>(
+        "C_GetSlotList", "slots", Pkcs11TwoCall::maxSlots,
+        [&](CK_SLOT_ID* list, CK_ULONG* count) { return functions->C_GetSlotList(tokenPresent, list, count); });
+    return QList<unsigned long>(slotIds.cbegin(), slotIds.cend());
 }
 
 Pkcs11SlotInfo Pkcs11Library::getSlotInfo(CK_SLOT_ID slotId)
@@ -171,6 +169,11 @@ CK_SESSION_HANDLE Pkcs11Library::openReadWriteSession(CK_SLOT_ID slotId)
 void Pkcs11Library::closeSession(CK_SESSION_HANDLE session)
 {
     PKCS11_CHECK("C_CloseSession", functions->C_CloseSession(session));
+}
+
+Pkcs11SessionGuard Pkcs11Library::guard(CK_SESSION_HANDLE session)
+{
+    return Pkcs11SessionGuard(session, [this](CK_SESSION_HANDLE handle) { closeSession(handle); });
 }
 
 bool Pkcs11Library::isUserLoggedIn(CK_SESSION_HANDLE session)
@@ -341,15 +344,19 @@ QByteArray Pkcs11Library::readAttribute(CK_SESSION_HANDLE session, CK_OBJECT_HAN
     if (attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION) {
         if (!queryUnavailable)
             return value;
+        // Asked again without a buffer; whatever that answers, there is nothing to read.
         attribute.ulValueLen = 0;
-    } else {
-        // Zeroed: the trace dumps the buffer as it goes in, and old heap contents must not show.
-        value.fill('\0', static_cast<qsizetype>(attribute.ulValueLen));
-        attribute.pValue = value.data();
+        PKCS11_CHECK("C_GetAttributeValue", functions->C_GetAttributeValue(session, object, &attribute, 1));
+        return value;
     }
+    const CK_ULONG room = Pkcs11TwoCall::withinLimit("C_GetAttributeValue", "bytes", attribute.ulValueLen,
+                                                     Pkcs11TwoCall::maxValueLength);
+    // Zeroed: the trace dumps the buffer as it goes in, and old heap contents must not show.
+    value.fill('\0', static_cast<qsizetype>(room));
+    attribute.pValue = value.data();
     PKCS11_CHECK("C_GetAttributeValue", functions->C_GetAttributeValue(session, object, &attribute, 1));
-    // Never longer than the buffer, whatever length the module reports.
-    value.truncate(static_cast<qsizetype>(std::min<CK_ULONG>(attribute.ulValueLen, static_cast<CK_ULONG>(value.size()))));
+    value.truncate(static_cast<qsizetype>(
+        Pkcs11TwoCall::withinRoom("C_GetAttributeValue", "bytes", attribute.ulValueLen, room)));
     return value;
 }
 
@@ -377,16 +384,10 @@ QByteArray Pkcs11Library::computeHash(CK_SESSION_HANDLE session, CK_MECHANISM_PT
     throwIfTerminating();
     qDebug().noquote() << Q_FUNC_INFO;
     PKCS11_CHECK("C_DigestInit", functions->C_DigestInit(session, mechanism));
-    QByteArray input = data;
-    auto* bytes = reinterpret_cast<CK_BYTE_PTR>(input.data());
-    const auto length = static_cast<CK_ULONG>(input.size());
-    CK_ULONG digestLength = 0;
-    PKCS11_CHECK("C_Digest", functions->C_Digest(session, bytes, length, nullptr, &digestLength));
-    QByteArray digest(static_cast<qsizetype>(digestLength), '\0');
-    PKCS11_CHECK("C_Digest", functions->C_Digest(session, bytes, length, reinterpret_cast<CK_BYTE_PTR>(digest.data()),
-                                                 &digestLength));
-    digest.truncate(static_cast<qsizetype>(digestLength));
-    return digest;
+    QByteArray input = data; // the module's parameter is not const
+    return Pkcs11TwoCall::readBytes("C_Digest", [&](CK_BYTE_PTR digest, CK_ULONG_PTR digestLength) {
+        return functions->C_Digest(session, bytes(input), length(input), digest, digestLength);
+    });
 }
 
 QByteArray Pkcs11Library::signHash(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key, CK_MECHANISM_PTR mechanism,
@@ -395,27 +396,20 @@ QByteArray Pkcs11Library::signHash(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE k
 {
     throwIfTerminating();
     qDebug().noquote() << Q_FUNC_INFO;
-    CK_RV rv = functions->C_SignInit(session, mechanism, key);
+    const CK_RV rv = functions->C_SignInit(session, mechanism, key);
     if (rv == CKR_FUNCTION_CANCELED)
         throw OPERATION_CANCELED();
     if (rv != CKR_OK)
         throw PKCS11_EXCEPTION("C_SignInit", rv);
     if (alwaysAuthenticate)
         contextLogin(session, slotInfo, tokenInfo);
-
     QByteArray input = data;
-    auto* bytes = reinterpret_cast<CK_BYTE_PTR>(input.data());
-    const auto length = static_cast<CK_ULONG>(input.size());
-    CK_ULONG signatureLength = 0;
-    PKCS11_CHECK("C_Sign", functions->C_Sign(session, bytes, length, nullptr, &signatureLength));
-    QByteArray signature(static_cast<qsizetype>(signatureLength), '\0');
-    rv = functions->C_Sign(session, bytes, length, reinterpret_cast<CK_BYTE_PTR>(signature.data()), &signatureLength);
-    if (rv == CKR_FUNCTION_CANCELED)
-        throw OPERATION_CANCELED();
-    if (rv != CKR_OK)
-        throw PKCS11_EXCEPTION("C_Sign", rv);
-    signature.truncate(static_cast<qsizetype>(signatureLength));
-    return signature;
+    return Pkcs11TwoCall::readBytes("C_Sign", [&](CK_BYTE_PTR signature, CK_ULONG_PTR signatureLength) {
+        const CK_RV rv = functions->C_Sign(session, bytes(input), length(input), signature, signatureLength);
+        if (signature && rv == CKR_FUNCTION_CANCELED)
+            throw OPERATION_CANCELED();
+        return rv;
+    });
 }
 
 QString Pkcs11Library::getTokenPlatform(CK_SLOT_ID slotId)
@@ -425,7 +419,7 @@ QString Pkcs11Library::getTokenPlatform(CK_SLOT_ID slotId)
         return QString();
     if (vendorExtensions != QLatin1String(monetProIdPlatform))
         throw APP_EXCEPTION(QStringLiteral("Unsupported vendor extensions requested"));
-    Pkcs11SessionGuard session(this, openReadOnlySession(slotId));
+    Pkcs11SessionGuard session = guard(openReadOnlySession(slotId));
     // The platform is a vendor attribute of the token itself, reached through object handle 0.
     const QByteArray value = readAttribute(session.handle(), 0, tokenPlatformAttribute, false);
     session.close();
@@ -465,12 +459,15 @@ QList<unsigned long> Pkcs11Library::findObjects(CK_SESSION_HANDLE session, CK_AT
     constexpr CK_ULONG batchSize = 8;
     CK_OBJECT_HANDLE batch[batchSize];
     QList<unsigned long> handles;
-    // A full batch may have more behind it; each call is asked with a count of 0.
+    // A full batch may have more behind it; each call is asked with a count of 0. A module that
+    // finds without end stops at the host's limit.
     for (CK_ULONG found = batchSize; found == batchSize;) {
         found = 0;
         PKCS11_CHECK("C_FindObjects", functions->C_FindObjects(session, batch, batchSize, &found));
-        for (CK_ULONG i = 0; i < found && i < batchSize; ++i)
-            handles.append(batch[i]);
+        found = Pkcs11TwoCall::withinRoom("C_FindObjects", "objects", found, batchSize);
+        Pkcs11TwoCall::withinLimit("C_FindObjects", "objects", CK_ULONG(handles.size()) + found,
+                                   Pkcs11TwoCall::maxObjects);
+        handles.append(QList<unsigned long>(batch, batch + found));
     }
     PKCS11_CHECK("C_FindObjectsFinal", functions->C_FindObjectsFinal(session));
     return handles;

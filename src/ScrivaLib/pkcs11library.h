@@ -1,6 +1,7 @@
 #pragma once
 
 #include "pkcs11exception.h"
+#include "pkcs11sessionguard.h"
 #include "pkcs11slotinfo.h"
 #include "pkcs11tokeninfo.h"
 #include "secretpin.h"
@@ -55,6 +56,8 @@ public:
     CK_SESSION_HANDLE openReadWriteSession(CK_SLOT_ID slotId);
     void closeSession(CK_SESSION_HANDLE session);
     bool isUserLoggedIn(CK_SESSION_HANDLE session);
+    // Closes the session through this module when the guard goes.
+    Pkcs11SessionGuard guard(CK_SESSION_HANDLE session);
 
     // Logs the user in unless the session already is. Asks for the PIN with the PIN form, or lets
     // the token collect it on its protected authentication path; a wrong PIN is reported and

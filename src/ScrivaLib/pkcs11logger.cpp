@@ -1,34 +1,8 @@
 #include "pkcs11logger.h"
 
-#include "loghandler.h"
-#include "ownedresource.h"
 #include "pkcs11names.h"
-#include "pkcs11tracewriter.h"
 
-#include <QDebug>
-#include <QtGlobal>
-
-#include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
-
-void pkcs11_logger_log(const char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    char* formatted = nullptr;
-    // Measures the text, allocates room for it and formats it.
-    const int length = vasprintf(&formatted, format, args);
-    va_end(args);
-    if (length < 0) {
-        qWarning("Unable to process va_message");
-        return;
-    }
-    const Owned<char, ::free> text(formatted);
-    // A trace line is one line: a module's texts (labels, descriptions) are not ours and must
-    // not start lines of their own.
-    qInfo().noquote() << QStringLiteral("PKCS#11 - ") + LogHandler::escaped(QString::fromUtf8(text.get()));
-}
+#include <vector>
 
 namespace {
 using Trace = Pkcs11TraceWriter;
@@ -38,8 +12,6 @@ Pkcs11Logger::Pkcs11Logger(CK_FUNCTION_LIST_PTR functionList)
     : functions(functionList)
 {
 }
-
-bool Pkcs11Logger::isTracing() { return LogHandler::hostLogExistsNow(); }
 
 // A missing list (or entry) answers CKR_GENERAL_ERROR without calling or tracing anything.
 #define PKCS11_REQUIRE(name) \
@@ -64,7 +36,7 @@ CK_RV Pkcs11Logger::C_Initialize(CK_VOID_PTR pInitArgs)
         }
     }
     const CK_RV rv = functions->C_Initialize(pInitArgs);
-    const bool tracing = isTracing();
+    const bool tracing = Trace::isTracing();
     Trace::traceResult(tracing, "C_Initialize", rv);
     return rv;
 }
@@ -75,7 +47,7 @@ CK_RV Pkcs11Logger::C_Finalize(CK_VOID_PTR pReserved)
     if (Trace::traceInput("C_Finalize"))
         pkcs11_logger_log(" pReserved: %p", pReserved);
     const CK_RV rv = functions->C_Finalize(pReserved);
-    const bool tracing = isTracing();
+    const bool tracing = Trace::isTracing();
     Trace::traceResult(tracing, "C_Finalize", rv);
     return rv;
 }
@@ -88,13 +60,14 @@ CK_RV Pkcs11Logger::C_GetSlotList(CK_BBOOL tokenPresent, CK_SLOT_ID_PTR pSlotLis
         pkcs11_logger_log(" pSlotList: %p", static_cast<void*>(pSlotList));
         Trace::logULongPointer(" pulCount", " *pulCount", pulCount);
     }
+    const CK_ULONG room = Trace::room(pSlotList, pulCount);
     const CK_RV rv = functions->C_GetSlotList(tokenPresent, pSlotList, pulCount);
-    const bool tracing = isTracing();
+    const bool tracing = Trace::isTracing();
     if (Trace::traceOutput(tracing, rv)) {
         pkcs11_logger_log(" pSlotList: %p", static_cast<void*>(pSlotList));
         Trace::logULongPointer(" pulCount", " *pulCount", pulCount);
         if (pSlotList && pulCount)
-            for (CK_ULONG i = 0; i < *pulCount; ++i)
+            for (CK_ULONG i = 0; i < *pulCount && i < room; ++i)
                 pkcs11_logger_log(" pSlotList[%d]: %lu", static_cast<int>(i), pSlotList[i]);
     }
     Trace::traceResult(tracing, "C_GetSlotList", rv);
@@ -109,7 +82,7 @@ CK_RV Pkcs11Logger::C_GetSlotInfo(CK_SLOT_ID slotID, CK_SLOT_INFO_PTR pInfo)
         pkcs11_logger_log(" pInfo: %p", static_cast<void*>(pInfo));
     }
     const CK_RV rv = functions->C_GetSlotInfo(slotID, pInfo);
-    const bool tracing = isTracing();
+    const bool tracing = Trace::isTracing();
     if (Trace::traceOutput(tracing, rv)) {
         pkcs11_logger_log(" pInfo: %p", static_cast<void*>(pInfo));
         if (pInfo) {
@@ -128,7 +101,7 @@ CK_RV Pkcs11Logger::C_GetTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO_PTR pInfo)
         pkcs11_logger_log(" pInfo: %p", static_cast<void*>(pInfo));
     }
     const CK_RV rv = functions->C_GetTokenInfo(slotID, pInfo);
-    const bool tracing = isTracing();
+    const bool tracing = Trace::isTracing();
     if (Trace::traceOutput(tracing, rv) && pInfo) {
         Trace::logTokenInfo(*pInfo);
     }
@@ -150,7 +123,7 @@ CK_RV Pkcs11Logger::C_OpenSession(CK_SLOT_ID slotID, CK_FLAGS flags, CK_VOID_PTR
         Trace::logULongPointer(" phSession", " *phSession", phSession);
     }
     const CK_RV rv = functions->C_OpenSession(slotID, flags, pApplication, Notify, phSession);
-    const bool tracing = isTracing();
+    const bool tracing = Trace::isTracing();
     if (Trace::traceOutput(tracing, rv))
         Trace::logULongPointer(" phSession", " *phSession", phSession);
     Trace::traceResult(tracing, "C_OpenSession", rv);
@@ -163,7 +136,7 @@ CK_RV Pkcs11Logger::C_CloseSession(CK_SESSION_HANDLE hSession)
     if (Trace::traceInput("C_CloseSession"))
         pkcs11_logger_log(" hSession: %lu", hSession);
     const CK_RV rv = functions->C_CloseSession(hSession);
-    const bool tracing = isTracing();
+    const bool tracing = Trace::isTracing();
     Trace::traceResult(tracing, "C_CloseSession", rv);
     return rv;
 }
@@ -176,7 +149,7 @@ CK_RV Pkcs11Logger::C_GetSessionInfo(CK_SESSION_HANDLE hSession, CK_SESSION_INFO
         pkcs11_logger_log(" pInfo: %p", static_cast<void*>(pInfo));
     }
     const CK_RV rv = functions->C_GetSessionInfo(hSession, pInfo);
-    const bool tracing = isTracing();
+    const bool tracing = Trace::isTracing();
     if (Trace::traceOutput(tracing, rv)) {
         pkcs11_logger_log(" pInfo: %p", static_cast<void*>(pInfo));
         if (pInfo) {
@@ -204,7 +177,7 @@ CK_RV Pkcs11Logger::C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, C
         pkcs11_logger_log(" ulPinLen: %lu", ulPinLen);
     }
     const CK_RV rv = functions->C_Login(hSession, userType, pPin, ulPinLen);
-    const bool tracing = isTracing();
+    const bool tracing = Trace::isTracing();
     Trace::traceResult(tracing, "C_Login", rv);
     return rv;
 }
@@ -215,7 +188,7 @@ CK_RV Pkcs11Logger::C_Logout(CK_SESSION_HANDLE hSession)
     if (Trace::traceInput("C_Logout"))
         pkcs11_logger_log(" hSession: %lu", hSession);
     const CK_RV rv = functions->C_Logout(hSession);
-    const bool tracing = isTracing();
+    const bool tracing = Trace::isTracing();
     Trace::traceResult(tracing, "C_Logout", rv);
     return rv;
 }
@@ -232,7 +205,7 @@ CK_RV Pkcs11Logger::C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR 
         Trace::logULongPointer(" phObject", " *phObject", phObject);
     }
     const CK_RV rv = functions->C_CreateObject(hSession, pTemplate, ulCount, phObject);
-    const bool tracing = isTracing();
+    const bool tracing = Trace::isTracing();
     if (Trace::traceOutput(tracing, rv))
         Trace::logULongPointer(" phObject", " *phObject", phObject);
     Trace::traceResult(tracing, "C_CreateObject", rv);
@@ -250,14 +223,16 @@ CK_RV Pkcs11Logger::C_GetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HA
         pkcs11_logger_log(" ulCount: %lu", ulCount);
         Trace::logTemplate(pTemplate, ulCount);
     }
+    // The template as the host gave it: where its buffers are and how long they are.
+    const std::vector<CK_ATTRIBUTE> given(pTemplate, pTemplate ? pTemplate + ulCount : pTemplate);
     const CK_RV rv = functions->C_GetAttributeValue(hSession, hObject, pTemplate, ulCount);
-    const bool tracing = isTracing();
+    const bool tracing = Trace::isTracing();
     // These two errors still fill the attributes the module could answer.
     const bool partial = rv == CKR_ATTRIBUTE_SENSITIVE || rv == CKR_ATTRIBUTE_TYPE_INVALID;
     if (Trace::traceOutput(tracing, rv, partial)) {
         pkcs11_logger_log(" pTemplate: %p", static_cast<void*>(pTemplate));
         pkcs11_logger_log(" ulCount: %lu", ulCount);
-        Trace::logTemplate(pTemplate, ulCount);
+        Trace::logTemplate(pTemplate, ulCount, given.data());
     }
     Trace::traceResult(tracing, "C_GetAttributeValue", rv);
     return rv;
@@ -273,7 +248,7 @@ CK_RV Pkcs11Logger::C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_P
         Trace::logTemplate(pTemplate, ulCount);
     }
     const CK_RV rv = functions->C_FindObjectsInit(hSession, pTemplate, ulCount);
-    const bool tracing = isTracing();
+    const bool tracing = Trace::isTracing();
     Trace::traceResult(tracing, "C_FindObjectsInit", rv);
     return rv;
 }
@@ -289,7 +264,7 @@ CK_RV Pkcs11Logger::C_FindObjects(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE_P
         Trace::logULongPointer(" pulObjectCount", " *pulObjectCount", pulObjectCount);
     }
     const CK_RV rv = functions->C_FindObjects(hSession, phObject, ulMaxObjectCount, pulObjectCount);
-    const bool tracing = isTracing();
+    const bool tracing = Trace::isTracing();
     if (Trace::traceOutput(tracing, rv)) {
         pkcs11_logger_log(" phObject: %p", static_cast<void*>(phObject));
         pkcs11_logger_log(" ulMaxObjectCount: %lu", ulMaxObjectCount);
@@ -308,7 +283,7 @@ CK_RV Pkcs11Logger::C_FindObjectsFinal(CK_SESSION_HANDLE hSession)
     if (Trace::traceInput("C_FindObjectsFinal"))
         pkcs11_logger_log(" hSession: %lu", hSession);
     const CK_RV rv = functions->C_FindObjectsFinal(hSession);
-    const bool tracing = isTracing();
+    const bool tracing = Trace::isTracing();
     Trace::traceResult(tracing, "C_FindObjectsFinal", rv);
     return rv;
 }
@@ -321,7 +296,7 @@ CK_RV Pkcs11Logger::C_DigestInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pM
         Trace::logMechanism(pMechanism, " *pParameter");
     }
     const CK_RV rv = functions->C_DigestInit(hSession, pMechanism);
-    const bool tracing = isTracing();
+    const bool tracing = Trace::isTracing();
     Trace::traceResult(tracing, "C_DigestInit", rv);
     return rv;
 }
@@ -333,10 +308,11 @@ CK_RV Pkcs11Logger::C_Digest(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_U
     if (Trace::traceInput("C_Digest"))
         Trace::logBufferInput(hSession, pData, ulDataLen, " pDigest", pDigest, " pulDigestLen", " *pulDigestLen",
                        pulDigestLen);
+    const CK_ULONG room = Trace::room(pDigest, pulDigestLen);
     const CK_RV rv = functions->C_Digest(hSession, pData, ulDataLen, pDigest, pulDigestLen);
-    const bool tracing = isTracing();
+    const bool tracing = Trace::isTracing();
     if (Trace::traceOutput(tracing, rv))
-        Trace::logBufferOutput(" pDigest", " *pDigest", pDigest, " pulDigestLen", " *pulDigestLen", pulDigestLen);
+        Trace::logBufferOutput(" pDigest", " *pDigest", pDigest, room, " pulDigestLen", " *pulDigestLen", pulDigestLen);
     Trace::traceResult(tracing, "C_Digest", rv);
     return rv;
 }
@@ -350,7 +326,7 @@ CK_RV Pkcs11Logger::C_SignInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMec
         pkcs11_logger_log(" hKey: %lu", hKey);
     }
     const CK_RV rv = functions->C_SignInit(hSession, pMechanism, hKey);
-    const bool tracing = isTracing();
+    const bool tracing = Trace::isTracing();
     Trace::traceResult(tracing, "C_SignInit", rv);
     return rv;
 }
@@ -362,10 +338,11 @@ CK_RV Pkcs11Logger::C_Sign(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULO
     if (Trace::traceInput("C_Sign"))
         Trace::logBufferInput(hSession, pData, ulDataLen, " pSignature", pSignature, " pulSignatureLen",
                        " *pulSignatureLen", pulSignatureLen);
+    const CK_ULONG room = Trace::room(pSignature, pulSignatureLen);
     const CK_RV rv = functions->C_Sign(hSession, pData, ulDataLen, pSignature, pulSignatureLen);
-    const bool tracing = isTracing();
+    const bool tracing = Trace::isTracing();
     if (Trace::traceOutput(tracing, rv))
-        Trace::logBufferOutput(" pSignature", " *pSignature", pSignature, " pulSignatureLen", " *pulSignatureLen",
+        Trace::logBufferOutput(" pSignature", " *pSignature", pSignature, room, " pulSignatureLen", " *pulSignatureLen",
                         pulSignatureLen);
     Trace::traceResult(tracing, "C_Sign", rv);
     return rv;
@@ -392,7 +369,7 @@ CK_RV Pkcs11Logger::C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_P
     const CK_RV rv = functions->C_GenerateKeyPair(hSession, pMechanism, pPublicKeyTemplate, ulPublicKeyAttributeCount,
                                                   pPrivateKeyTemplate, ulPrivateKeyAttributeCount, phPublicKey,
                                                   phPrivateKey);
-    const bool tracing = isTracing();
+    const bool tracing = Trace::isTracing();
     if (Trace::traceOutput(tracing, rv)) {
         Trace::logULongPointer(" phPublicKey", " *phPublicKey", phPublicKey);
         Trace::logULongPointer(" phPrivateKey", " *phPrivateKey", phPrivateKey);

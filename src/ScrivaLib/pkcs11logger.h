@@ -1,15 +1,14 @@
 #pragma once
 
-#include <p11-kit/pkcs11.h>
+#include "pkcs11tracewriter.h"
 
-// Writes one info line "PKCS#11 - " + the printf-formatted text to the program's log, with any
-// control character in it escaped, so the line stays one line.
-void pkcs11_logger_log(const char* format, ...) __attribute__((format(printf, 1, 2)));
+#include <p11-kit/pkcs11.h>
 
 // Stands between the engine and a module's function list: every member forwards to the module
 // and, while the host log file exists, traces the call's name, inputs, result and outputs.
 // With tracing off a call costs one check of the switch before and one after the call.
-// The PIN of C_Login is never written, only its pointer and length.
+// The PIN of C_Login is never written, only its pointer and length. The numbers a module answers
+// are printed as it answered them, but no more of a buffer is dumped than the host gave it.
 class Pkcs11Logger
 {
 public:
@@ -17,9 +16,6 @@ public:
     explicit Pkcs11Logger(CK_FUNCTION_LIST_PTR functionList);
 
     CK_FUNCTION_LIST_PTR functionList() const { return functions; }
-
-    // True while the trace is switched on (the host log file exists as a regular file).
-    static bool isTracing();
 
     CK_RV C_Initialize(CK_VOID_PTR pInitArgs);
     CK_RV C_Finalize(CK_VOID_PTR pReserved);

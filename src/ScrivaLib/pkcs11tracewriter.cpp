@@ -1,12 +1,37 @@
 #include "pkcs11tracewriter.h"
 
-#include "pkcs11logger.h"
+#include "loghandler.h"
+#include "ownedresource.h"
 #include "pkcs11names.h"
 
+#include <QDebug>
+
+#include <algorithm>
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
+
+void pkcs11_logger_log(const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    char* formatted = nullptr;
+    // Measures the text, allocates room for it and formats it.
+    const int length = vasprintf(&formatted, format, args);
+    va_end(args);
+    if (length < 0) {
+        qWarning("Unable to process va_message");
+        return;
+    }
+    const Owned<char, ::free> text(formatted);
+    // A trace line is one line: a module's texts (labels, descriptions) are not ours and must
+    // not start lines of their own.
+    qInfo().noquote() << QStringLiteral("PKCS#11 - ") + LogHandler::escaped(QString::fromUtf8(text.get()));
+}
 
 namespace {
 
@@ -73,7 +98,7 @@ void logNestedTemplate(const unsigned char* bytes, CK_ULONG count)
 
 } // namespace
 
-void Pkcs11TraceWriter::logTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count)
+void Pkcs11TraceWriter::logTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG count, const CK_ATTRIBUTE* given)
 {
     if (!attributes || count == 0)
         return;
@@ -81,13 +106,14 @@ void Pkcs11TraceWriter::logTemplate(const CK_ATTRIBUTE* attributes, CK_ULONG cou
     for (CK_ULONG i = 0; i < count; ++i) {
         const CK_ATTRIBUTE& attribute = attributes[i];
         logAttributeHead(i, attribute.type, attribute.pValue, attribute.ulValueLen);
-        if (!attribute.pValue)
+        const void* value = given ? given[i].pValue : attribute.pValue;
+        if (!value)
             continue;
-        if ((attribute.type & CKF_ARRAY_ATTRIBUTE) && attribute.ulValueLen % sizeof(CK_ATTRIBUTE) == 0)
-            logNestedTemplate(static_cast<const unsigned char*>(attribute.pValue),
-                              attribute.ulValueLen / sizeof(CK_ATTRIBUTE));
+        const CK_ULONG length = given ? std::min(attribute.ulValueLen, given[i].ulValueLen) : attribute.ulValueLen;
+        if ((attribute.type & CKF_ARRAY_ATTRIBUTE) && length % sizeof(CK_ATTRIBUTE) == 0)
+            logNestedTemplate(static_cast<const unsigned char*>(value), length / sizeof(CK_ATTRIBUTE));
         else
-            logData("   *pValue", attribute.pValue, attribute.ulValueLen);
+            logData("   *pValue", value, length);
     }
     pkcs11_logger_log("  *** End attribute template ***");
 }
@@ -118,9 +144,11 @@ void Pkcs11TraceWriter::logULongPointer(const char* pointerLabel, const char* va
         pkcs11_logger_log("%s: %lu", valueLabel, *pointer);
 }
 
+bool Pkcs11TraceWriter::isTracing() { return LogHandler::hostLogExistsNow(); }
+
 bool Pkcs11TraceWriter::traceInput(const char* function)
 {
-    if (!Pkcs11Logger::isTracing())
+    if (!isTracing())
         return false;
     pkcs11_logger_log("Going to call %s", function);
     pkcs11_logger_log("Input");
@@ -154,12 +182,13 @@ void Pkcs11TraceWriter::logBufferInput(CK_SESSION_HANDLE hSession, const CK_BYTE
 }
 
 void Pkcs11TraceWriter::logBufferOutput(const char* outName, const char* outValueName, const CK_BYTE* pOut,
-                                        const char* lengthName, const char* lengthValueName, const CK_ULONG* pulOutLen)
+                                        CK_ULONG room, const char* lengthName, const char* lengthValueName,
+                                        const CK_ULONG* pulOutLen)
 {
     pkcs11_logger_log("%s: %p", outName, static_cast<const void*>(pOut));
     pkcs11_logger_log("%s: %p", lengthName, static_cast<const void*>(pulOutLen));
     if (pulOutLen) {
-        logData(outValueName, pOut, *pulOutLen);
+        logData(outValueName, pOut, std::min(*pulOutLen, room));
         pkcs11_logger_log("%s: %lu", lengthValueName, *pulOutLen);
     }
 }

@@ -275,6 +275,70 @@ private slots:
                  qPrintable(text));
     }
 
+    // A module's counts and lengths are checked before the host allocates or reads by them, and
+    // the trace, on throughout, dumps no more than the host's buffers: a lying call fails as a
+    // general error and the log says what the module claimed. A smaller second answer is used, and
+    // texts that are not UTF-8 still make a well-formed answer.
+    void lyingModuleCallsFailAsGeneralErrors_data()
+    {
+        QTest::addColumn<QString>("request");
+        QTest::addColumn<QString>("lie");
+        QTest::addColumn<QString>("claim"); // the log's warning, or "" when nothing is refused
+        QTest::addColumn<int>("slotCount"); // in the answer
+        const auto row = [](const char* name, const char* request, const char* lie, QString claim, int slotCount = 0) {
+            QTest::newRow(name) << request << lie << claim << slotCount;
+        };
+        const QString huge = " answered 1099511627776 %1, more than the %2 the host allows";
+        row("slot list longer than its buffer", "getslots-2026", "C_GetSlotList:grow", "C_GetSlotList answered 9 slots into a buffer for 3");
+        row("slot list shorter than its buffer", "getslots-2026", "C_GetSlotList:shrink", "", 2);
+        row("huge slot list", "getslots-2022", "C_GetSlotList:huge", "C_GetSlotList" + huge.arg("slots").arg(1024));
+        row("huge slot list, finding the token", "createobject-2026", "C_GetSlotList:huge", "C_GetSlotList" + huge.arg("slots").arg(1024));
+        row("certificate longer than its buffer", "getcertificates-2022", "C_GetAttributeValue:grow",
+            "C_GetAttributeValue answered 8 bytes into a buffer for 2");
+        row("huge certificate", "getcertificates-2026", "C_GetAttributeValue:huge",
+            "C_GetAttributeValue" + huge.arg("bytes").arg(1048576));
+        row("objects found for ever", "getcertificates-2022", "C_FindObjects:forever",
+            "C_FindObjects answered 65544 objects, more than the 65536 the host allows");
+        row("more objects than asked for", "getcertificates-2026", "C_FindObjects:overflow", "C_FindObjects answered 13 objects into a buffer for 8");
+        row("modulus longer than its buffer", "generatecsr-2022", "C_GetAttributeValue:grow",
+            "C_GetAttributeValue answered 262 bytes into a buffer for 256");
+        row("digest longer than its buffer", "generatecsr-2026", "C_Digest:grow", "C_Digest answered 38 bytes into a buffer for 32");
+        row("huge digest", "generatecsr-2022", "C_Digest:huge", "C_Digest" + huge.arg("bytes").arg(1048576));
+        row("signature longer than its buffer", "generatecsr-2022", "C_Sign:grow", "C_Sign answered 262 bytes into a buffer for 256");
+        row("huge signature", "generatecsr-2026", "C_Sign:huge", "C_Sign" + huge.arg("bytes").arg(1048576));
+        row("slot texts not UTF-8", "getslots-2026", "C_GetSlotInfo:garbage", "", 3);
+        row("token texts not UTF-8", "getslots-2022", "C_GetTokenInfo:garbage", "", 3);
+        row("token texts not UTF-8, storing an object", "createobject-2022", "C_GetTokenInfo:garbage", "", 1);
+    }
+
+    void lyingModuleCallsFailAsGeneralErrors()
+    {
+        QFETCH(QString, request);
+        QFETCH(QString, lie);
+        QFETCH(QString, claim);
+        QFETCH(int, slotCount);
+        user.script({"pin:" + userPin, "pin:" + userPin});
+        // A certificate to find: any bytes will do, the host does not read them.
+        const QMap<QString, QString> certificate = objectAttributes(
+            attribute("UnsignedLong", CKA_CLASS, "1") + attribute("UnsignedLong", CKA_CERTIFICATE_TYPE, "0")
+            + attribute("Bool", CKA_TOKEN, "true") + attribute("ByteArray", CKA_SUBJECT, "3000")
+            + attribute("ByteArray", CKA_VALUE, "3000"));
+        QCOMPARE(run(&Pkcs11Manager::createObject, "createobject-2022", certificate).error, QString());
+        QVERIFY(configureModule(work, {"lie=" + lie, "kov_data_hex=3003020101"}));
+        TraceSwitch::set(true);
+        const auto operation = request.section('-', 0, 0);
+        const Outcome outcome = operation == "getslots" ? run(&Pkcs11Manager::getSlots, request)
+            : operation == "getcertificates"           ? run(&Pkcs11Manager::getCertificates, request)
+            : operation == "generatecsr"               ? run(&Pkcs11Manager::generateCsr, request)
+                                                       : run(&Pkcs11Manager::createObject, request, certificate);
+        const QString function = claim.section(' ', 0, 0);
+        QCOMPARE(outcome.error, claim.isEmpty() ? QString() : Pkcs11Exception::detailText(function, CKR_GENERAL_ERROR));
+        const QString log = TraceSwitch::text();
+        QVERIFY2(claim.isEmpty() ? !log.contains(" answered ") : log.contains(" - W - " + claim), qPrintable(claim));
+        QCOMPARE(outcome.document.count("<Slot>"), slotCount);
+        QCOMPARE(TraceSwitch::trace().count("C_Finalize returned 0 (CKR_OK)"), 1);
+    }
+
     // Cancelling the form is the wrapper's concern; here only who asks for the PIN. Sessions are
     // closed and the module finalised whichever way it ended; the PIN is never logged.
     void showPinFormDecidesWhoAsksForThePin_data()

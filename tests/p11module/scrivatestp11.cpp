@@ -23,6 +23,13 @@
 //   kov_data_hex=3003020101       vendor attribute 0x80000007 of public keys
 //   unavailable_type=0x122        this attribute of any object answers CKR_OK with an unavailable length
 //   no_slots=1                    C_GetSlotList reports no slots
+//   lie=C_Sign:grow               the call answers CKR_OK with a count or length it does not mean:
+//                                 grow: 6 more than the buffer it filled; shrink: one fewer;
+//                                 huge: 2^40 when asked without a buffer (C_GetSlotList,
+//                                 C_GetAttributeValue, C_Digest, C_Sign). C_FindObjects:forever
+//                                 finds made-up objects without end, C_FindObjects:overflow 5 more
+//                                 than asked for; C_GetSlotInfo:garbage and C_GetTokenInfo:garbage
+//                                 fill the texts (but the serial number) with bytes that are not UTF-8
 //   hold_calls=C_GenerateKeyPair  these calls first create <hold_dir>/<call>.entered, so a test knows
 //   hold_dir=/tmp/gates           the host is inside, then wait until <hold_dir>/<call>.release exists
 // Calls that can be held: C_Finalize, C_OpenSession, C_CloseSession, C_CreateObject,
@@ -85,6 +92,37 @@ std::string fromHex(const std::string& hex)
     return bytes;
 }
 
+// The lie configured for this call ("grow", "huge", ...), or "".
+std::string lie(const char* call)
+{
+    const std::string configured = text("lie");
+    return configured.rfind(std::string(call) + ":", 0) == 0 ? configured.substr(configured.find(':') + 1) : "";
+}
+
+// Applies the configured lie to the count a call answered; the module wrote only what fits.
+CK_RV lieAbout(const char* call, bool buffer, CK_ULONG* count, CK_RV rv)
+{
+    const std::string kind = lie(call);
+    if (rv != CKR_OK)
+        return rv;
+    if (buffer && kind == "grow")
+        *count += 6;
+    else if (buffer && kind == "shrink" && *count > 0)
+        --*count;
+    else if (!buffer && kind == "huge")
+        *count = CK_ULONG(1) << 40;
+    return rv;
+}
+
+// Bytes that are not UTF-8, control characters and markup, over a whole text field.
+template<std::size_t size>
+void garble(CK_UTF8CHAR (&field)[size])
+{
+    static const char junk[] = "\xff\xc3\x28<&\x01\x00\xe2\x82\xed\xa0\x80\xef\xbf\xbe";
+    for (std::size_t i = 0; i < size; ++i)
+        field[i] = static_cast<CK_UTF8CHAR>(junk[i % (sizeof(junk) - 1)]);
+}
+
 bool pinLocked() { return has("lock_after_wrong_pins") && wrongPins >= number("lock_after_wrong_pins"); }
 
 bool hasClass(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_OBJECT_CLASS wanted)
@@ -145,10 +183,19 @@ CK_RV testFinalize(CK_VOID_PTR reserved)
 CK_RV testGetSlotList(CK_BBOOL present, CK_SLOT_ID_PTR list, CK_ULONG_PTR count)
 {
     std::lock_guard<std::mutex> lock(mutex);
-    if (!number("no_slots"))
-        return target->C_GetSlotList(present, list, count);
-    *count = 0;
-    return CKR_OK;
+    if (number("no_slots"))
+        *count = 0;
+    const CK_RV rv = number("no_slots") ? CKR_OK : target->C_GetSlotList(present, list, count);
+    return lieAbout("C_GetSlotList", list, count, rv);
+}
+
+CK_RV testGetSlotInfo(CK_SLOT_ID slot, CK_SLOT_INFO_PTR info)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    const CK_RV rv = target->C_GetSlotInfo(slot, info);
+    if (rv == CKR_OK && lie("C_GetSlotInfo") == "garbage")
+        garble(info->slotDescription), garble(info->manufacturerID);
+    return rv;
 }
 
 CK_RV testGetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info)
@@ -169,6 +216,8 @@ CK_RV testGetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info)
         info->flags |= CKF_USER_PIN_COUNT_LOW;
     if (listed("user_pin_flags", "final_try"))
         info->flags |= CKF_USER_PIN_FINAL_TRY;
+    if (lie("C_GetTokenInfo") == "garbage")
+        garble(info->label), garble(info->manufacturerID), garble(info->model);
     return rv;
 }
 
@@ -211,10 +260,8 @@ CK_RV testCloseSession(CK_SESSION_HANDLE session)
 }
 
 // The engine reads one attribute at a time; the added ones answer with the two-call length protocol.
-CK_RV testGetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_PTR attributes,
-                            CK_ULONG count)
+CK_RV answerAttribute(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_PTR attributes, CK_ULONG count)
 {
-    std::lock_guard<std::mutex> lock(mutex);
     CK_ATTRIBUTE& attribute = attributes[0];
     std::string value;
     if (has("unavailable_type") && attribute.type == number("unavailable_type")) {
@@ -248,6 +295,33 @@ CK_RV testGetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, 
     return CKR_OK;
 }
 
+CK_RV testGetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_PTR attributes,
+                            CK_ULONG count)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    const CK_RV rv = answerAttribute(session, object, attributes, count);
+    return lieAbout("C_GetAttributeValue", attributes[0].pValue, &attributes[0].ulValueLen, rv);
+}
+
+CK_RV testFindObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE_PTR objects, CK_ULONG room, CK_ULONG_PTR found)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    const std::string kind = lie("C_FindObjects");
+    if (kind.empty())
+        return target->C_FindObjects(session, objects, room, found);
+    for (CK_ULONG i = 0; i < room; ++i)
+        objects[i] = 0x1000 + i;
+    *found = kind == "overflow" ? room + 5 : room;
+    return CKR_OK;
+}
+
+CK_RV testDigest(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLength, CK_BYTE_PTR digest,
+                 CK_ULONG_PTR digestLength)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    return lieAbout("C_Digest", digest, digestLength, target->C_Digest(session, data, dataLength, digest, digestLength));
+}
+
 CK_RV testSignInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE key)
 {
     std::lock_guard<std::mutex> lock(mutex);
@@ -272,7 +346,7 @@ CK_RV testSign(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLength,
         contextLogins.erase(session);
     if (signature && listed("cancel_calls", "C_Sign"))
         rv = CKR_FUNCTION_CANCELED;
-    return rv;
+    return lieAbout("C_Sign", signature, signatureLength, rv);
 }
 
 bool loadTarget()
@@ -290,7 +364,10 @@ bool loadTarget()
     ownList.C_Initialize = testInitialize;
     ownList.C_Finalize = testFinalize;
     ownList.C_GetSlotList = testGetSlotList;
+    ownList.C_GetSlotInfo = testGetSlotInfo;
     ownList.C_GetTokenInfo = testGetTokenInfo;
+    ownList.C_FindObjects = testFindObjects;
+    ownList.C_Digest = testDigest;
     ownList.C_Login = testLogin;
     ownList.C_CloseSession = testCloseSession;
     ownList.C_GetAttributeValue = testGetAttributeValue;
