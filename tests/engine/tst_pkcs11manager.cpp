@@ -336,7 +336,15 @@ private slots:
         const QString log = TraceSwitch::text();
         QVERIFY2(claim.isEmpty() ? !log.contains(" answered ") : log.contains(" - W - " + claim), qPrintable(claim));
         QCOMPARE(outcome.document.count("<Slot>"), slotCount);
-        QCOMPARE(TraceSwitch::trace().count("C_Finalize returned 0 (CKR_OK)"), 1);
+        const QStringList trace = TraceSwitch::trace();
+        QCOMPARE(trace.count("C_Finalize returned 0 (CKR_OK)"), 1);
+        // The trace shows the module's number but dumps no more than the buffer held.
+        const int held = QRegularExpression("into a buffer for (\\d+)$").match(claim).captured(1).toInt();
+        const QString dump = QMap<QString, QString>{{"C_GetSlotList", " pSlotList["}, {"C_Digest", " *pDigest: "},
+                                                    {"C_Sign", " *pSignature: "}}.value(function, "-");
+        for (const QString& line : trace.filter(dump))
+            QVERIFY2(held == 0 || (dump == " pSlotList[" ? line.section(QRegularExpression("[][]"), 1, 1).toInt() < held
+                                                         : line.section('(', 1).size() - 1 <= 2 * held), qPrintable(line));
     }
 
     // Cancelling the form is the wrapper's concern; here only who asks for the PIN. Sessions are

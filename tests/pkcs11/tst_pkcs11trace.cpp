@@ -51,7 +51,7 @@ CK_FUNCTION_LIST stubList()
     list.C_Logout = [](auto) -> CK_RV { return CKR_VENDOR_DEFINED; };
     list.C_CreateObject = [](auto, auto, auto, CK_OBJECT_HANDLE_PTR object) { return fill(object, 21UL); };
     list.C_GetAttributeValue = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE, CK_ATTRIBUTE_PTR attributes, CK_ULONG) -> CK_RV {
-        attributes[2].ulValueLen = CK_UNAVAILABLE_INFORMATION; // refused, the others left as they came
+        attributes[2].ulValueLen = CK_UNAVAILABLE_INFORMATION; // refused: no more than its buffer is dumped
         return CKR_ATTRIBUTE_SENSITIVE;
     };
     list.C_FindObjects = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE_PTR objects, CK_ULONG, CK_ULONG_PTR count) {
