@@ -113,9 +113,14 @@ async function storeCertificate(module = state.module) {
   return { xml, certificate };
 }
 
+// What the user reads about a failure: the client's message for its category, with the error word.
+function explain(error) {
+  return error.userMessage ? `${error.userMessage} [${error.category}: ${error.message}]` : String(error.message || error);
+}
+
 // Buttons report failures in the log; scripted callers get the rejection.
 function button(id, action) {
-  $(id).addEventListener("click", () => action().catch((error) => log(String(error.message || error), true)));
+  $(id).addEventListener("click", () => action().catch((error) => log(explain(error), true)));
 }
 
 async function start() {
@@ -132,7 +137,7 @@ async function start() {
     const { version } = await client.detect();
     $("status").textContent = `Scriva extension ${version} found. Press Connect.`;
   } catch (error) {
-    $("status").textContent = error.message;
+    $("status").textContent = explain(error);
     $("status").className = "error";
   }
 }

@@ -54,13 +54,13 @@ const hostLog = work("home/.local/share/Corvant/Scriva/Logs/ScrivaPkcs11Log.txt"
 fs.mkdirSync(path.dirname(hostLog), { recursive: true });
 fs.writeFileSync(hostLog, "");
 
-// Runs an async expression in the page, with the page's `client`; its value, or the error word of a rejection.
-const call = (page, expression) =>
-  page.evaluate(`(async (client) => ${expression})(scrivaDemo.client).catch((e) => e.code || String(e))`);
-// A request signed by the demo server for the page; with a nonce the host never gave out if given.
-const signed = (operation, nonce = "client.getNonce()") => `Promise.resolve(${nonce}).then((nonce) =>
-    fetch('/api/request', { method: 'POST', body: JSON.stringify({ operation: '${operation}', nonce,
-      token: scrivaDemo.state.token }) })).then((r) => r.json()).then((r) => r.argument)`;
+// Runs an async expression in the page, with the page's `client`; its value, or a rejection's category and word.
+const call = (page, expression) => page.evaluate(`(async (client) => ${expression})(scrivaDemo.client)
+    .catch((e) => e.code ? e.category + ' ' + e.code : String(e))`);
+// A request signed by the demo server for the page; with a nonce the host never gave out, or another token, if given.
+const signed = (operation, nonce = "client.getNonce()", token = "scrivaDemo.state.token") => `Promise.resolve(${nonce})
+    .then((nonce) => fetch('/api/request', { method: 'POST', body: JSON.stringify({ operation: '${operation}', nonce,
+      token: ${token} }) })).then((r) => r.json()).then((r) => r.argument)`;
 
 // The host processes of this build that the browser started for this test's token.
 const program = fs.realpathSync(path.join(args.build, "bin", "ScrivaPkcs11"));
@@ -104,6 +104,15 @@ async function exercise(session, url) {
   seen["GenerateCsr on the PIN pad"] = verified.status === 0 ? verified.stdout.toString().trim() : csr;
   seen["CreateObject, then the certificates"] = await call(page,
       "scrivaDemo.storeCertificate(1).then(() => scrivaDemo.readCertificates(0)).then((r) => r.certificates.length)");
+  fs.writeFileSync(work("pinpad.conf"), `pin_pad_pin=${PIN}\ncancel_calls=C_Login\n`);
+  seen["GenerateCsr, cancelled on the PIN pad"] = await call(page, "scrivaDemo.generateCsr('Scriva Browser Test', 1)");
+  fs.writeFileSync(work("pinpad.conf"), `pin_pad_pin=${PIN}\n`);
+  seen["GetCertificates of a token not connected"] = await call(page,
+      `${signed("GetCertificates", undefined, "{ serial: 'F00D', label: 'Absent' }")}.then((s) => client.getCertificates(s))`);
+  // A frame gets no content script: its demo page tells the user what is missing.
+  seen["the demo in a frame"] = await call(page, `new Promise((resolve) => document.body.append(Object.assign(
+      document.createElement('iframe'), { src: location.href, onload: (event) => resolve(event.target.contentWindow) })))
+      .then((frame) => frame.scrivaDemo.ready.then(() => frame.document.getElementById('status').textContent.split(' [')[1]))`);
   // The host answers a token operation under the id of its latest request: the extension must
   // hold quick calls back until the operation is answered.
   seen["overlapping GetCertificates, GetVersion, GetNonce"] = await call(page, `${signed("GetCertificates")}.then((s) =>
@@ -113,6 +122,8 @@ async function exercise(session, url) {
       `${signed("GetSlots", "'0f8fad5b-d9cb-469f-a165-70867728950e'")}.then((s) => client.getSlots(s))`);
   seen["Terminate, then GetNonce"] = await call(page, "client.terminate().then(() => client.getNonce())");
   seen["a new instance"] = await call(page, "client.createInstance().then(() => client.getVersion())");
+  seen["new clients that need this version, 10.0"] = await call(page, `Promise.all(['${VERSION.split(" ")[0]}', '10.0']
+      .map((v) => new client.constructor({ minimumHostVersion: v }).createInstance().catch((e) => e.category + ' ' + e.code)))`);
   await call(page, "client.terminate()");
   fs.rmSync(session.manifest);
   seen["CreateInstance with no host registered"] = await call(page, "client.createInstance()");
@@ -148,7 +159,7 @@ async function exercise(session, url) {
       const limit = 16 * 1024 * 1024;
       const empty = JSON.stringify({ method: 'ScrivaPkcs11.1.0.0.qt.QES.GetSlots', args: [''] }).length;
       // The host refuses the junk it reads with the whole OpenSSL text, which names the thread.
-      const answer = (argument) => client.getSlots(argument).catch((e) => String(e.code).split(':')[0]);
+      const answer = (argument) => client.getSlots(argument).catch((e) => e.category + ' ' + e.code.split(':')[0]);
       return [await answer('A'.repeat(limit - empty)), await answer('A'.repeat(limit - empty + 1)),
               await answer('\\u00e9'.repeat(limit / 2))];
   })()`);
@@ -202,17 +213,21 @@ try {
     "GenerateCsr on the PIN pad": "subject=CN=Scriva Browser Test",
     "CreateObject, then the certificates": 2,
     "overlapping GetCertificates, GetVersion, GetNonce": [true, VERSION, true],
-    "a nonce the host never gave": "CommunicationMismatchNonce",
-    "Terminate, then GetNonce": "ScrivaInstanceDoesNotExist",
+    "GenerateCsr, cancelled on the PIN pad": "cancelled OperationCanceled",
+    "GetCertificates of a token not connected": "token-missing SpecifiedTokenNotFound",
+    "the demo in a frame": "not-installed: ExtensionNotAvailable (after 1000 ms)]",
+    "a nonce the host never gave": "request-refused CommunicationMismatchNonce",
+    "Terminate, then GetNonce": "request-refused ScrivaInstanceDoesNotExist",
     "a new instance": VERSION,
-    "CreateInstance with no host registered": "NativeHostNotAvailable",
+    "new clients that need this version, 10.0": [null, "host-too-old HostTooOld"],
+    "CreateInstance with no host registered": "not-installed NativeHostNotAvailable",
     "hosts started for pages B and A": [1, 1],
     "page A's getNonce, then page B's signed GetSlots": ["answered", true],
     "page A's terminate, then page B's signed GetSlots": ["answered", true],
     "page A's host ends: terminated, reloaded, closed": [true, true, true],
     "page B's host after page A's doings": VERSION,
     "exactly 16 MiB, one byte more, 16 MiB of UTF-8 in fewer characters":
-      ["Unable to parse CMS", "RequestTooLarge", "RequestTooLarge"],
+      ["request-refused Unable to parse CMS", "request-refused RequestTooLarge", "request-refused RequestTooLarge"],
     ...(name === "chromium" && { "the background by itself": "RequestTooLarge" }),
     "page B after the large requests": VERSION,
   });

@@ -7,6 +7,7 @@ import base64
 import hashlib
 import json
 import os
+import re
 import subprocess
 import sys
 import tempfile
@@ -58,6 +59,9 @@ def main():
     seen = (extension["manifest_version"], extension["permissions"], sorted(extension["content_scripts"][0]["matches"]))
     check(seen == (3, ["nativeMessaging"], ["http://127.0.0.1/*", "http://localhost/*", "https://*/*"]),
           "the extension is Manifest V3 with native messaging, on https and local pages only", seen)
+    version = re.search(r"project\(ScrivaPkcs11 VERSION (\S+)", open(os.path.join(args.source, "CMakeLists.txt")).read())[1]
+    seen = (extension["version"], load(os.path.join(args.source, "browser", "client", "package.json"))["version"])
+    check(seen == (version, version), "the extension and the page client carry the program's version", seen)
 
     script = os.path.join(share, "install-host.sh")
     with tempfile.TemporaryDirectory() as home:
