@@ -31,7 +31,7 @@ for path in sorted((root / "src").rglob("*.[ch]*")):
         name = re.match(r'\s*\w+\(\s*(\w+)', raised)
         held = re.search(r'"((?:[^"\\]|\\.)*)"', raised) or name and re.search(
             r'(?:QString|auto)\s+%s\s*(?:=\s*|\([^)]*\)\s*\{\s*return\s+)%s' % (name[1], LITERAL), code)
-        text = pkcs11 if 'PKCS11_EXCEPTION' in raised else held and held[1]
+        text = pkcs11 if re.search(r'PKCS11_EXCEPTION|Pkcs11Exception\(', raised) else held and held[1]
         assert text, f"{path.name}: what does `throw {raised.strip()}` raise?"
         add(text, "host")
 # The extension answers through fail() and answerPage(), the client rejects through error() and exchange().
