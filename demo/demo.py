@@ -17,6 +17,9 @@ import time
 import xml.dom.minidom
 from xml.sax.saxutils import escape
 
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "scripts"))
+import headless_sway  # noqa: E402
+
 PREFIX = "ScrivaPkcs11.1.0.0.qt.QES."
 NAMESPACE = "http://www.corvant.com/Scriva/Pkcs11Operation/2026/02/04"
 SOFTHSM_MODULE = "/usr/lib/softhsm/libsofthsm2.so"
@@ -112,11 +115,12 @@ class Host:
 
 
 class Display:
-    """The user's display, or a private Xvfb on which xdotool types the PIN for the user."""
+    """The user's desktop (Wayland or X11), or a private Xvfb on which xdotool types the PIN for the user."""
 
     def __init__(self, force_xvfb):
         self.server = None
-        self.name = None if force_xvfb else os.environ.get("DISPLAY")
+        self.wayland = None if force_xvfb else os.environ.get("WAYLAND_DISPLAY")
+        self.name = None if force_xvfb else self.wayland or os.environ.get("DISPLAY")
         if self.name:
             return
         read_end, write_end = os.pipe()
@@ -159,10 +163,43 @@ class Display:
             time.sleep(0.1)
         raise SystemExit("the host showed no PIN form")
 
+    def environment(self):
+        # On a Wayland desktop Qt opens native Wayland windows by itself.
+        if self.wayland:
+            return {"XDG_RUNTIME_DIR": os.environ.get("XDG_RUNTIME_DIR", "")}
+        return {"DISPLAY": self.name, "QT_QPA_PLATFORM": "xcb"}
+
     def close(self):
         if self.server:
             self.server.terminate()
             self.server.wait(timeout=10)
+
+
+class WaylandDesktop:
+    """A private headless sway (scripts/headless_sway.py): the host's windows are native Wayland
+    windows there, and wtype types the PIN into the form once it has the keyboard focus."""
+
+    automated = True
+
+    def __init__(self):
+        self.directory = tempfile.mkdtemp(prefix="scriva-demo-wayland-")
+        self.server = subprocess.Popen([sys.executable, headless_sway.__file__, "run", self.directory],
+                                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.name = headless_sway.ready(self.directory)
+
+    def environment(self):
+        return {"XDG_RUNTIME_DIR": self.directory, "WAYLAND_DISPLAY": self.name, "QT_QPA_PLATFORM": "wayland"}
+
+    def enter_pin(self, pin):
+        form = headless_sway.window(self.directory, PIN_FORM_TITLE)
+        print(f"\n   (the PIN form is a {form['shell']} window on {self.name} with the keyboard focus;"
+              f" wtype types the PIN {pin} and presses Return)")
+        headless_sway.type_keys(self.directory, pin, "Return")
+
+    def close(self):
+        self.server.kill()
+        self.server.wait(timeout=10)
+        shutil.rmtree(self.directory, ignore_errors=True)
 
 
 class Requests:
@@ -251,26 +288,31 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--build", required=True, help="the build tree holding bin/ScrivaPkcs11")
     parser.add_argument("--xvfb", action="store_true", help="use a private Xvfb even when DISPLAY is set")
+    parser.add_argument("--wayland", action="store_true", help="show the host's windows on a private headless sway")
     args = parser.parse_args()
     build = os.path.abspath(args.build)
     if not os.path.exists(os.path.join(build, "devpki", "server-chain2.key")):
         raise SystemExit("this build trusts real anchors; the demo needs the development PKI to sign requests")
 
     work = tempfile.mkdtemp(prefix="scriva-demo-")
-    display = Display(args.xvfb)
+    display = WaylandDesktop() if args.wayland else Display(args.xvfb)
     host = None
     try:
         step("1. A SoftHSM token for the demo, in " + work)
         softhsm_config, serial = make_token(work)
         print(f"Token '{TOKEN_LABEL}' with serial number {serial}, user PIN {USER_PIN}.")
-        if display.automated:
+        if args.wayland:
+            print(f"The host shows its windows on a private Wayland desktop (a headless sway, {display.directory}),"
+                  " and the demo types the PIN into the host's dialog itself with wtype.")
+        elif display.automated:
             print(f"No display was given: the host shows its windows on a private Xvfb ({display.name}),"
                   " and the demo types the PIN into the host's dialog itself with xdotool.")
         else:
             print(f"The host's windows appear on your display {display.name}; you will type the PIN yourself.")
 
         env = dict(os.environ, HOME=work, XDG_DATA_HOME=os.path.join(work, "share"), XDG_RUNTIME_DIR=work,
-                   SOFTHSM2_CONF=softhsm_config, DISPLAY=display.name, QT_QPA_PLATFORM="xcb")
+                   SOFTHSM2_CONF=softhsm_config)
+        env.update(display.environment())
         log = os.path.join(work, "share", "Corvant", "Scriva", "Logs", "ScrivaPkcs11Log.txt")
         os.makedirs(os.path.dirname(log))
         open(log, "w").close()  # the host logs only into a file that already exists

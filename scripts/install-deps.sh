@@ -15,6 +15,8 @@ packages=(
   valgrind gdb python3 ccache
   chromium firefox-esr lintian
 )
+# A private headless Wayland desktop (sway), its keyboard (wtype) and camera (grim), Qt on Wayland.
+packages+=(sway wtype grim qt6-wayland)
 # Node.js drives the browsers in the browser tests; a machine may have its own build of it.
 command -v node >/dev/null || packages+=(nodejs)
 command -v npm >/dev/null || packages+=(npm)

@@ -88,6 +88,10 @@ def main():
                        check=True, capture_output=True)
         check(len(files_under(os.path.join(home, "xdg"))) == len(USER_FOLDERS) - 1,
               "install-host.sh --user follows XDG_CONFIG_HOME for the Chromium family", files_under(home))
+        checked = subprocess.run(["sh", script, "--check"], capture_output=True, text=True,
+                                 env=dict(env, XDG_CONFIG_HOME=os.path.join(home, "xdg"), QT_QPA_PLATFORM="offscreen"))
+        check(checked.stdout.count(f"ok: {home}/") == len(USER_FOLDERS),
+              "install-host.sh --check starts each registered host as its browser would, and it answers", checked)
         missing = subprocess.run(["sh", script, "--user", "--manifests", os.path.join(home, "none")], env=env,
                                  capture_output=True, text=True)
         check(missing.returncode != 0 and "missing" in missing.stderr, "install-host.sh refuses without manifests",

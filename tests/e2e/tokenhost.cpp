@@ -14,7 +14,7 @@ bool TokenHost::configureTestModule(const QByteArray& keyValues)
     return file.open(QIODevice::WriteOnly) && file.write(keyValues) == keyValues.size();
 }
 
-bool TokenHost::start()
+bool TokenHost::start(const QStringList& arguments)
 {
     if (!store.isValid() || !store.initToken("Scriva token", "12345678", userPin)) {
         failure = store.lastError();
@@ -22,7 +22,7 @@ bool TokenHost::start()
     }
     serial = store.serialNumber("Scriva token");
     process.environment().insert("SOFTHSM2_CONF", store.configPath());
-    const QJsonObject answer = process.start() ? callMethod("CreateInstance") : QJsonObject();
+    const QJsonObject answer = process.start(arguments) ? callMethod("CreateInstance") : QJsonObject();
     failure = "CreateInstance failed: " + error(answer);
     return !answer.isEmpty() && answer.value("error").isNull();
 }

@@ -23,8 +23,8 @@ public:
 
     // Writes a configuration for the forwarding test module and names it in the host's environment.
     bool configureTestModule(const QByteArray& keyValues);
-    // Makes the token, starts the host and creates the instance; false with lastError().
-    bool start();
+    // Makes the token, starts the host with the arguments and creates the instance; false with lastError().
+    bool start(const QStringList& arguments = {});
 
     // The signed request tests/data/requests/<name>.xml with a fresh nonce; `replacements` are
     // applied after the usual ones and may override them.

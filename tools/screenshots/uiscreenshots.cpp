@@ -1,5 +1,6 @@
 // Takes the documentation pictures of the host's windows: run by scripts/screenshots.sh on a
-// private X server with a window manager, so they show what a user sees at 100% scale.
+// private X server with a window manager, or on a private headless sway (Qt's wayland platform), so
+// they show what a user sees at the screen's scale.
 //
 //   uiscreenshots <output folder>
 //
@@ -13,7 +14,11 @@
 #include "x509certificate2ultra.h"
 
 #include <QApplication>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QLineEdit>
+#include <QProcess>
 #include <QScreen>
 #include <QSslCertificate>
 #include <QTest>
@@ -29,6 +34,35 @@ namespace {
 QString outputFolder;
 bool failed = false;
 
+// The place of this process's focused window on the sway desktop, in the desktop's coordinates.
+QRect focusedOnSway(const QJsonObject& node)
+{
+    const QJsonObject r = node.value(QStringLiteral("rect")).toObject();
+    if (node.value(QStringLiteral("focused")).toBool() && node.value(QStringLiteral("pid")).toInteger() == QCoreApplication::applicationPid())
+        return QRect(r.value(QStringLiteral("x")).toInt(), r.value(QStringLiteral("y")).toInt(), r.value(QStringLiteral("width")).toInt(),
+                     r.value(QStringLiteral("height")).toInt());
+    QRect found;
+    for (const QString& children : {QStringLiteral("nodes"), QStringLiteral("floating_nodes")})
+        for (const QJsonValue child : node.value(children).toArray())
+            found = found.isValid() ? found : focusedOnSway(child.toObject());
+    return found;
+}
+
+// A Wayland client cannot read the screen: sway tells where the window is, grim photographs that
+// part of the output at the output's scale.
+bool shootOnSway(const QString& path)
+{
+    QProcess swaymsg;
+    swaymsg.start(QStringLiteral("swaymsg"), {QStringLiteral("-r"), QStringLiteral("-t"), QStringLiteral("get_tree")});
+    swaymsg.waitForFinished();
+    const QRect place = focusedOnSway(QJsonDocument::fromJson(swaymsg.readAllStandardOutput()).object());
+    const QString geometry = QStringLiteral("%1,%2 %3x%4").arg(place.x()).arg(place.y()).arg(place.width()).arg(place.height());
+    if (!place.isValid() || QProcess::execute(QStringLiteral("grim"), {QStringLiteral("-g"), geometry, path}) != 0)
+        return false;
+    std::printf("%s (%s on the desktop)\n", qPrintable(path), qPrintable(geometry));
+    return true;
+}
+
 // Photographs the window with whatever the window manager draws around it.
 void shoot(QWidget* window, const QString& name)
 {
@@ -36,6 +70,13 @@ void shoot(QWidget* window, const QString& name)
     if (!(window->windowFlags() & Qt::FramelessWindowHint))
         (void)QTest::qWaitFor([window] { return window->frameGeometry().height() > window->height(); }, 3000);
     QTest::qWait(300);
+    if (QGuiApplication::platformName() == QLatin1String("wayland")) {
+        if (!shootOnSway(outputFolder + QLatin1Char('/') + name + QStringLiteral(".png"))) {
+            std::fprintf(stderr, "could not photograph %s on sway\n", qPrintable(name));
+            failed = true;
+        }
+        return;
+    }
     QRect frame = window->frameGeometry();
     // A frameless window has no frame, and one the window manager has not reported yet is empty.
     if (!frame.contains(window->geometry()))

@@ -1,0 +1,77 @@
+#include "devpki.h"
+#include "tokenhost.h"
+#include "waylanddisplay.h"
+
+#include <QStandardPaths>
+#include <QTest>
+
+// The PIN form of a CreateObject (which needs a login) on a private Wayland desktop, the host on
+// Qt's wayland platform, answered with a keyboard as a user would; one host per row.
+class TestE2eWayland : public QObject
+{
+    Q_OBJECT
+
+    WaylandDisplay display;
+
+private slots:
+    void initTestCase()
+    {
+        if (!DevPki::isAvailable())
+            QSKIP("this build trusts real anchors; requests cannot be signed here");
+        QVERIFY(display.start());
+    }
+
+    void pinTypedIntoTheFormReachesTheToken_data()
+    {
+        QTest::addColumn<QStringList>("firefoxArguments"); // none: the browser's child, with the test's environment
+        QTest::addColumn<QString>("firstPin");
+        QTest::newRow("right PIN") << QStringList() << TokenHost::userPin;
+        QTest::newRow("wrong PIN: its message, then the form again") << QStringList() << "9999";
+        // The WebExtensions portal and Flatpak's proxy start the host themselves: it is not the
+        // browser's child and gets little of the user's environment.
+        QTest::newRow("started as for a sandboxed Firefox")
+            << QStringList{SCRIVA_BUILD_DIR "/share/scriva/native-messaging-hosts/firefox/com.corvant.scriva.pkcs11.json",
+                           "scriva-pkcs11@corvant.com"} << TokenHost::userPin;
+    }
+
+    void pinTypedIntoTheFormReachesTheToken()
+    {
+        QFETCH(QStringList, firefoxArguments);
+        QFETCH(QString, firstPin);
+        TokenHost th;
+        QProcessEnvironment& env = th.host().environment();
+        if (!firefoxArguments.isEmpty()) {
+            for (const QString& name : env.keys()) // all but HOME and the sanitizers' settings of the test run
+                if (name != "HOME" && !name.endsWith("SAN_OPTIONS"))
+                    env.remove(name);
+            env.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + display.runtimeDir() + "/bus");
+            // In a new session whose leader only waits for the host.
+            th.host().setLauncher(QStandardPaths::findExecutable("setsid"), {"--fork", "--wait"});
+        } else {
+            env.insert("QT_QPA_PLATFORM", "wayland");
+        }
+        env.insert("XDG_RUNTIME_DIR", display.runtimeDir());
+        env.insert("WAYLAND_DISPLAY", display.name());
+        th.host().enableLog();
+        QVERIFY2(th.start(firefoxArguments), qPrintable(th.lastError()));
+
+        // Each window (form; message, form) is a new native one of the host's and takes the keyboard focus.
+        const QString hostWindow = "^Corvant Scriva$";
+        th.send("createobject-2026", th.argument("createobject-2026"));
+        QVERIFY(display.waitForNewWindow(hostWindow));
+        if (firstPin != TokenHost::userPin) {
+            QVERIFY(display.type(firstPin, "Return") && display.waitForNewWindow(hostWindow));
+            QVERIFY(display.type({}, "Return") && display.waitForNewWindow(hostWindow));
+            QVERIFY(th.host().logContains("CKR_PIN_INCORRECT"));
+        }
+        QVERIFY(display.type(TokenHost::userPin, "Return"));
+        const QJsonObject answer = th.host().readAnswer(60000);
+        QCOMPARE(TokenHost::error(answer), QString());
+        QCOMPARE(TokenHost::texts(TokenHost::result(answer), "Label"), QStringList("Scriva token"));
+        QCOMPARE(TokenHost::error(th.callMethod("Terminate")), QString());
+        QVERIFY(th.host().endedNormally(20000));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestE2eWayland)
+#include "tst_e2ewayland.moc"
