@@ -2,7 +2,8 @@
 """Talks to the built ScrivaPkcs11 host the way a browser does: framed JSON on its stdin, framed
 JSON answers on its stdout. On a SoftHSM token made for the demo it lists the slots, reads the
 certificates, generates a key pair with a certificate request, has a demo CA issue a certificate
-for it, stores that on the token and reads it back. Every request is signed by the build's
+for it, stores that on the token and reads it back; --tpm does all that on a tpm2-pkcs11 token on a
+software TPM (scripts/tpm-token.sh) instead. Every request is signed by the build's
 development PKI, as the web application's server would sign it; every step is printed."""
 import argparse
 import json
@@ -20,6 +21,10 @@ from xml.sax.saxutils import escape
 PREFIX = "ScrivaPkcs11.1.0.0.qt.QES."
 NAMESPACE = "http://www.corvant.com/Scriva/Pkcs11Operation/2026/02/04"
 SOFTHSM_MODULE = "/usr/lib/softhsm/libsofthsm2.so"
+TPM_MODULE = "/usr/lib/x86_64-linux-gnu/pkcs11/libtpm2_pkcs11.so"
+TPM_TOKEN_SCRIPT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "scripts", "tpm-token.sh")
+# tpm2-pkcs11 gives every token this serial number; only the label tells its tokens apart.
+TPM_SERIAL = "0000000000000000"
 TOKEN_LABEL = "Scriva demo token"
 USER_PIN = "1234"
 PIN_FORM_TITLE = "^Corvant Scriva$"  # the host window's title adds the server's name
@@ -168,12 +173,13 @@ class Display:
 class Requests:
     """Request documents for the demo token, signed by the development PKI with the current nonce."""
 
-    def __init__(self, build, work, serial):
+    def __init__(self, build, work, serial, module):
         self.tool = os.path.join(build, "bin", "scriva-sign-request")
         self.key = os.path.join(build, "devpki", "server-chain2.key")
         self.certificate = os.path.join(build, "devpki", "server-chain2.pem")
         self.work = work
         self.serial = serial
+        self.module = module
 
     def document(self, nonce, operation):
         return f"""<?xml version="1.0" encoding="UTF-8"?>
@@ -182,7 +188,7 @@ class Requests:
   <Pkcs11Operation>
     <Pkcs11Library>
       <Locations>
-        <Location><Path>{SOFTHSM_MODULE}</Path><Architecture>x64</Architecture></Location>
+        <Location><Path>{self.module}</Path><Architecture>x64</Architecture></Location>
       </Locations>
       <Pin1Name>User PIN</Pin1Name>
       <Pin2Name>Signature PIN</Pin2Name>
@@ -226,7 +232,22 @@ def x509_name(*parts):
                               for oid, value in parts))
 
 
-def make_token(work):
+def make_tpm_token(work):
+    """A tpm2-pkcs11 token on a software TPM in work/tpm; the variables the module needs to find it."""
+    folder = os.path.join(work, "tpm")
+    os.makedirs(folder)
+    subprocess.run(["bash", TPM_TOKEN_SCRIPT, "start", folder, TOKEN_LABEL, USER_PIN, "12345678"], check=True)
+    with open(os.path.join(folder, "env")) as file:
+        return dict(line.strip().split("=", 1) for line in file if "=" in line), TPM_SERIAL
+
+
+def stop_tpm_token(work):
+    if os.path.exists(os.path.join(work, "tpm")):
+        subprocess.run(["bash", TPM_TOKEN_SCRIPT, "stop", os.path.join(work, "tpm")], check=False)
+
+
+def make_softhsm_token(work):
+    """A SoftHSM token in work/tokens; the variable SoftHSM needs to find it."""
     os.makedirs(os.path.join(work, "tokens"))
     config = os.path.join(work, "softhsm2.conf")
     with open(config, "w") as file:
@@ -244,13 +265,15 @@ def make_token(work):
             break
     if not label:
         raise SystemExit("the demo token was not made")
-    return config, serial
+    return {"SOFTHSM2_CONF": config}, serial
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--build", required=True, help="the build tree holding bin/ScrivaPkcs11")
     parser.add_argument("--xvfb", action="store_true", help="use a private Xvfb even when DISPLAY is set")
+    parser.add_argument("--tpm", action="store_true",
+                        help="a tpm2-pkcs11 token on a software TPM (swtpm, tpm2-abrmd) instead of SoftHSM")
     args = parser.parse_args()
     build = os.path.abspath(args.build)
     if not os.path.exists(os.path.join(build, "devpki", "server-chain2.key")):
@@ -260,8 +283,9 @@ def main():
     display = Display(args.xvfb)
     host = None
     try:
-        step("1. A SoftHSM token for the demo, in " + work)
-        softhsm_config, serial = make_token(work)
+        step(f"1. A {'tpm2-pkcs11' if args.tpm else 'SoftHSM'} token for the demo, in {work}")
+        token_env, serial = make_tpm_token(work) if args.tpm else make_softhsm_token(work)
+        module = TPM_MODULE if args.tpm else SOFTHSM_MODULE
         print(f"Token '{TOKEN_LABEL}' with serial number {serial}, user PIN {USER_PIN}.")
         if display.automated:
             print(f"No display was given: the host shows its windows on a private Xvfb ({display.name}),"
@@ -270,7 +294,7 @@ def main():
             print(f"The host's windows appear on your display {display.name}; you will type the PIN yourself.")
 
         env = dict(os.environ, HOME=work, XDG_DATA_HOME=os.path.join(work, "share"), XDG_RUNTIME_DIR=work,
-                   SOFTHSM2_CONF=softhsm_config, DISPLAY=display.name, QT_QPA_PLATFORM="xcb")
+                   DISPLAY=display.name, QT_QPA_PLATFORM="xcb", **token_env)
         log = os.path.join(work, "share", "Corvant", "Scriva", "Logs", "ScrivaPkcs11Log.txt")
         os.makedirs(os.path.dirname(log))
         open(log, "w").close()  # the host logs only into a file that already exists
@@ -281,7 +305,7 @@ def main():
         host.call("GetVersion")
         host.call("SetProperty", json.dumps({"MinimalWindowDisplayTime": 1500, "Language": "en"}))
         host.call("SetProperty", json.dumps({"MinimalWindowDisplayTime": 999999}))
-        requests = Requests(build, work, serial)
+        requests = Requests(build, work, serial, module)
 
         def operation(method, body, pin=False):
             nonce = host.call("GetNonce")["result"]
@@ -374,6 +398,7 @@ def main():
         if host:
             host.process.kill()
         display.close()
+        stop_tpm_token(work)
         if not os.environ.get("SCRIVA_DEMO_KEEP"):
             shutil.rmtree(work, ignore_errors=True)
 
