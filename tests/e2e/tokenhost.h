@@ -25,6 +25,10 @@ public:
     bool configureTestModule(const QByteArray& keyValues);
     // Makes the token, starts the host and creates the instance; false with lastError().
     bool start();
+    // The same for a token made elsewhere, with the sample requests' label and this serial number.
+    bool start(const QString& serialNumber);
+    // The object CreateObject requests store (ObjectAttributes content); a private data object unless set.
+    void setObjectAttributes(const QString& xml) { objectAttributes = xml; }
 
     // The signed request tests/data/requests/<name>.xml with a fresh nonce; `replacements` are
     // applied after the usual ones and may override them.
@@ -47,4 +51,8 @@ private:
     QString serial;
     QString nonce;
     QString failure;
+    // A private data object: the token stores it, and only for a logged-in user.
+    QString objectAttributes = "<UnsignedLongAttribute><Attribute>0</Attribute><Value>0</Value></UnsignedLongAttribute>"
+                               "<BoolAttribute><Attribute>1</Attribute><Value>true</Value></BoolAttribute>"
+                               "<BoolAttribute><Attribute>2</Attribute><Value>true</Value></BoolAttribute>";
 };
