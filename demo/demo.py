@@ -3,7 +3,8 @@
 JSON answers on its stdout. On a SoftHSM token made for the demo it lists the slots, reads the
 certificates, generates a key pair with a certificate request, has a demo CA issue a certificate
 for it, stores that on the token and reads it back; --tpm does all that on a tpm2-pkcs11 token on a
-software TPM (scripts/tpm-token.sh) instead. Every request is signed by the build's
+software TPM (scripts/tpm-token.sh) instead, and --module only asks another module (OpenSC's, a
+vendor's) through the host which slots and certificates it shows. Every request is signed by the build's
 development PKI, as the web application's server would sign it; every step is printed."""
 import argparse
 import json
@@ -179,6 +180,7 @@ class Requests:
         self.certificate = os.path.join(build, "devpki", "server-chain2.pem")
         self.work = work
         self.serial = serial
+        self.label = TOKEN_LABEL
         self.module = module
 
     def document(self, nonce, operation):
@@ -203,7 +205,7 @@ class Requests:
 
     def token(self):
         return (f"<TokenIdentification><SerialNumber>{self.serial}</SerialNumber>"
-                f"<Label>{TOKEN_LABEL}</Label></TokenIdentification>")
+                f"<Label>{escape(self.label)}</Label></TokenIdentification>")
 
     def sign(self, document):
         path = os.path.join(self.work, "request.xml")
@@ -268,12 +270,27 @@ def make_softhsm_token(work):
     return {"SOFTHSM2_CONF": config}, serial
 
 
+def survey(host, requests, operation):
+    """GetSlots with the module, then GetCertificates of each token it shows (of the demo token when
+    it shows none, to see how the module answers for a token that is not there)."""
+    step("3. GetSlots: the slots the module shows")
+    slots = operation("GetSlots", "    <GetSlots/>", check=False)
+    tokens = list(zip(xml_texts(slots, "SerialNumber"), xml_texts(slots, "Label"))) if slots else []
+    for number, (requests.serial, requests.label) in enumerate(tokens or [("0123456789ABCDEF", TOKEN_LABEL)], 4):
+        step(f"{number}. GetCertificates of the token '{requests.label}' ({requests.serial})")
+        operation("GetCertificates", "    <GetCertificates>TOKEN</GetCertificates>", check=False)
+    host.call("Terminate")
+    return 0 if host.finish() == 0 else 1
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--build", required=True, help="the build tree holding bin/ScrivaPkcs11")
     parser.add_argument("--xvfb", action="store_true", help="use a private Xvfb even when DISPLAY is set")
     parser.add_argument("--tpm", action="store_true",
                         help="a tpm2-pkcs11 token on a software TPM (swtpm, tpm2-abrmd) instead of SoftHSM")
+    parser.add_argument("--module", help="no demo token: only list the slots and certificates that this PKCS#11"
+                                         " module shows through the host")
     args = parser.parse_args()
     build = os.path.abspath(args.build)
     if not os.path.exists(os.path.join(build, "devpki", "server-chain2.key")):
@@ -283,10 +300,14 @@ def main():
     display = Display(args.xvfb)
     host = None
     try:
-        step(f"1. A {'tpm2-pkcs11' if args.tpm else 'SoftHSM'} token for the demo, in {work}")
-        token_env, serial = make_tpm_token(work) if args.tpm else make_softhsm_token(work)
-        module = TPM_MODULE if args.tpm else SOFTHSM_MODULE
-        print(f"Token '{TOKEN_LABEL}' with serial number {serial}, user PIN {USER_PIN}.")
+        if args.module:
+            step(f"1. No demo token: what {args.module} shows, in {work}")
+            token_env, serial, module = {}, "", args.module
+        else:
+            step(f"1. A {'tpm2-pkcs11' if args.tpm else 'SoftHSM'} token for the demo, in {work}")
+            token_env, serial = make_tpm_token(work) if args.tpm else make_softhsm_token(work)
+            module = TPM_MODULE if args.tpm else SOFTHSM_MODULE
+            print(f"Token '{TOKEN_LABEL}' with serial number {serial}, user PIN {USER_PIN}.")
         if display.automated:
             print(f"No display was given: the host shows its windows on a private Xvfb ({display.name}),"
                   " and the demo types the PIN into the host's dialog itself with xdotool.")
@@ -307,7 +328,7 @@ def main():
         host.call("SetProperty", json.dumps({"MinimalWindowDisplayTime": 999999}))
         requests = Requests(build, work, serial, module)
 
-        def operation(method, body, pin=False):
+        def operation(method, body, pin=False, check=True):
             nonce = host.call("GetNonce")["result"]
             document = requests.document(nonce, body)
             print("\n   The request document, signed by the server with the development PKI:")
@@ -317,9 +338,12 @@ def main():
             if pin:
                 display.enter_pin(USER_PIN)
             answer = host.answer()
-            if answer.get("error"):
+            if answer.get("error") and check:
                 raise SystemExit(f"{method} failed: {answer['error']}")
-            return answer["result"]
+            return answer["result"] if not answer.get("error") else ""
+
+        if args.module:
+            return survey(host, requests, operation)
 
         step("3. GetSlots: the slots with a token")
         operation("GetSlots", "    <GetSlots/>")
