@@ -35,7 +35,10 @@ public:
     QString argument(const QString& name, const QMap<QString, QString>& replacements = {});
     // Sends the operation named by the request's file name ("getslots-2022" is GetSlots).
     void send(const QString& name, const QString& argument);
-    QJsonObject call(const QString& name) { return send(name, argument(name)), process.readAnswer(60000); }
+    QJsonObject call(const QString& name, const QMap<QString, QString>& replacements = {})
+    {
+        return send(name, argument(name, replacements)), process.readAnswer(60000);
+    }
     // A method without argument ("Terminate"), answered within a minute.
     QJsonObject callMethod(const QString& method);
 

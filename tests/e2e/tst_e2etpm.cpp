@@ -13,8 +13,6 @@ class TestE2eTpm : public QObject
 {
     Q_OBJECT
 
-    TpmToken tpm;
-    TokenHost th;
     QTemporaryDir work;
 
     // What a tool run in the work folder printed, or "failed: " and its errors.
@@ -22,21 +20,9 @@ class TestE2eTpm : public QObject
     {
         QProcess process;
         process.setWorkingDirectory(work.path());
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(tpm.environment());
-        process.setProcessEnvironment(environment);
         process.start(program, arguments);
         const bool ok = process.waitForFinished(60000) && process.exitCode() == 0;
         return ok ? QString::fromLocal8Bit(process.readAllStandardOutput()) : "failed: " + process.readAllStandardError();
-    }
-
-    // The answer document of a sample request sent to the TPM token, or its error.
-    QString operation(const QString& request, QMap<QString, QString> replacements = {})
-    {
-        replacements.insert(TokenHost::sampleModule, SoftHsmToken::testModulePath());
-        th.send(request, th.argument(request, replacements));
-        const QJsonObject answer = th.host().readAnswer(60000);
-        return answer.value("error").isNull() ? TokenHost::result(answer) : "error " + TokenHost::error(answer);
     }
 
 private slots:
@@ -44,27 +30,32 @@ private slots:
     {
         if (!DevPki::isAvailable())
             QSKIP("this build trusts real anchors; requests cannot be signed here");
+        TpmToken tpm;
         QVERIFY2(tpm.start("Scriva token", TokenHost::userPin, "12345678"), qPrintable(tpm.lastError()));
-        th.host().environment().insert(tpm.environment());
-        th.host().environment().insert("SCRIVA_TEST_P11_TARGET", TpmToken::modulePath());
+        TokenHost th; // made after the token, so the host finds it
+        th.host().environment().insert("SCRIVA_TEST_P11_TARGET", TpmToken::modulePath);
         QVERIFY(th.configureTestModule("pin_pad_pin=" + QByteArray(TokenHost::userPin) + "\n"));
         QVERIFY2(th.start(TpmToken::serialNumber), qPrintable(th.lastError()));
+        QMap<QString, QString> onPinPad{{TokenHost::sampleModule, SoftHsmToken::testModulePath()}};
 
-        QString document = operation("getslots-2026");
+        QString document = TokenHost::result(th.call("getslots-2026", onPinPad));
         QVERIFY2(TokenHost::texts(document, "Label").contains("Scriva token"), qPrintable(document));
         QVERIFY(TokenHost::texts(document, "SerialNumber").contains(TpmToken::serialNumber));
 
-        // The sample template, without the vendor attribute that a TPM's keys lack, with an id for both keys.
+        // The sample template with an id on both keys, without the vendor attribute a TPM's keys lack.
         const QString id = "<ByteArrayAttribute><Attribute>258</Attribute><Value>A1</Value></ByteArrayAttribute>";
-        document = operation("generatecsr-2026", {{"<KovData/>", ""}, {"</PublicKeyAttributes>", id + "</PublicKeyAttributes>"},
-                                                  {"</PrivateKeyAttributes>", id + "</PrivateKeyAttributes>"}});
+        QMap<QString, QString> keyPair{{"<KovData/>", ""}, {"</PublicKeyAttributes>", id + "</PublicKeyAttributes>"},
+                                       {"</PrivateKeyAttributes>", id + "</PrivateKeyAttributes>"}};
+        keyPair.insert(onPinPad);
+        const QJsonObject answer = th.call("generatecsr-2026", keyPair);
         QFile csr(work.filePath("request.csr"));
-        QVERIFY(csr.open(QIODevice::WriteOnly) && csr.write(TokenHost::texts(document, "CSR").value(0).toUtf8()) > 0);
+        QVERIFY2(csr.open(QIODevice::WriteOnly) && csr.write(TokenHost::texts(TokenHost::result(answer), "CSR").join("").toUtf8()) > 0,
+                 qPrintable(TokenHost::error(answer)));
         csr.close();
         QCOMPARE(run("openssl", {"req", "-in", "request.csr", "-verify", "-noout"}), QString());
         // The key pair is on the TPM: the token hands out the request's public key.
-        QCOMPARE(run("pkcs11-tool", {"--module", TpmToken::modulePath(), "--read-object", "--type", "pubkey", "--id", "a1",
-                                     "-o", "token.der"}), QString());
+        QCOMPARE(run("pkcs11-tool", {"--module", TpmToken::modulePath, "--read-object", "--type", "pubkey", "--id", "a1", "-o", "token.der"}),
+                 QString());
         QCOMPARE(run("openssl", {"pkey", "-pubin", "-inform", "DER", "-in", "token.der"}),
                  run("openssl", {"req", "-in", "request.csr", "-pubkey", "-noout"}));
 
@@ -72,15 +63,14 @@ private slots:
         QVERIFY(!run("openssl", {"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout", "ca.key",
                                  "-out", "ca.pem", "-subj", "/CN=Scriva TPM test CA"}).startsWith("failed"));
         const QSslCertificate issued(run("openssl", {"x509", "-req", "-in", "request.csr", "-CA", "ca.pem", "-CAkey", "ca.key"}).toUtf8());
-        QVERIFY(!issued.isNull());
         th.setObjectAttributes("<UnsignedLongAttribute><Attribute>0</Attribute><Value>1</Value></UnsignedLongAttribute>"
                                "<BoolAttribute><Attribute>1</Attribute><Value>true</Value></BoolAttribute>"
                                "<UnsignedLongAttribute><Attribute>128</Attribute><Value>0</Value></UnsignedLongAttribute>" + id +
                                "<ByteArrayAttribute><Attribute>17</Attribute><Value>" + issued.toDer().toHex() + "</Value></ByteArrayAttribute>");
-        document = operation("createobject-2026");
-        QVERIFY2(!document.startsWith("error"), qPrintable(document));
-        document = operation("getcertificates-2026");
+        QCOMPARE(TokenHost::error(th.call("createobject-2026", onPinPad)), QString());
+        document = TokenHost::result(th.call("getcertificates-2026", onPinPad));
         QCOMPARE(QSslCertificate::fromData(TokenHost::texts(document, "Certificate").join("").toUtf8()), QList<QSslCertificate>{issued});
+
         // The host ends cleanly with the module unloaded (in a sanitizer build: nothing leaked).
         QCOMPARE(TokenHost::error(th.callMethod("Terminate")), QString());
         QVERIFY(th.host().endedNormally(20000));

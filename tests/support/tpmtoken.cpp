@@ -3,6 +3,17 @@
 #include <QFile>
 #include <QProcess>
 
+bool TpmToken::start(const QString& label, const QString& userPin, const QString& soPin)
+{
+    QFile variables(dir.filePath(QStringLiteral("env")));
+    if (!run(QStringLiteral("start"), {label, userPin, soPin}) || !variables.open(QIODevice::ReadOnly))
+        return false;
+    for (const QByteArray& line : variables.readAll().split('\n'))
+        if (line.contains('='))
+            qputenv(line.left(line.indexOf('=')), line.mid(line.indexOf('=') + 1));
+    return true;
+}
+
 bool TpmToken::run(const QString& command, const QStringList& arguments)
 {
     QProcess script;
@@ -13,15 +24,4 @@ bool TpmToken::run(const QString& command, const QStringList& arguments)
     if (!done)
         error = "tpm-token.sh " + command + " failed: " + QString::fromLocal8Bit(script.readAll()) + script.errorString();
     return done;
-}
-
-QProcessEnvironment TpmToken::environment() const
-{
-    QProcessEnvironment environment;
-    QFile file(dir.filePath(QStringLiteral("env")));
-    if (file.open(QIODevice::ReadOnly))
-        for (const QByteArray& line : file.readAll().split('\n'))
-            if (line.contains('='))
-                environment.insert(QString::fromUtf8(line.left(line.indexOf('='))), QString::fromUtf8(line.mid(line.indexOf('=') + 1)));
-    return environment;
 }
