@@ -36,7 +36,7 @@ private slots:
         th.host().environment().insert("SCRIVA_TEST_P11_TARGET", TpmToken::modulePath);
         QVERIFY(th.configureTestModule("pin_pad_pin=" + QByteArray(TokenHost::userPin) + "\n"));
         QVERIFY2(th.start(TpmToken::serialNumber), qPrintable(th.lastError()));
-        QMap<QString, QString> onPinPad{{TokenHost::sampleModule, SoftHsmToken::testModulePath()}};
+        const QMap<QString, QString> onPinPad{{TokenHost::sampleModule, SoftHsmToken::testModulePath()}};
 
         QString document = TokenHost::result(th.call("getslots-2026", onPinPad));
         QVERIFY2(TokenHost::texts(document, "Label").contains("Scriva token"), qPrintable(document));
