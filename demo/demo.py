@@ -2,7 +2,9 @@
 """Talks to the built ScrivaPkcs11 host the way a browser does: framed JSON on its stdin, framed
 JSON answers on its stdout. On a SoftHSM token made for the demo it lists the slots, reads the
 certificates, generates a key pair with a certificate request, has a demo CA issue a certificate
-for it, stores that on the token and reads it back. Every request is signed by the build's
+for it, stores that on the token and reads it back; --tpm does all that on a tpm2-pkcs11 token on a
+software TPM (scripts/tpm-token.sh) instead, and --module only asks another module (OpenSC's, a
+vendor's) through the host which slots and certificates it shows. Every request is signed by the build's
 development PKI, as the web application's server would sign it; every step is printed."""
 import argparse
 import json
@@ -23,6 +25,10 @@ import headless_sway  # noqa: E402
 PREFIX = "ScrivaPkcs11.1.0.0.qt.QES."
 NAMESPACE = "http://www.corvant.com/Scriva/Pkcs11Operation/2026/02/04"
 SOFTHSM_MODULE = "/usr/lib/softhsm/libsofthsm2.so"
+TPM_MODULE = "/usr/lib/x86_64-linux-gnu/pkcs11/libtpm2_pkcs11.so"
+TPM_TOKEN_SCRIPT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "scripts", "tpm-token.sh")
+# tpm2-pkcs11 gives every token this serial number; only the label tells its tokens apart.
+TPM_SERIAL = "0000000000000000"
 TOKEN_LABEL = "Scriva demo token"
 USER_PIN = "1234"
 PIN_FORM_TITLE = "^Corvant Scriva$"  # the host window's title adds the server's name
@@ -205,12 +211,14 @@ class WaylandDesktop:
 class Requests:
     """Request documents for the demo token, signed by the development PKI with the current nonce."""
 
-    def __init__(self, build, work, serial):
+    def __init__(self, build, work, serial, module):
         self.tool = os.path.join(build, "bin", "scriva-sign-request")
         self.key = os.path.join(build, "devpki", "server-chain2.key")
         self.certificate = os.path.join(build, "devpki", "server-chain2.pem")
         self.work = work
         self.serial = serial
+        self.label = TOKEN_LABEL
+        self.module = module
 
     def document(self, nonce, operation):
         return f"""<?xml version="1.0" encoding="UTF-8"?>
@@ -219,7 +227,7 @@ class Requests:
   <Pkcs11Operation>
     <Pkcs11Library>
       <Locations>
-        <Location><Path>{SOFTHSM_MODULE}</Path><Architecture>x64</Architecture></Location>
+        <Location><Path>{self.module}</Path><Architecture>x64</Architecture></Location>
       </Locations>
       <Pin1Name>User PIN</Pin1Name>
       <Pin2Name>Signature PIN</Pin2Name>
@@ -234,7 +242,7 @@ class Requests:
 
     def token(self):
         return (f"<TokenIdentification><SerialNumber>{self.serial}</SerialNumber>"
-                f"<Label>{TOKEN_LABEL}</Label></TokenIdentification>")
+                f"<Label>{escape(self.label)}</Label></TokenIdentification>")
 
     def sign(self, document):
         path = os.path.join(self.work, "request.xml")
@@ -263,7 +271,22 @@ def x509_name(*parts):
                               for oid, value in parts))
 
 
-def make_token(work):
+def make_tpm_token(work):
+    """A tpm2-pkcs11 token on a software TPM in work/tpm; the variables the module needs to find it."""
+    folder = os.path.join(work, "tpm")
+    os.makedirs(folder)
+    subprocess.run(["bash", TPM_TOKEN_SCRIPT, "start", folder, TOKEN_LABEL, USER_PIN, "12345678"], check=True)
+    with open(os.path.join(folder, "env")) as file:
+        return dict(line.strip().split("=", 1) for line in file if "=" in line), TPM_SERIAL
+
+
+def stop_tpm_token(work):
+    if os.path.exists(os.path.join(work, "tpm")):
+        subprocess.run(["bash", TPM_TOKEN_SCRIPT, "stop", os.path.join(work, "tpm")], check=False)
+
+
+def make_softhsm_token(work):
+    """A SoftHSM token in work/tokens; the variable SoftHSM needs to find it."""
     os.makedirs(os.path.join(work, "tokens"))
     config = os.path.join(work, "softhsm2.conf")
     with open(config, "w") as file:
@@ -281,7 +304,20 @@ def make_token(work):
             break
     if not label:
         raise SystemExit("the demo token was not made")
-    return config, serial
+    return {"SOFTHSM2_CONF": config}, serial
+
+
+def survey(host, requests, operation):
+    """GetSlots with the module, then GetCertificates of each token it shows (of the demo token when
+    it shows none, to see how the module answers for a token that is not there)."""
+    step("3. GetSlots: the slots the module shows")
+    slots = operation("GetSlots", "    <GetSlots/>", check=False)
+    tokens = list(zip(xml_texts(slots, "SerialNumber"), xml_texts(slots, "Label"))) if slots else []
+    for number, (requests.serial, requests.label) in enumerate(tokens or [("0123456789ABCDEF", TOKEN_LABEL)], 4):
+        step(f"{number}. GetCertificates of the token '{requests.label}' ({requests.serial})")
+        operation("GetCertificates", "    <GetCertificates>TOKEN</GetCertificates>", check=False)
+    host.call("Terminate")
+    return 0 if host.finish() == 0 else 1
 
 
 def main():
@@ -289,6 +325,10 @@ def main():
     parser.add_argument("--build", required=True, help="the build tree holding bin/ScrivaPkcs11")
     parser.add_argument("--xvfb", action="store_true", help="use a private Xvfb even when DISPLAY is set")
     parser.add_argument("--wayland", action="store_true", help="show the host's windows on a private headless sway")
+    parser.add_argument("--tpm", action="store_true",
+                        help="a tpm2-pkcs11 token on a software TPM (swtpm, tpm2-abrmd) instead of SoftHSM")
+    parser.add_argument("--module", help="no demo token: only list the slots and certificates that this PKCS#11"
+                                         " module shows through the host")
     args = parser.parse_args()
     build = os.path.abspath(args.build)
     if not os.path.exists(os.path.join(build, "devpki", "server-chain2.key")):
@@ -298,9 +338,14 @@ def main():
     display = WaylandDesktop() if args.wayland else Display(args.xvfb)
     host = None
     try:
-        step("1. A SoftHSM token for the demo, in " + work)
-        softhsm_config, serial = make_token(work)
-        print(f"Token '{TOKEN_LABEL}' with serial number {serial}, user PIN {USER_PIN}.")
+        if args.module:
+            step(f"1. No demo token: what {args.module} shows, in {work}")
+            token_env, serial, module = {}, "", args.module
+        else:
+            step(f"1. A {'tpm2-pkcs11' if args.tpm else 'SoftHSM'} token for the demo, in {work}")
+            token_env, serial = make_tpm_token(work) if args.tpm else make_softhsm_token(work)
+            module = TPM_MODULE if args.tpm else SOFTHSM_MODULE
+            print(f"Token '{TOKEN_LABEL}' with serial number {serial}, user PIN {USER_PIN}.")
         if args.wayland:
             print(f"The host shows its windows on a private Wayland desktop (a headless sway, {display.directory}),"
                   " and the demo types the PIN into the host's dialog itself with wtype.")
@@ -311,7 +356,7 @@ def main():
             print(f"The host's windows appear on your display {display.name}; you will type the PIN yourself.")
 
         env = dict(os.environ, HOME=work, XDG_DATA_HOME=os.path.join(work, "share"), XDG_RUNTIME_DIR=work,
-                   SOFTHSM2_CONF=softhsm_config)
+                   **token_env)
         env.update(display.environment())
         log = os.path.join(work, "share", "Corvant", "Scriva", "Logs", "ScrivaPkcs11Log.txt")
         os.makedirs(os.path.dirname(log))
@@ -323,9 +368,9 @@ def main():
         host.call("GetVersion")
         host.call("SetProperty", json.dumps({"MinimalWindowDisplayTime": 1500, "Language": "en"}))
         host.call("SetProperty", json.dumps({"MinimalWindowDisplayTime": 999999}))
-        requests = Requests(build, work, serial)
+        requests = Requests(build, work, serial, module)
 
-        def operation(method, body, pin=False):
+        def operation(method, body, pin=False, check=True):
             nonce = host.call("GetNonce")["result"]
             document = requests.document(nonce, body)
             print("\n   The request document, signed by the server with the development PKI:")
@@ -335,9 +380,12 @@ def main():
             if pin:
                 display.enter_pin(USER_PIN)
             answer = host.answer()
-            if answer.get("error"):
+            if answer.get("error") and check:
                 raise SystemExit(f"{method} failed: {answer['error']}")
-            return answer["result"]
+            return answer["result"] if not answer.get("error") else ""
+
+        if args.module:
+            return survey(host, requests, operation)
 
         step("3. GetSlots: the slots with a token")
         operation("GetSlots", "    <GetSlots/>")
@@ -416,6 +464,7 @@ def main():
         if host:
             host.process.kill()
         display.close()
+        stop_tpm_token(work)
         if not os.environ.get("SCRIVA_DEMO_KEEP"):
             shutil.rmtree(work, ignore_errors=True)
 

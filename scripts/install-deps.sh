@@ -17,6 +17,9 @@ packages=(
 )
 # A private headless Wayland desktop (sway), its keyboard (wtype) and camera (grim), Qt on Wayland.
 packages+=(sway wtype grim qt6-wayland)
+# A TPM-backed token for the tests and the demo: tpm2-pkcs11 on a software TPM behind the access broker
+# on a private D-Bus bus (scripts/tpm-token.sh).
+packages+=(swtpm tpm2-abrmd libtss2-tcti-tabrmd0 libtss2-tcti-swtpm0 libtpm2-pkcs11-1 libtpm2-pkcs11-tools tpm2-tools dbus-daemon dbus-bin)
 # Node.js drives the browsers in the browser tests; a machine may have its own build of it.
 command -v node >/dev/null || packages+=(nodejs)
 command -v npm >/dev/null || packages+=(npm)

@@ -20,8 +20,13 @@ bool TokenHost::start(const QStringList& arguments)
         failure = store.lastError();
         return false;
     }
-    serial = store.serialNumber("Scriva token");
     process.environment().insert("SOFTHSM2_CONF", store.configPath());
+    return start(store.serialNumber("Scriva token"), arguments);
+}
+
+bool TokenHost::start(const QString& serialNumber, const QStringList& arguments)
+{
+    serial = serialNumber;
     const QJsonObject answer = process.start(arguments) ? callMethod("CreateInstance") : QJsonObject();
     failure = "CreateInstance failed: " + error(answer);
     return !answer.isEmpty() && answer.value("error").isNull();
@@ -33,12 +38,9 @@ QString TokenHost::argument(const QString& name, const QMap<QString, QString>& r
     QMap<QString, QString> all{{"0123456789ABCDEF", serial}, {"{\"reader\":\"any\"}", ""},
                                {sampleModule, SoftHsmToken::softHsmModulePath()}};
     all.insert(replacements);
-    // A private data object: the token stores it, and only for a logged-in user.
     return TestRequests::signedXml(QString::fromUtf8(TestRequests::xml(name, nonce, all))
         .replace(QRegularExpression("<ObjectAttributes>.*</ObjectAttributes>", QRegularExpression::DotMatchesEverythingOption),
-                 "<ObjectAttributes><UnsignedLongAttribute><Attribute>0</Attribute><Value>0</Value></UnsignedLongAttribute>"
-                 "<BoolAttribute><Attribute>1</Attribute><Value>true</Value></BoolAttribute>"
-                 "<BoolAttribute><Attribute>2</Attribute><Value>true</Value></BoolAttribute></ObjectAttributes>")
+                 "<ObjectAttributes>" + objectAttributes + "</ObjectAttributes>")
         .toUtf8());
 }
 

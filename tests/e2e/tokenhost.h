@@ -25,13 +25,20 @@ public:
     bool configureTestModule(const QByteArray& keyValues);
     // Makes the token, starts the host with the arguments and creates the instance; false with lastError().
     bool start(const QStringList& arguments = {});
+    // The same for a token made elsewhere, with the sample requests' label and this serial number.
+    bool start(const QString& serialNumber, const QStringList& arguments = {});
+    // The object CreateObject requests store (ObjectAttributes content); a private data object unless set.
+    void setObjectAttributes(const QString& xml) { objectAttributes = xml; }
 
     // The signed request tests/data/requests/<name>.xml with a fresh nonce; `replacements` are
     // applied after the usual ones and may override them.
     QString argument(const QString& name, const QMap<QString, QString>& replacements = {});
     // Sends the operation named by the request's file name ("getslots-2022" is GetSlots).
     void send(const QString& name, const QString& argument);
-    QJsonObject call(const QString& name) { return send(name, argument(name)), process.readAnswer(60000); }
+    QJsonObject call(const QString& name, const QMap<QString, QString>& replacements = {})
+    {
+        return send(name, argument(name, replacements)), process.readAnswer(60000);
+    }
     // A method without argument ("Terminate"), answered within a minute.
     QJsonObject callMethod(const QString& method);
 
@@ -47,4 +54,8 @@ private:
     QString serial;
     QString nonce;
     QString failure;
+    // A private data object: the token stores it, and only for a logged-in user.
+    QString objectAttributes = "<UnsignedLongAttribute><Attribute>0</Attribute><Value>0</Value></UnsignedLongAttribute>"
+                               "<BoolAttribute><Attribute>1</Attribute><Value>true</Value></BoolAttribute>"
+                               "<BoolAttribute><Attribute>2</Attribute><Value>true</Value></BoolAttribute>";
 };
