@@ -15,6 +15,8 @@ packages=(
   valgrind gdb python3 ccache
   chromium firefox-esr lintian
 )
+# The server library (tools/scriva-server) signs requests and reads answers with it.
+packages+=( python3-cryptography )
 # Node.js drives the browsers in the browser tests; a machine may have its own build of it.
 command -v node >/dev/null || packages+=(nodejs)
 command -v npm >/dev/null || packages+=(npm)
