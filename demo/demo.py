@@ -17,8 +17,13 @@ import time
 import xml.dom.minidom
 from xml.sax.saxutils import escape
 
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "tools", "scriva-server"))
+from cryptography import x509  # noqa: E402
+from cryptography.hazmat.primitives.serialization import Encoding  # noqa: E402
+from scriva_server import (CreateObject, GenerateCsr, GetCertificates, GetSlots, Library, Request, Signer,  # noqa: E402
+                           Token, read_answer)
+
 PREFIX = "ScrivaPkcs11.1.0.0.qt.QES."
-NAMESPACE = "http://www.corvant.com/Scriva/Pkcs11Operation/2026/02/04"
 SOFTHSM_MODULE = "/usr/lib/softhsm/libsofthsm2.so"
 TOKEN_LABEL = "Scriva demo token"
 USER_PIN = "1234"
@@ -53,11 +58,6 @@ def indent(text, prefix="    "):
 
 def run(*command, **kwargs):
     return subprocess.run(command, check=True, capture_output=True, text=True, **kwargs).stdout
-
-
-def xml_texts(document, element):
-    return [node.firstChild.data if node.firstChild else ""
-            for node in xml.dom.minidom.parseString(document.encode()).getElementsByTagName(element)]
 
 
 class Host:
@@ -165,65 +165,10 @@ class Display:
             self.server.wait(timeout=10)
 
 
-class Requests:
-    """Request documents for the demo token, signed by the development PKI with the current nonce."""
-
-    def __init__(self, build, work, serial):
-        self.tool = os.path.join(build, "bin", "scriva-sign-request")
-        self.key = os.path.join(build, "devpki", "server-chain2.key")
-        self.certificate = os.path.join(build, "devpki", "server-chain2.pem")
-        self.work = work
-        self.serial = serial
-
-    def document(self, nonce, operation):
-        return f"""<?xml version="1.0" encoding="UTF-8"?>
-<ScrivaOperation xmlns="{NAMESPACE}">
-  <Nonce>{nonce}</Nonce>
-  <Pkcs11Operation>
-    <Pkcs11Library>
-      <Locations>
-        <Location><Path>{SOFTHSM_MODULE}</Path><Architecture>x64</Architecture></Location>
-      </Locations>
-      <Pin1Name>User PIN</Pin1Name>
-      <Pin2Name>Signature PIN</Pin2Name>
-      <ShowPinForm>true</ShowPinForm>
-      <AllowManualSelection>false</AllowManualSelection>
-      <VendorExtensions></VendorExtensions>
-    </Pkcs11Library>
-{operation.replace("TOKEN", self.token())}
-  </Pkcs11Operation>
-</ScrivaOperation>
-"""
-
-    def token(self):
-        return (f"<TokenIdentification><SerialNumber>{self.serial}</SerialNumber>"
-                f"<Label>{TOKEN_LABEL}</Label></TokenIdentification>")
-
-    def sign(self, document):
-        path = os.path.join(self.work, "request.xml")
-        with open(path, "w") as file:
-            file.write(document)
-        return run(self.tool, path, self.key, self.certificate).strip()
-
-
-def attributes(*items):
-    """Object template elements from (kind, attribute number, value) triples."""
-    return "".join(f"<{kind}Attribute><Attribute>{number}</Attribute><Value>{value}</Value></{kind}Attribute>"
-                   for kind, number, value in items)
-
-
-def der(tag, content):
-    length = len(content)
-    if length < 128:
-        return bytes([tag, length]) + content
-    encoded = length.to_bytes((length.bit_length() + 7) // 8, "big")
-    return bytes([tag, 0x80 | len(encoded)]) + encoded + content
-
-
-def x509_name(*parts):
-    """The DER of an X.509 name from (attribute OID bytes, UTF-8 value) pairs."""
-    return der(0x30, b"".join(der(0x31, der(0x30, der(0x06, oid) + der(0x0C, value.encode())))
-                              for oid, value in parts))
+def signer(build):
+    """The server's signer: the development PKI's signing key and certificate."""
+    devpki = os.path.join(build, "devpki", "server-chain2")
+    return Signer.from_files(devpki + ".pem", devpki + ".key")
 
 
 def make_token(work):
@@ -281,46 +226,40 @@ def main():
         host.call("GetVersion")
         host.call("SetProperty", json.dumps({"MinimalWindowDisplayTime": 1500, "Language": "en"}))
         host.call("SetProperty", json.dumps({"MinimalWindowDisplayTime": 999999}))
-        requests = Requests(build, work, serial)
+        server, token = signer(build), Token(serial, TOKEN_LABEL)
 
-        def operation(method, body, pin=False):
-            nonce = host.call("GetNonce")["result"]
-            document = requests.document(nonce, body)
-            print("\n   The request document, signed by the server with the development PKI:")
-            print(indent(pretty_xml(document)))
-            argument = requests.sign(document)
-            host.send(method, argument, shown=f"<base64 CMS SignedData of the document above, {len(argument)} characters>")
+        def operation(content, pin=False):
+            """The server builds the request with the host's nonce and signs it; the answer is checked
+            against it (nonce, operation, token, for GenerateCsr the certificate request)."""
+            request = Request(host.call("GetNonce")["result"], Library.at(SOFTHSM_MODULE), content)
+            document = request.xml()
+            print("\n   The request document, built and signed by the server library with the development PKI:")
+            print(indent(pretty_xml(document.decode())))
+            argument = server.argument(document)
+            host.send(request.method, argument,
+                      shown=f"<base64 CMS SignedData of the document above, {len(argument)} characters>")
             if pin:
                 display.enter_pin(USER_PIN)
             answer = host.answer()
             if answer.get("error"):
-                raise SystemExit(f"{method} failed: {answer['error']}")
-            return answer["result"]
+                raise SystemExit(f"{request.method} failed: {answer['error']}")
+            return read_answer(answer["result"], request)
 
         step("3. GetSlots: the slots with a token")
-        operation("GetSlots", "    <GetSlots/>")
+        operation(GetSlots())
 
         step("4. GetCertificates: the token holds no certificate yet")
-        operation("GetCertificates", "    <GetCertificates>TOKEN</GetCertificates>")
+        operation(GetCertificates(token))
 
         step("5. GenerateCsr: an RSA key pair on the token and a certificate request signed there")
-        subject = x509_name((b"\x55\x04\x0a", "Scriva Demo"), (b"\x55\x04\x03", "Scriva Demo User"))
-        key_id = "d1"
-        csr_answer = operation("GenerateCsr", f"""    <GenerateCsr>TOKEN
-      <GenerateKeyPairMechanism>0</GenerateKeyPairMechanism>
-      <PublicKeyAttributes>{attributes(("Bool", 1, "true"), ("UnsignedLong", 289, 2048), ("ByteArray", 290, "010001"),
-                                       ("Bool", 266, "true"), ("String", 3, "Scriva demo key"), ("ByteArray", 258, key_id))}</PublicKeyAttributes>
-      <PrivateKeyAttributes>{attributes(("Bool", 1, "true"), ("Bool", 2, "true"), ("Bool", 259, "true"), ("Bool", 264, "true"),
-                                        ("String", 3, "Scriva demo key"), ("ByteArray", 258, key_id))}</PrivateKeyAttributes>
-      <CsrType>PKCS10</CsrType>
-      <CsrSubject>{subject.hex().upper()}</CsrSubject>
-      <CsrAttributes><EnrollmentCspProvider>Scriva demo</EnrollmentCspProvider></CsrAttributes>
-      <CsrDigestMechanism>592</CsrDigestMechanism>
-      <CsrSigningMechanism>1</CsrSigningMechanism>
-    </GenerateCsr>""", pin=True)
+        subject = x509.Name.from_rfc4514_string("CN=Scriva Demo User,O=Scriva Demo")
+        key_id = b"\xd1"
+        csr_answer = operation(GenerateCsr.rsa(token, subject, key_id=key_id, label="Scriva demo key",
+                                               enrollment_csp_provider="Scriva demo"), pin=True)
+        print("\n   The server library checked the request: its signature, subject and key are the ones asked for.")
         csr = os.path.join(work, "request.csr")
-        with open(csr, "w") as file:
-            file.write(xml_texts(csr_answer, "CSR")[0])
+        with open(csr, "wb") as file:
+            file.write(csr_answer.csr.public_bytes(Encoding.PEM))
 
         step("6. openssl checks the certificate request")
         check = subprocess.run(["openssl", "req", "-in", csr, "-noout", "-verify", "-subject"],
@@ -341,22 +280,16 @@ def main():
 
         step("8. CreateObject: the issued certificate stored on the token beside its key")
         with open(issued_der, "rb") as file:
-            certificate = file.read()
-        operation("CreateObject", f"""    <CreateObject>TOKEN
-      <ObjectAttributes>{attributes(("UnsignedLong", 0, 1), ("Bool", 1, "true"), ("UnsignedLong", 128, 0),
-                                    ("String", 3, "Scriva demo certificate"), ("ByteArray", 258, key_id),
-                                    ("ByteArray", 257, subject.hex().upper()),
-                                    ("ByteArray", 17, certificate.hex().upper()))}</ObjectAttributes>
-    </CreateObject>""", pin=True)
+            certificate = x509.load_der_x509_certificate(file.read())
+        operation(CreateObject.certificate(token, certificate, key_id=key_id, label="Scriva demo certificate"),
+                  pin=True)
 
         step("9. GetCertificates: the token now holds the issued certificate")
-        listing = operation("GetCertificates", "    <GetCertificates>TOKEN</GetCertificates>")
-        stored = xml_texts(listing, "Certificate")
-        for pem in stored:
-            print(indent(run("openssl", "x509", "-noout", "-subject", "-issuer", "-serial", input=pem).strip()))
-        with open(issued) as file:
-            issued_pem = file.read()
-        if issued_pem.strip() not in [pem.strip() for pem in stored]:
+        stored = operation(GetCertificates(token)).certificates
+        for item in stored:
+            print(indent(f"subject={item.subject.rfc4514_string()} issuer={item.issuer.rfc4514_string()} "
+                         f"serial={item.serial_number:#x}"))
+        if certificate not in stored:
             raise SystemExit("the stored certificate was not read back")
 
         step("10. Terminate")
