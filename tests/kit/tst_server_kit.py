@@ -90,8 +90,9 @@ class ServerKit(unittest.TestCase):
     @classmethod
     def tearDownClass(cls):
         cls.host.process.stdin.close()
-        cls.host.process.wait(timeout=30)
+        code = cls.host.process.wait(timeout=30)
         cls.host.process.stdout.close()
+        assert code == 0, f"the host ended with {code}"  # a sanitizer build's host fails on a leak
         cls.work.cleanup()
 
     def signer(self, name):
