@@ -40,9 +40,8 @@ def sign(body):
         name = x509.Name([x509.NameAttribute(x509.NameOID.COMMON_NAME, body["name"])])
         operation = GenerateCsr.rsa(token, name, key_id=os.urandom(8), label=body["name"])
     else:
-        certificate = issued.pop(body["keyId"])
-        operation = CreateObject.certificate(token, certificate, key_id=bytes.fromhex(body["keyId"]),
-                                             label=certificate.subject.rfc4514_string())
+        certificate, label = issued.pop(body["keyId"])
+        operation = CreateObject.certificate(token, certificate, key_id=bytes.fromhex(body["keyId"]), label=label)
     request = Request(body["nonce"], library, operation)
     signed[body["nonce"]] = request
     return {"argument": signer.argument(request.xml())}
@@ -62,7 +61,7 @@ def read(body):
                        .not_valid_before(now).not_valid_after(now + datetime.timedelta(days=365))
                        .sign(ca_key, hashes.SHA256()))
         key_id = request.operation.public_attribute(pkcs11.CKA_ID).hex()
-        issued[key_id] = certificate
+        issued[key_id] = certificate, request.operation.public_attribute(pkcs11.CKA_LABEL)
         return {"keyId": key_id, "subject": certificate.subject.rfc4514_string()}
     return {"stored": True}
 
