@@ -326,8 +326,8 @@ def _read_request(root: ET.Element, version: str, namespace: str) -> Request:
     def text(parent, path):
         return find(parent, path).text or ""
 
-    def flag(parent, path):
-        return text(parent, path).strip() in ("true", "1")
+    def flag(parent, path):  # as the host reads it: only the text true is true
+        return text(parent, path) == "true"
 
     def attributes(parent, path):
         return [Attribute(int(text(item, "Attribute")), _value(item.tag.rpartition("}")[2], text(item, "Value")))
@@ -368,7 +368,9 @@ def _read_request(root: ET.Element, version: str, namespace: str) -> Request:
 
 def _value(kind: str, text: str) -> AttributeValue:
     if kind == "BoolAttribute":
-        return text.strip() in ("true", "1")
+        if text.lower() not in ("true", "false"):
+            raise RequestError(f"the host reads a BoolAttribute only as true or false, not {text!r}")
+        return text.lower() == "true"
     if kind == "UnsignedLongAttribute":
         return int(text)
     if kind == "ByteArrayAttribute":
