@@ -37,10 +37,11 @@ set(CPACK_SET_DESTDIR ON)
 set(CPACK_INSTALL_PREFIX ${SCRIVA_PACKAGE_PREFIX})
 set(CPACK_STRIP_FILES ON)
 
-# The host and its catalogues (no component), the browser parts, and the files outside the prefix.
+# The host and its catalogues (no component), the browser parts, the server library, and the files
+# outside the prefix.
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_GROUPING ALL_COMPONENTS_IN_ONE)
-set(CPACK_COMPONENTS_ALL Unspecified browser system)
+set(CPACK_COMPONENTS_ALL Unspecified browser server system)
 
 set(CPACK_DEBIAN_PACKAGE_NAME scriva-pkcs11)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
@@ -49,7 +50,7 @@ set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "chromium | firefox-esr | google-chrome-stable | brave-browser | vivaldi-stable | microsoft-edge-stable")
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "opensc-pkcs11")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "opensc-pkcs11, python3-cryptography")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 # The manifests in /etc are configuration: an administrator's edits survive upgrades.
 set(conffiles "")

@@ -2,9 +2,8 @@
 """Talks to the built ScrivaPkcs11 host the way a browser does: framed JSON on its stdin, framed
 JSON answers on its stdout. On a SoftHSM token made for the demo it lists the slots, reads the
 certificates, generates a key pair with a certificate request, has a demo CA issue a certificate
-for it, stores that on the token and reads it back; --tpm does all that on a tpm2-pkcs11 token on a
-software TPM (scripts/tpm-token.sh) instead, and --module only asks another module (OpenSC's, a
-vendor's) through the host which slots and certificates it shows. Every request is signed by the build's
+for it, stores that on the token and reads it back (--tpm: the same on a tpm2-pkcs11 token on a
+software TPM; --module: only what another module shows). Every request is signed by the build's
 development PKI, as the web application's server would sign it; every step is printed."""
 import argparse
 import json
@@ -20,10 +19,14 @@ import xml.dom.minidom
 from xml.sax.saxutils import escape
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "scripts"))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "tools", "scriva-server"))
 import headless_sway  # noqa: E402
+from cryptography import x509  # noqa: E402
+from cryptography.hazmat.primitives.serialization import Encoding  # noqa: E402
+from scriva_server import (CreateObject, GenerateCsr, GetCertificates, GetSlots, Library, Request, Signer,  # noqa: E402
+                           Token, read_answer)
 
 PREFIX = "ScrivaPkcs11.1.0.0.qt.QES."
-NAMESPACE = "http://www.corvant.com/Scriva/Pkcs11Operation/2026/02/04"
 SOFTHSM_MODULE = "/usr/lib/softhsm/libsofthsm2.so"
 TPM_MODULE = "/usr/lib/x86_64-linux-gnu/pkcs11/libtpm2_pkcs11.so"
 TPM_TOKEN_SCRIPT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "scripts", "tpm-token.sh")
@@ -62,11 +65,6 @@ def indent(text, prefix="    "):
 
 def run(*command, **kwargs):
     return subprocess.run(command, check=True, capture_output=True, text=True, **kwargs).stdout
-
-
-def xml_texts(document, element):
-    return [node.firstChild.data if node.firstChild else ""
-            for node in xml.dom.minidom.parseString(document.encode()).getElementsByTagName(element)]
 
 
 class Host:
@@ -208,67 +206,10 @@ class WaylandDesktop:
         shutil.rmtree(self.directory, ignore_errors=True)
 
 
-class Requests:
-    """Request documents for the demo token, signed by the development PKI with the current nonce."""
-
-    def __init__(self, build, work, serial, module):
-        self.tool = os.path.join(build, "bin", "scriva-sign-request")
-        self.key = os.path.join(build, "devpki", "server-chain2.key")
-        self.certificate = os.path.join(build, "devpki", "server-chain2.pem")
-        self.work = work
-        self.serial = serial
-        self.label = TOKEN_LABEL
-        self.module = module
-
-    def document(self, nonce, operation):
-        return f"""<?xml version="1.0" encoding="UTF-8"?>
-<ScrivaOperation xmlns="{NAMESPACE}">
-  <Nonce>{nonce}</Nonce>
-  <Pkcs11Operation>
-    <Pkcs11Library>
-      <Locations>
-        <Location><Path>{self.module}</Path><Architecture>x64</Architecture></Location>
-      </Locations>
-      <Pin1Name>User PIN</Pin1Name>
-      <Pin2Name>Signature PIN</Pin2Name>
-      <ShowPinForm>true</ShowPinForm>
-      <AllowManualSelection>false</AllowManualSelection>
-      <VendorExtensions></VendorExtensions>
-    </Pkcs11Library>
-{operation.replace("TOKEN", self.token())}
-  </Pkcs11Operation>
-</ScrivaOperation>
-"""
-
-    def token(self):
-        return (f"<TokenIdentification><SerialNumber>{self.serial}</SerialNumber>"
-                f"<Label>{escape(self.label)}</Label></TokenIdentification>")
-
-    def sign(self, document):
-        path = os.path.join(self.work, "request.xml")
-        with open(path, "w") as file:
-            file.write(document)
-        return run(self.tool, path, self.key, self.certificate).strip()
-
-
-def attributes(*items):
-    """Object template elements from (kind, attribute number, value) triples."""
-    return "".join(f"<{kind}Attribute><Attribute>{number}</Attribute><Value>{value}</Value></{kind}Attribute>"
-                   for kind, number, value in items)
-
-
-def der(tag, content):
-    length = len(content)
-    if length < 128:
-        return bytes([tag, length]) + content
-    encoded = length.to_bytes((length.bit_length() + 7) // 8, "big")
-    return bytes([tag, 0x80 | len(encoded)]) + encoded + content
-
-
-def x509_name(*parts):
-    """The DER of an X.509 name from (attribute OID bytes, UTF-8 value) pairs."""
-    return der(0x30, b"".join(der(0x31, der(0x30, der(0x06, oid) + der(0x0C, value.encode())))
-                              for oid, value in parts))
+def signer(build):
+    """The server's signer: the development PKI's signing key and certificate."""
+    devpki = os.path.join(build, "devpki", "server-chain2")
+    return Signer.from_files(devpki + ".pem", devpki + ".key")
 
 
 def make_tpm_token(work):
@@ -307,15 +248,15 @@ def make_softhsm_token(work):
     return {"SOFTHSM2_CONF": config}, serial
 
 
-def survey(host, requests, operation):
+def survey(host, operation):
     """GetSlots with the module, then GetCertificates of each token it shows (of the demo token when
     it shows none, to see how the module answers for a token that is not there)."""
     step("3. GetSlots: the slots the module shows")
-    slots = operation("GetSlots", "    <GetSlots/>", check=False)
-    tokens = list(zip(xml_texts(slots, "SerialNumber"), xml_texts(slots, "Label"))) if slots else []
-    for number, (requests.serial, requests.label) in enumerate(tokens or [("0123456789ABCDEF", TOKEN_LABEL)], 4):
-        step(f"{number}. GetCertificates of the token '{requests.label}' ({requests.serial})")
-        operation("GetCertificates", "    <GetCertificates>TOKEN</GetCertificates>", check=False)
+    slots = operation(GetSlots(), check=False)
+    tokens = [Token(slot.token.serial_number, slot.token.label) for slot in slots.slots if slot.token] if slots else []
+    for number, token in enumerate(tokens or [Token("0123456789ABCDEF", TOKEN_LABEL)], 4):
+        step(f"{number}. GetCertificates of the token '{token.label}' ({token.serial_number})")
+        operation(GetCertificates(token), check=False)
     host.call("Terminate")
     return 0 if host.finish() == 0 else 1
 
@@ -368,49 +309,44 @@ def main():
         host.call("GetVersion")
         host.call("SetProperty", json.dumps({"MinimalWindowDisplayTime": 1500, "Language": "en"}))
         host.call("SetProperty", json.dumps({"MinimalWindowDisplayTime": 999999}))
-        requests = Requests(build, work, serial, module)
+        server, token = signer(build), Token(serial, TOKEN_LABEL)
 
-        def operation(method, body, pin=False, check=True):
-            nonce = host.call("GetNonce")["result"]
-            document = requests.document(nonce, body)
-            print("\n   The request document, signed by the server with the development PKI:")
-            print(indent(pretty_xml(document)))
-            argument = requests.sign(document)
-            host.send(method, argument, shown=f"<base64 CMS SignedData of the document above, {len(argument)} characters>")
+        def operation(content, pin=False, check=True):
+            """The server builds the request with the host's nonce and signs it; the answer is checked
+            against it (nonce, operation, token, for GenerateCsr the certificate request)."""
+            request = Request(host.call("GetNonce")["result"], Library.at(module), content)
+            document = request.xml()
+            print("\n   The request document, built and signed by the server library with the development PKI:")
+            print(indent(pretty_xml(document.decode())))
+            argument = server.argument(document)
+            host.send(request.method, argument,
+                      shown=f"<base64 CMS SignedData of the document above, {len(argument)} characters>")
             if pin:
                 display.enter_pin(USER_PIN)
             answer = host.answer()
             if answer.get("error") and check:
-                raise SystemExit(f"{method} failed: {answer['error']}")
-            return answer["result"] if not answer.get("error") else ""
+                raise SystemExit(f"{request.method} failed: {answer['error']}")
+            print(f"\n   {request.method} answered: {answer.get('error') or 'no error'}")
+            return read_answer(answer["result"], request) if not answer.get("error") else None
 
         if args.module:
-            return survey(host, requests, operation)
+            return survey(host, operation)
 
         step("3. GetSlots: the slots with a token")
-        operation("GetSlots", "    <GetSlots/>")
+        operation(GetSlots())
 
         step("4. GetCertificates: the token holds no certificate yet")
-        operation("GetCertificates", "    <GetCertificates>TOKEN</GetCertificates>")
+        operation(GetCertificates(token))
 
         step("5. GenerateCsr: an RSA key pair on the token and a certificate request signed there")
-        subject = x509_name((b"\x55\x04\x0a", "Scriva Demo"), (b"\x55\x04\x03", "Scriva Demo User"))
-        key_id = "d1"
-        csr_answer = operation("GenerateCsr", f"""    <GenerateCsr>TOKEN
-      <GenerateKeyPairMechanism>0</GenerateKeyPairMechanism>
-      <PublicKeyAttributes>{attributes(("Bool", 1, "true"), ("UnsignedLong", 289, 2048), ("ByteArray", 290, "010001"),
-                                       ("Bool", 266, "true"), ("String", 3, "Scriva demo key"), ("ByteArray", 258, key_id))}</PublicKeyAttributes>
-      <PrivateKeyAttributes>{attributes(("Bool", 1, "true"), ("Bool", 2, "true"), ("Bool", 259, "true"), ("Bool", 264, "true"),
-                                        ("String", 3, "Scriva demo key"), ("ByteArray", 258, key_id))}</PrivateKeyAttributes>
-      <CsrType>PKCS10</CsrType>
-      <CsrSubject>{subject.hex().upper()}</CsrSubject>
-      <CsrAttributes><EnrollmentCspProvider>Scriva demo</EnrollmentCspProvider></CsrAttributes>
-      <CsrDigestMechanism>592</CsrDigestMechanism>
-      <CsrSigningMechanism>1</CsrSigningMechanism>
-    </GenerateCsr>""", pin=True)
+        subject = x509.Name.from_rfc4514_string("CN=Scriva Demo User,O=Scriva Demo")
+        key_id = b"\xd1"
+        csr_answer = operation(GenerateCsr.rsa(token, subject, key_id=key_id, label="Scriva demo key",
+                                               enrollment_csp_provider="Scriva demo"), pin=True)
+        print("\n   The server library checked the request: its signature, subject and key are the ones asked for.")
         csr = os.path.join(work, "request.csr")
-        with open(csr, "w") as file:
-            file.write(xml_texts(csr_answer, "CSR")[0])
+        with open(csr, "wb") as file:
+            file.write(csr_answer.csr.public_bytes(Encoding.PEM))
 
         step("6. openssl checks the certificate request")
         check = subprocess.run(["openssl", "req", "-in", csr, "-noout", "-verify", "-subject"],
@@ -431,22 +367,16 @@ def main():
 
         step("8. CreateObject: the issued certificate stored on the token beside its key")
         with open(issued_der, "rb") as file:
-            certificate = file.read()
-        operation("CreateObject", f"""    <CreateObject>TOKEN
-      <ObjectAttributes>{attributes(("UnsignedLong", 0, 1), ("Bool", 1, "true"), ("UnsignedLong", 128, 0),
-                                    ("String", 3, "Scriva demo certificate"), ("ByteArray", 258, key_id),
-                                    ("ByteArray", 257, subject.hex().upper()),
-                                    ("ByteArray", 17, certificate.hex().upper()))}</ObjectAttributes>
-    </CreateObject>""", pin=True)
+            certificate = x509.load_der_x509_certificate(file.read())
+        operation(CreateObject.certificate(token, certificate, key_id=key_id, label="Scriva demo certificate"),
+                  pin=True)
 
         step("9. GetCertificates: the token now holds the issued certificate")
-        listing = operation("GetCertificates", "    <GetCertificates>TOKEN</GetCertificates>")
-        stored = xml_texts(listing, "Certificate")
-        for pem in stored:
-            print(indent(run("openssl", "x509", "-noout", "-subject", "-issuer", "-serial", input=pem).strip()))
-        with open(issued) as file:
-            issued_pem = file.read()
-        if issued_pem.strip() not in [pem.strip() for pem in stored]:
+        stored = operation(GetCertificates(token)).certificates
+        for item in stored:
+            print(indent(f"subject={item.subject.rfc4514_string()} issuer={item.issuer.rfc4514_string()} "
+                         f"serial={item.serial_number:#x}"))
+        if certificate not in stored:
             raise SystemExit("the stored certificate was not read back")
 
         step("10. Terminate")

@@ -20,6 +20,8 @@ packages+=(sway wtype grim qt6-wayland)
 # A TPM-backed token for the tests and the demo: tpm2-pkcs11 on a software TPM behind the access broker
 # on a private D-Bus bus (scripts/tpm-token.sh).
 packages+=(swtpm tpm2-abrmd libtss2-tcti-tabrmd0 libtss2-tcti-swtpm0 libtpm2-pkcs11-1 libtpm2-pkcs11-tools tpm2-tools dbus-daemon dbus-bin)
+# The server library (tools/scriva-server) signs requests and reads answers with it.
+packages+=( python3-cryptography )
 # Node.js drives the browsers in the browser tests; a machine may have its own build of it.
 command -v node >/dev/null || packages+=(nodejs)
 command -v npm >/dev/null || packages+=(npm)

@@ -99,6 +99,7 @@ async function generateCsr(subject = $("subject").value, module = state.module) 
   const xml = await client.generateCsr(argument);
   state.keyId = keyId;
   state.csr = texts(parse(xml), "CSR")[0];
+  state.csrAnswer = xml;
   log(`GenerateCsr: key ${keyId}\n${state.csr}`);
   return { xml, keyId, csr: state.csr };
 }
@@ -107,7 +108,9 @@ async function storeCertificate(module = state.module) {
   state.module = Number(module);
   if (!state.csr)
     throw new Error("generate a certificate request first");
-  const { argument, certificate } = await signedRequest("CreateObject", { csr: state.csr, keyId: state.keyId });
+  // The server checks the token's whole answer against the GenerateCsr request it signed.
+  const { argument, certificate } = await signedRequest("CreateObject",
+                                                        { answer: state.csrAnswer, keyId: state.keyId });
   const xml = await client.createObject(argument);
   log(`CreateObject: certificate stored\n${certificate}`);
   return { xml, certificate };

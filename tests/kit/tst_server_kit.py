@@ -1,0 +1,214 @@
+#!/usr/bin/env python3
+"""The integrator's kit against the built host on a SoftHSM token: every request example of
+docs/integrating.md is the file the docs show, validates against its schema, is what the server
+library builds from it, and, signed by the development PKI and sent with the host's nonce to the
+token, is answered in the documented shape; the library's checks catch what the host refuses
+and what a page could tamper with."""
+import argparse
+import base64
+import dataclasses
+import glob
+import json
+import os
+import re
+import struct
+import subprocess
+import sys
+import tempfile
+import unittest
+import urllib.request
+import xml.etree.ElementTree as ET
+
+from cryptography import x509
+from cryptography.hazmat.primitives.serialization import Encoding
+
+parser = argparse.ArgumentParser()
+parser.add_argument("--source", required=True)
+parser.add_argument("--build", required=True)
+args, _ = parser.parse_known_args()
+args.source, args.build = os.path.abspath(args.source), os.path.abspath(args.build)
+sys.path.insert(0, os.path.join(args.source, "tools", "scriva-server"))
+from scriva_server import (V2022, V2026, AnswerError, Attribute, CreateObject, GenerateCsr,  # noqa: E402
+                           GetCertificates, GetSlots, Library, Location, Request, RequestError, Signer, SignerError,
+                           Token, check_csr, read_answer, read_request)
+from scriva_server.request import NAMESPACES  # noqa: E402
+
+ORDER = ("getslots", "generatecsr", "createobject", "getcertificates")
+
+
+def run(*command, **options):
+    return subprocess.run(command, check=True, capture_output=True, **options).stdout
+
+
+def post(url, body):
+    return json.loads(urllib.request.urlopen(url, json.dumps(body).encode()).read())
+
+
+def paths(element, prefix=""):
+    """The element paths of a document, without namespaces: its shape."""
+    here = prefix + "/" + element.tag.rpartition("}")[2]
+    return {here}.union(*(paths(child, here) for child in element))
+
+
+class Host:
+    """The built host on framed stdin/stdout, as a browser starts it."""
+
+    def __init__(self, env):
+        self.process = subprocess.Popen([os.path.join(args.build, "bin", "ScrivaPkcs11"), "chrome-extension://kit/"],
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=env)
+
+    def call(self, method, argument=None):
+        message = json.dumps({"method": "ScrivaPkcs11.1.0.0.qt.QES." + method, "args": [argument or ""]}).encode()
+        self.process.stdin.write(struct.pack("<I", len(message)) + message)
+        self.process.stdin.flush()
+        answer = json.loads(self.process.stdout.read(struct.unpack("<I", self.process.stdout.read(4))[0]))
+        return answer["error"], answer["result"]
+
+
+class ServerKit(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.work = tempfile.TemporaryDirectory(prefix="scriva-kit-")
+        work = cls.work.name
+        os.makedirs(os.path.join(work, "tokens"))
+        with open(os.path.join(work, "softhsm2.conf"), "w") as file:
+            file.write(f"directories.tokendir = {work}/tokens\nobjectstore.backend = file\nlog.level = ERROR\n")
+        # A PIN pad, so the host logs in without its PIN form; KovData for the full GenerateCsr.
+        with open(os.path.join(work, "p11.conf"), "w") as file:
+            file.write("pin_pad_pin=1234\nkov_data_hex=3003020101\n")
+        env = dict(os.environ, SOFTHSM2_CONF=os.path.join(work, "softhsm2.conf"), HOME=work, XDG_RUNTIME_DIR=work,
+                   XDG_DATA_HOME=work, SCRIVA_TEST_P11_CONFIG=os.path.join(work, "p11.conf"),
+                   QT_QPA_PLATFORM="offscreen")
+        run("softhsm2-util", "--init-token", "--free", "--label", "Scriva token", "--so-pin", "5678", "--pin", "1234",
+            env=env)
+        slots = run("softhsm2-util", "--show-slots", env=env)
+        cls.serial = re.search(rb"Serial number:\s*(\w+)", slots).group(1).decode()
+        cls.module = os.path.join(args.build, "tests", "p11module", "scriva-test-p11.so")
+        cls.host = Host(env)
+        assert cls.host.call("CreateInstance") == (None, None)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.host.process.stdin.close()
+        code = cls.host.process.wait(timeout=30)
+        cls.host.process.stdout.close()
+        assert code == 0, f"the host ended with {code}"  # a sanitizer build's host fails on a leak
+        cls.work.cleanup()
+
+    def signer(self, name):
+        return Signer.from_files(*(os.path.join(args.build, "devpki", name + suffix) for suffix in (".pem", ".key")))
+
+    def on_token(self, request, signer="server-chain2"):
+        """The request with the host's nonce, for this test's token and module, signed and sent."""
+        operation = request.operation
+        if hasattr(operation, "token"):
+            operation = dataclasses.replace(operation, token=Token(self.serial, operation.token.label))
+        request = dataclasses.replace(request, nonce=self.host.call("GetNonce")[1], operation=operation,
+                                      library=dataclasses.replace(request.library, locations=[Location(self.module)]))
+        return request, self.host.call(request.method, self.signer(signer).argument(request.xml()))
+
+    def valid(self, document, version):
+        schema = os.path.join(args.source, "resources", "Schemas", f"ScrivaOperation-{version}.xsd")
+        return subprocess.run(["xmllint", "--noout", "--schema", schema, "-"], input=document,
+                              capture_output=True).returncode == 0
+
+    def test_docs_show_the_example_files(self):
+        with open(os.path.join(args.source, "docs", "integrating.md")) as file:
+            shown = re.findall(r"<!-- (examples/\S+) -->\n```\w*\n(.*?)```", file.read(), re.S)
+        self.assertGreaterEqual(len(shown), 8)
+        for name, text in shown:
+            with open(os.path.join(args.source, "docs", name)) as file:
+                self.assertEqual(file.read(), text, name)
+
+    def test_examples_run_on_the_host_and_are_answered_as_documented(self):
+        examples = sorted(glob.glob(os.path.join(args.source, "docs", "examples", "*-20*.xml")),
+                          key=lambda name: ORDER.index(os.path.basename(name).split("-")[0]))
+        self.assertEqual(len(examples), 16)
+        stored = set()
+        for name in examples:
+            with self.subTest(os.path.basename(name)), open(name, "rb") as file:
+                document = file.read()
+                example = read_request(document)
+                self.assertTrue(self.valid(document, example.version))
+                self.assertEqual(ET.canonicalize(example.xml().decode(), strip_text=True),
+                                 ET.canonicalize(document.decode(), strip_text=True))
+                signer = "server-chain1" if example.version == V2022 else "server-chain2"
+                request, (error, result) = self.on_token(example, signer)
+                self.assertIsNone(error)
+                self.assertTrue(self.valid(result.encode(), example.version))
+                answer = read_answer(result, request)  # nonce, operation, token and CSR checked
+                documented = paths(ET.parse(name.rsplit("-", 2)[0] + "-answer.xml").getroot())
+                if example.version == V2022:
+                    documented = {path for path in documented if not path.endswith("/TokenPlatform")}
+                self.assertEqual(paths(ET.fromstring(result)), documented)
+                if request.method == "CreateObject":
+                    stored.update(a.value for a in request.operation.attributes if a.type == 0x11)  # CKA_VALUE
+                if request.method == "GetCertificates":
+                    self.assertEqual({c.public_bytes(Encoding.DER) for c in answer.certificates}, stored)
+
+    def test_host_refuses_what_the_library_refuses(self):
+        library = Library.at(self.module)
+        for name in ("signer-expired", "signer-no-policy", "signer-unknown-root"):
+            error = self.on_token(Request("0" * 16, library, GetSlots()), name)[1][0]
+            self.assertEqual(error, "CommunicationMismatchUnstrustedServer", name)
+            if name != "signer-unknown-root":  # only the host knows its anchors
+                self.assertRaises(SignerError, self.signer(name).check)
+        token, bad_text = Token("1234"), "\x01"
+        for version, operation in ((V2022, GetCertificates(Token("1234", "label"))),
+                                   (V2026, GetCertificates(Token("12345678901234567"))),
+                                   (V2026, CreateObject(token, [Attribute(3, "")])),
+                                   (V2026, CreateObject(token, [Attribute(3, bad_text)])),
+                                   (V2026, CreateObject(token, [Attribute(3, NAMESPACES[V2022])]))):
+            self.assertRaises(RequestError, Request("0" * 16, library, operation, version).xml)
+
+    def test_csr_checks_catch_a_changed_answer(self):
+        subject = x509.Name([x509.NameAttribute(x509.NameOID.COMMON_NAME, "A&B <C> \"D\" 'É'")])
+        request, (error, result) = self.on_token(Request(
+            "0" * 16, Library.at(self.module), GenerateCsr.rsa(Token("x", "Scriva token"), subject, key_id=b"\1",
+                                                               label=subject.rfc4514_string())))
+        self.assertEqual(read_answer(result, request).csr.subject, subject)
+        wrong = {"nonce": dataclasses.replace(request, nonce="f" * 16),
+                 "bits": dataclasses.replace(request, operation=GenerateCsr.rsa(
+                     request.operation.token, subject, key_id=b"\1", label="x", bits=3072)),
+                 "subject": dataclasses.replace(request, operation=dataclasses.replace(
+                     request.operation, subject=x509.Name.from_rfc4514_string("CN=Other")))}
+        for what, other in wrong.items():
+            self.assertRaises(AnswerError, read_answer, result, other)
+        der = read_answer(result).csr.public_bytes(Encoding.DER)
+        forged = x509.load_der_x509_csr(der[:-1] + bytes([der[-1] ^ 1]))
+        self.assertRaises(AnswerError, check_csr, forged, request.operation)
+
+    def test_walkthrough_server_enrols_a_key_and_stores_its_certificate(self):
+        script = os.path.join(args.source, "docs", "examples", "walkthrough", "server.py")
+        server = subprocess.Popen([sys.executable, script, "--repo", args.source, "--build", args.build,
+                                   "--module", self.module, "--port", "0"], stdout=subprocess.PIPE, text=True)
+        self.addCleanup(lambda: (server.kill(), server.wait(), server.stdout.close()))
+        url = server.stdout.readline().split()[-1]
+
+        def operation(method, step):
+            """What the walk-through's page does: nonce, signed request, host, answer to the server."""
+            nonce = self.host.call("GetNonce")[1]
+            argument = post(url + "sign", dict(step, nonce=nonce))["argument"]
+            return post(url + "read", {"nonce": nonce, "answer": self.host.call(method, argument)[1]})
+        token = operation("GetSlots", {"step": "slots"})["tokens"][0]
+        key = operation("GenerateCsr", dict(token, step="enrol", name="Jan Novák"))
+        self.assertEqual(key["subject"], "CN=Jan Novák")
+        self.assertEqual(operation("CreateObject", dict(token, step="store", keyId=key["keyId"])), {"stored": True})
+
+    def test_command_line_and_openssl_line_make_what_the_host_takes(self):
+        nonce = self.host.call("GetNonce")[1]
+        tool = [sys.executable, "-m", "scriva_server"]
+        env = dict(os.environ, PYTHONPATH=os.path.join(args.source, "tools", "scriva-server"))
+        request = os.path.join(self.work.name, "request.xml")
+        run(*tool, "request", "GetSlots", "--nonce", nonce, "--module", self.module, "-o", request, env=env)
+        devpki = os.path.join(args.build, "devpki", "server-chain2")
+        cms = run("openssl", "cms", "-sign", "-binary", "-nodetach", "-outform", "DER", "-in", request, "-signer",
+                  devpki + ".pem", "-inkey", devpki + ".key")
+        error, result = self.host.call("GetSlots", base64.b64encode(cms).decode())
+        self.assertIsNone(error)
+        read = json.loads(run(*tool, "read", "--request", request, env=env, input=result.encode()))
+        self.assertIn(self.serial, [slot["token"]["serialNumber"] for slot in read["slots"] if slot["token"]])
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1])
