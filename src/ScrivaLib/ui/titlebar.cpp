@@ -1,5 +1,6 @@
 #include "titlebar.h"
 
+#include <QEvent>
 #include <QHBoxLayout>
 #include <QMouseEvent>
 
@@ -8,6 +9,8 @@ TitleBar::TitleBar(QWidget* parent)
 {
     setMouseTracking(true);
     closeButton->setText(QStringLiteral("\u2715"));
+    // A screen reader says what the button does, not the sign it shows.
+    closeButton->setAccessibleName(tr("Close"));
     closeButton->setAutoRaise(true);
     // As in a system title bar: the close button is for the mouse, the keyboard has Escape.
     closeButton->setFocusPolicy(Qt::NoFocus);
@@ -34,6 +37,13 @@ void TitleBar::setTitle(const QString& title)
 QString TitleBar::title() const
 {
     return titleLabel->text();
+}
+
+void TitleBar::changeEvent(QEvent* event)
+{
+    if (event->type() == QEvent::LanguageChange)
+        closeButton->setAccessibleName(tr("Close"));
+    QWidget::changeEvent(event);
 }
 
 // The bar takes the mouse's presses for itself: only a drag with the left button moves the window.
