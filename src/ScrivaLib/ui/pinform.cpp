@@ -40,6 +40,7 @@ PinForm::PinForm(QWidget* parent, const Pkcs11SlotInfo& slotInfo, const Pkcs11To
     ui->titleBarLayout->addWidget(titleBar);
     // The title bar's close button rejects the form like Cancel.
     connect(titleBar, &TitleBar::closeBtnClicked, this, &QDialog::reject);
+    connect(titleBar, &TitleBar::moveVectorEvent, this, [this](QVector2D vector) { move(pos() + vector.toPoint()); });
     // The warning box is announced as an alert, its icon and text together.
     AccessibleRoles::set(ui->warningWidget, QAccessible::AlertMessage);
     connect(ui->btnOk, &QPushButton::clicked, this, &QDialog::accept);

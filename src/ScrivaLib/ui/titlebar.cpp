@@ -3,6 +3,7 @@
 #include <QEvent>
 #include <QHBoxLayout>
 #include <QMouseEvent>
+#include <QWindow>
 
 TitleBar::TitleBar(QWidget* parent)
     : QWidget(parent), titleLabel(new QLabel(this)), closeButton(new QToolButton(this))
@@ -49,10 +50,13 @@ void TitleBar::changeEvent(QEvent* event)
 // The bar takes the mouse's presses for itself: only a drag with the left button moves the window.
 void TitleBar::mousePressEvent(QMouseEvent* event)
 {
-    if (event->button() == Qt::LeftButton) {
-        dragging = true;
-        dragOrigin = event->globalPosition().toPoint();
-    }
+    if (event->button() != Qt::LeftButton)
+        return;
+    // Refused where the platform has no such move (no window manager on X, the offscreen
+    // platform): then the bar reports the mouse's moves and the window follows them itself.
+    QWindow* handle = window()->windowHandle();
+    dragging = !(handle && handle->startSystemMove());
+    dragOrigin = event->globalPosition().toPoint();
 }
 
 void TitleBar::mouseMoveEvent(QMouseEvent* event)
