@@ -15,6 +15,8 @@ packages=(
   valgrind gdb python3 ccache
   chromium firefox-esr lintian
 )
+# A session's accessibility bus and a screen reader's view of it, for the test that reads the PIN form.
+packages+=(at-spi2-core python3-pyatspi dbus)
 # Node.js drives the browsers in the browser tests; a machine may have its own build of it.
 command -v node >/dev/null || packages+=(nodejs)
 command -v npm >/dev/null || packages+=(npm)
