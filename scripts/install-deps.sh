@@ -22,6 +22,8 @@ packages+=(sway wtype grim qt6-wayland)
 packages+=(swtpm tpm2-abrmd libtss2-tcti-tabrmd0 libtss2-tcti-swtpm0 libtpm2-pkcs11-1 libtpm2-pkcs11-tools tpm2-tools dbus-daemon dbus-bin)
 # The server library (tools/scriva-server) signs requests and reads answers with it.
 packages+=( python3-cryptography )
+# A session's accessibility bus and a screen reader's view of it, for the test that reads the PIN form.
+packages+=(at-spi2-core python3-pyatspi dbus)
 # Node.js drives the browsers in the browser tests; a machine may have its own build of it.
 command -v node >/dev/null || packages+=(nodejs)
 command -v npm >/dev/null || packages+=(npm)

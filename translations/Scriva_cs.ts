@@ -35,6 +35,14 @@
         <source>CreateObjectDescription</source>
         <translation>Ukládám certifikát na váš token...</translation>
     </message>
+    <message>
+        <source>MainWindowDescription</source>
+        <translation>Pracuje s vaším tokenem pro webovou stránku, která o to požádala</translation>
+    </message>
+    <message>
+        <source>WaitAnimationName</source>
+        <translation>Pracuji</translation>
+    </message>
 </context>
 <context>
     <name>PinForm</name>
@@ -94,6 +102,10 @@
         <source>PinFormFinalTry</source>
         <translation>Toto je poslední pokus před zablokováním PINu.</translation>
     </message>
+    <message>
+        <source>PinFormWarningIcon</source>
+        <translation>Varování</translation>
+    </message>
 </context>
 <context>
     <name>Pkcs11Library</name>
@@ -104,6 +116,13 @@
     <message>
         <source>PinIncorrect</source>
         <translation>Zadaný %1 není správný. Zkuste to prosím znovu.</translation>
+    </message>
+</context>
+<context>
+    <name>TitleBar</name>
+    <message>
+        <source>Close</source>
+        <translation>Zavřít</translation>
     </message>
 </context>
 </TS>

@@ -35,6 +35,14 @@
         <source>CreateObjectDescription</source>
         <translation>Storing the certificate on your token...</translation>
     </message>
+    <message>
+        <source>MainWindowDescription</source>
+        <translation>Works with your token for the web page that asked for it</translation>
+    </message>
+    <message>
+        <source>WaitAnimationName</source>
+        <translation>Working</translation>
+    </message>
 </context>
 <context>
     <name>PinForm</name>
@@ -94,6 +102,10 @@
         <source>PinFormFinalTry</source>
         <translation>This is the last try before the PIN is blocked.</translation>
     </message>
+    <message>
+        <source>PinFormWarningIcon</source>
+        <translation>Warning</translation>
+    </message>
 </context>
 <context>
     <name>Pkcs11Library</name>
@@ -104,6 +116,13 @@
     <message>
         <source>PinIncorrect</source>
         <translation>The %1 you entered is not correct. Please try again.</translation>
+    </message>
+</context>
+<context>
+    <name>TitleBar</name>
+    <message>
+        <source>Close</source>
+        <translation>Close</translation>
     </message>
 </context>
 </TS>

@@ -17,6 +17,7 @@ class TestE2eDialogs : public QObject
     Q_OBJECT
 
     VirtualDisplay display;
+    QProcess accessibilityBus;
     TokenHost th;
     // The PIN form and the message after a wrong PIN both carry the application's name alone.
     const QString formTitle = "^Corvant Scriva$";
@@ -52,6 +53,14 @@ private slots:
         QVERIFY2(display.start(), qPrintable(display.lastError()));
         th.host().environment().insert("DISPLAY", display.name());
         th.host().environment().insert("QT_QPA_PLATFORM", "xcb");
+        // The session's accessibility bus, on which a screen reader hears the host: private to this
+        // run, in the host's runtime directory, ended when its input closes.
+        accessibilityBus.setProcessEnvironment(th.host().environment());
+        accessibilityBus.start("dbus-run-session", {"--", "sh", "-c", "echo $DBUS_SESSION_BUS_ADDRESS; /usr/libexec/at-spi-bus-launcher "
+                                                    "--launch-immediately & read -r _; kill $!"});
+        QVERIFY(accessibilityBus.waitForReadyRead(10000));
+        th.host().environment().insert("DBUS_SESSION_BUS_ADDRESS", accessibilityBus.readLine().trimmed());
+        th.host().environment().insert("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1");
         th.host().enableLog();
         // Only requests that name the test module see these; the sample requests ask for the
         // vendor attribute that some tokens give their public keys.
@@ -117,30 +126,42 @@ private slots:
         QVERIFY(display.windows(hostWindow).isEmpty());
     }
 
-    void wrongPinShowsAMessageAndTheFormAgain()
+    // A screen reader hears each window as it gets the focus; with the token at its last try the
+    // form carries the warning as the PIN field's description. Tab goes to OK then Cancel, Escape
+    // cancels; after a wrong PIN a message says so, then the form comes again for the right one.
+    void screenReaderHearsTheFormsAndTheWrongPinMessage()
     {
+        QProcess reader;
+        reader.setProcessEnvironment(th.host().environment());
+        reader.start("/usr/bin/python3", {SCRIVA_SOURCE_DIR "/tests/e2e/screenreader.py"});
+        QString heard;
+        // Each window is read before the keys go on.
+        const auto heardFocus = [&](int times) { return QTest::qWaitFor([&] { return (heard += reader.readAll()).count("focus: ") >= times; }, 20000); };
+        QVERIFY(reader.waitForReadyRead(20000) && th.configureTestModule("user_pin_flags=final_try\n"));
+        const QString first = startLoginOperation(onPinPad);
+        QTRY_VERIFY(th.host().logContains("The token warns: last PIN try"));
+        for (const int times : {1, 2, 3})
+            QVERIFY(heardFocus(times) && display.type(first, {}, times < 3 ? "Tab" : "Escape"));
+        QCOMPARE(nextAnswer(), "CreateObject: OperationCanceled");
+
         const int formsBefore = formsSetUp();
-        const QString form = startLoginOperation();
-        QVERIFY(display.type(form, "9999", "Return"));
+        const QString form = startLoginOperation(onPinPad);
+        QVERIFY(heardFocus(4) && display.type(form, "9999", "Return"));
         const QString message = display.waitForWindow(formTitle, {form});
         QVERIFY(!message.isEmpty() && display.waitUntilGone(form));
         // Only one form is set up until the message is dismissed.
         QCOMPARE(formsSetUp(), formsBefore + 1);
-        QVERIFY(display.type(message, {}, "Return"));
+        QVERIFY(heardFocus(5) && display.type(message, {}, "Return"));
         const QString again = display.waitForWindow(formTitle, {form, message});
         QCOMPARE(formsSetUp(), formsBefore + 2);
-        QVERIFY(display.type(again, TokenHost::userPin, "Return"));
+        QVERIFY(heardFocus(6) && display.type(again, TokenHost::userPin, "Return"));
         QCOMPARE(nextAnswer(), "CreateObject: ");
         QVERIFY(th.host().logContains("CKR_PIN_INCORRECT"));
-    }
-
-    void formWarnsOfTheTokensLastTry()
-    {
-        QVERIFY(th.configureTestModule("user_pin_flags=final_try\n"));
-        const QString form = startLoginOperation(onPinPad);
-        QTRY_VERIFY(th.host().logContains("The token warns: last PIN try"));
-        QVERIFY(display.type(form, TokenHost::userPin, "Return"));
-        QCOMPARE(nextAnswer(), "CreateObject: ");
+        reader.close();
+        QFile expected(SCRIVA_TEST_DATA_DIR "/ui/screenreader-final-try.txt");
+        QVERIFY(expected.open(QIODevice::ReadOnly));
+        // All but the slot's number, which SoftHSM draws anew for each token.
+        QCOMPARE(heard.replace(QRegularExpression("slot ID 0x\\w+"), "slot ID").split('\n'), QString(expected.readAll()).split('\n'));
     }
 
     void whileTheFormWaitsOtherRequestsAreAnsweredOrRefused()
@@ -179,6 +200,12 @@ private slots:
         th.host().send({{"method", HostProcess::method("Terminate")}});
         QCOMPARE(nextAnswer(), "Terminate: ");
         QVERIFY(th.host().endedNormally(20000));
+    }
+
+    void cleanupTestCase()
+    {
+        accessibilityBus.closeWriteChannel();
+        accessibilityBus.waitForFinished(5000);
     }
 };
 

@@ -5,11 +5,13 @@
 #include "ui/titlebar.h"
 
 #include <QAbstractAnimation>
+#include <QAccessible>
 #include <QApplication>
 #include <QCheckBox>
 #include <QDir>
 #include <QLabel>
 #include <QLineEdit>
+#include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTest>
 #include <QTimer>
@@ -70,6 +72,20 @@ void compareLook(QWidget* widget, const QString& name)
     if (seen != QImage(path).convertToFormat(QImage::Format_ARGB32)) {
         seen.save(QDir::temp().filePath(name + ".png"));
         QFAIL(qPrintable("differs from " + path + ", seen: " + QDir::temp().filePath(name + ".png")));
+    }
+}
+
+// What a screen reader hears of the window: each button, text field and dialog named in words, no
+// container announced as a frame (a window of its own) or a filler.
+void checkReadable(QWidget* window)
+{
+    QList<QWidget*> widgets = window->findChildren<QWidget*>();
+    for (QWidget* widget : widgets << window) {
+        const QAccessibleInterface* node = QAccessible::queryAccessibleInterface(widget);
+        const bool named = node->text(QAccessible::Name).contains(QRegularExpression("\\p{L}"));
+        const bool needsName = QList{QAccessible::PushButton, QAccessible::EditableText, QAccessible::Dialog}.contains(node->role());
+        QVERIFY2(widget->window() != window || (!QList{QAccessible::Border, QAccessible::Client}.contains(node->role()) && (named || !needsName)),
+                 qPrintable(widget->objectName()));
     }
 }
 
@@ -239,7 +255,8 @@ private slots:
     }
 
     // The whole form as the user sees it, with the warning of the token's own count of wrong PINs
-    // (the last try outweighs the earlier ones); long names and a language switched while it is open widen it.
+    // (the last try outweighs the earlier ones); long names and a language switched while it is open
+    // widen it. A screen reader hears it in the language shown, the warning with the PIN field.
     void formLooks_data()
     {
         QTest::addColumn<QByteArray>("reader");
@@ -272,6 +289,8 @@ private slots:
         QTRY_COMPARE(label->isVisible() ? label->text() : QString(), warning);
         QTRY_COMPARE(form.size(), form.sizeHint());
         compareLook(&form, QTest::currentDataTag());
+        checkReadable(&form);
+        QCOMPARE(QAccessible::queryAccessibleInterface(form.findChild<QLineEdit*>())->text(QAccessible::Description), warning);
     }
 
     // The host window: its wait animation turns while shown and starts over when shown again; dragged
@@ -286,6 +305,7 @@ private slots:
         window.show();
         QVERIFY(QTest::qWaitForWindowExposed(&window));
         compareLook(&window, "window-start");
+        checkReadable(&window);
         QTRY_VERIFY(clock.isRunning());
         clock.step(6 * 1200 + 300);
         compareLook(&window, "window-quarter-turn");

@@ -1,9 +1,11 @@
 #include "pinform.h"
 
 #include "appexception.h"
+#include "ui/accessibleroles.h"
 #include "ui/titlebar.h"
 #include "ui_pinform.h"
 
+#include <QAccessible>
 #include <QApplication>
 #include <QDialogButtonBox>
 #include <QEvent>
@@ -32,12 +34,15 @@ PinForm::PinForm(QWidget* parent, const Pkcs11SlotInfo& slotInfo, const Pkcs11To
                  const QString& text, bool showSavePin)
     : QDialog(parent, Qt::Dialog | Qt::FramelessWindowHint), ui(new Ui::PinForm)
 {
+    AccessibleRoles::install();
     ui->setupUi(this);
-    auto* titleBar = new TitleBar(ui->titleBarWidgetPos);
-    titleBar->setTitle(tr("AppName"));
+    titleBar = new TitleBar(ui->titleBarWidgetPos);
     ui->titleBarLayout->addWidget(titleBar);
     // The title bar's close button rejects the form like Cancel.
     connect(titleBar, &TitleBar::closeBtnClicked, this, &QDialog::reject);
+    connect(titleBar, &TitleBar::moveVectorEvent, this, [this](QVector2D vector) { move(pos() + vector.toPoint()); });
+    // The warning box is announced as an alert, its icon and text together.
+    AccessibleRoles::set(ui->warningWidget, QAccessible::AlertMessage);
     connect(ui->btnOk, &QPushButton::clicked, this, &QDialog::accept);
     connect(ui->btnCancel, &QPushButton::clicked, this, &QDialog::reject);
     connect(this, &PinForm::afterShow, this, &PinForm::fixedSize);
@@ -83,7 +88,7 @@ void PinForm::setInfo(const Pkcs11SlotInfo& slotInfo, const Pkcs11TokenInfo& tok
     ui->lePin->setEchoMode(QLineEdit::Password);
     applyTexts();
     const bool finalTry = tokenFlags & CKF_USER_PIN_FINAL_TRY;
-    ui->warningWidget->setVisible(finalTry || (tokenFlags & CKF_USER_PIN_COUNT_LOW));
+    ui->warningWidget->setVisible(warns());
     // Amber for earlier wrong PINs, red for the last try.
     const QString box = QStringLiteral("#warningWidget { background: %1; border: 1px solid %2; border-radius: 3px; }");
     ui->warningWidget->setStyleSheet(finalTry ? box.arg(QLatin1String("#fde7e9"), QLatin1String("#c42b1c"))
@@ -106,6 +111,9 @@ void PinForm::on_btnCancel_clicked()
 
 void PinForm::applyTexts()
 {
+    // A screen reader names the form by the title the user sees.
+    setWindowTitle(tr("AppName"));
+    titleBar->setTitle(windowTitle());
     const QString information = tr("PinFormInformation");
     ui->lblPinTitle->setText(information.contains(QLatin1String("%1")) ? information.arg(informationText) : information);
     ui->tokenTitle->setText(tr("PinFormTokenTitle"));
@@ -114,6 +122,9 @@ void PinForm::applyTexts()
     ui->chbSavePIN->setText(tr("SavePINText"));
     // The last try outweighs the earlier wrong ones.
     ui->lblPinWarning->setText((tokenFlags & CKF_USER_PIN_FINAL_TRY) ? tr("PinFormFinalTry") : tr("PinFormCountLow"));
+    ui->lblPinWarningIcon->setAccessibleName(tr("PinFormWarningIcon"));
+    // Heard with the field, where the PIN is typed, as it is seen beside it.
+    ui->lePin->setAccessibleDescription(warns() ? ui->lblPinWarning->text() : QString());
 }
 
 void PinForm::arrangeButtons()
@@ -137,6 +148,11 @@ void PinForm::fixedSize()
 void PinForm::showEvent(QShowEvent* event)
 {
     QDialog::showEvent(event);
+    if (warns()) {
+        // Announced as the form opens (after a wrong PIN, too), before the user types into it.
+        QAccessibleEvent alert(ui->warningWidget, QAccessible::Alert);
+        QAccessible::updateAccessibility(&alert);
+    }
     QTimer::singleShot(0, this, &PinForm::afterShow);
 }
 

@@ -7,6 +7,8 @@
 #include <QDialog>
 #include <QString>
 
+class TitleBar;
+
 namespace Ui {
 class PinForm;
 }
@@ -49,10 +51,13 @@ private:
     // Puts the translated texts in place; again when the language changes while the form is open.
     void applyTexts();
     void arrangeButtons();
+    // The token has counted a wrong PIN, or allows only one more try.
+    bool warns() const { return tokenFlags & (CKF_USER_PIN_FINAL_TRY | CKF_USER_PIN_COUNT_LOW); }
 
     static constexpr int maxPinLength = 256;
 
     Ui::PinForm* ui;
+    TitleBar* titleBar;
     SecretPin pin;
     QString informationText;
     CK_FLAGS tokenFlags = 0;

@@ -3,6 +3,7 @@
 #include "ui/pinform.h"
 
 #include <QApplication>
+#include <QLabel>
 #include <QMessageBox>
 #include <QMutexLocker>
 #include <QThread>
@@ -100,6 +101,9 @@ SecretPin PinFormLauncher::show(const Request& request, bool* savePin, QPointer<
         QPointer<QMessageBox> box = new QMessageBox(QMessageBox::Warning, request.title, request.text,
                                                     QMessageBox::Ok, QApplication::activeWindow());
         *openBox = box;
+        // A screen reader names the box by its title, and its sign by its meaning.
+        if (auto* icon = box->findChild<QLabel*>(QStringLiteral("qt_msgboxex_icon_label")))
+            icon->setAccessibleName(PinForm::tr("PinFormWarningIcon"));
         box->exec();
         delete box.data();
         return SecretPin();

@@ -6,8 +6,9 @@
 #include <QVector2D>
 #include <QWidget>
 
-// The title bar of the host's frameless windows: the title, a close button, and dragging,
-// reported as a move vector because there is no system frame to drag.
+// The title bar of the host's frameless windows: the title, a close button, and dragging. A drag
+// is handed to the desktop where it moves windows itself (a Wayland compositor places every
+// window; an X window manager), and reported as a move vector elsewhere.
 class TitleBar : public QWidget
 {
     Q_OBJECT
@@ -23,6 +24,7 @@ signals:
     void closeBtnClicked();
 
 protected:
+    void changeEvent(QEvent* event) override;
     void mousePressEvent(QMouseEvent* event) override;
     void mouseMoveEvent(QMouseEvent* event) override;
     void mouseReleaseEvent(QMouseEvent* event) override;

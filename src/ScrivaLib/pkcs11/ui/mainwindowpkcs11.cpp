@@ -1,5 +1,6 @@
 #include "mainwindowpkcs11.h"
 
+#include "ui/accessibleroles.h"
 #include "ui/circleanimation.h"
 #include "ui/titlebar.h"
 #include "ui_mainwindowpkcs11.h"
@@ -15,6 +16,7 @@ MainWindowPkcs11::MainWindowPkcs11(QWidget* parent)
       pkcs11FileDialog(new QFileDialog(this))
 {
     qInfo().noquote() << "Constructing mainWindow";
+    AccessibleRoles::install();
     ui->setupUi(this);
     setWindowIcon(QIcon(QStringLiteral(":/Themes/LightTheme/ico")));
 
@@ -22,6 +24,7 @@ MainWindowPkcs11::MainWindowPkcs11(QWidget* parent)
     animation = new CircleAnimation(64);
     scene->addItem(animation);
     ui->gvWaitAnim->setScene(scene);
+    AccessibleRoles::set(ui->gvWaitAnim, QAccessible::Animation);
 
     pkcs11FileDialog->setFileMode(QFileDialog::AnyFile);
     pkcs11FileDialog->setViewMode(QFileDialog::Detail);
@@ -34,7 +37,7 @@ MainWindowPkcs11::MainWindowPkcs11(QWidget* parent)
     connect(pkcs11FileDialog, &QFileDialog::fileSelected, this, &MainWindowPkcs11::userDefinedPathAcquired);
     connect(pkcs11FileDialog, &QFileDialog::rejected, this, &MainWindowPkcs11::userRejectedDialog);
     setAccessibleName(QStringLiteral("MainWindowPkcs11"));
-    applyTitle();
+    applyTexts();
 }
 
 MainWindowPkcs11::~MainWindowPkcs11()
@@ -62,14 +65,17 @@ void MainWindowPkcs11::updateWindowTitle(const X509Certificate2Ultra& certificat
     if (!certificate.isNull())
         commonName = certificate.subjectInfo(QSslCertificate::CommonName).join(QStringLiteral(", "));
     qInfo().noquote() << "New title: " + tr("AppName") + QStringLiteral("<=>") + commonName;
-    applyTitle();
+    applyTexts();
 }
 
-void MainWindowPkcs11::applyTitle()
+void MainWindowPkcs11::applyTexts()
 {
     const QString title = commonName.isEmpty() ? tr("AppName") : tr("AppName") + QStringLiteral(" \u2013 ") + commonName;
     titleBarWidget->setTitle(title);
     setWindowTitle(title);
+    // The accessible name stays the window's own: the PIN form finds its parent by it.
+    setAccessibleDescription(tr("MainWindowDescription"));
+    ui->gvWaitAnim->setAccessibleName(tr("WaitAnimationName"));
 }
 
 void MainWindowPkcs11::setDescription(const QString& key)
@@ -124,7 +130,7 @@ void MainWindowPkcs11::changeEvent(QEvent* event)
 {
     if (event->type() == QEvent::LanguageChange) {
         ui->retranslateUi(this);
-        applyTitle();
+        applyTexts();
         setDescription(descriptionKey);
     }
     QMainWindow::changeEvent(event);

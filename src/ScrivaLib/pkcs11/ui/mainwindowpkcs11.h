@@ -50,7 +50,8 @@ protected:
 
 private:
     void setUpTitleBar();
-    void applyTitle();
+    // The title, and what a screen reader says of the window and its wait animation.
+    void applyTexts();
     void applyGeometry();
 
     Ui::MainWindowPkcs11* ui;
