@@ -132,12 +132,9 @@ private slots:
         open({"no_slots=1"});
         TraceSwitch::set(true);
         QCOMPARE(library->getSlots(CK_TRUE), QList<unsigned long>());
-        QStringList expected;
-        for (const char* buffer : {"(nil)", "0x*"})
-            expected << "Going to call C_GetSlotList" << "Input" << " tokenPresent: 1" << QString(" pSlotList: ") + buffer
-                     << " pulCount: 0x*" << " *pulCount: 0" << "Output" << QString(" pSlotList: ") + buffer
-                     << " pulCount: 0x*" << " *pulCount: 0" << "C_GetSlotList returned 0 (CKR_OK)";
-        QCOMPARE(TraceSwitch::trace(), expected);
+        QCOMPARE(TraceSwitch::trace().filter(QRegularExpression("^ (tokenPresent|pSlotList|\\*pulCount):")).join('|'),
+                 " tokenPresent: 1| pSlotList: (nil)| *pulCount: 0| pSlotList: (nil)| *pulCount: 0|"
+                 " tokenPresent: 1| pSlotList: 0x*| *pulCount: 0| pSlotList: 0x*| *pulCount: 0");
     }
 
     void pinDialogue_data()
