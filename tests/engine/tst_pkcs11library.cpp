@@ -132,12 +132,9 @@ private slots:
         open({"no_slots=1"});
         TraceSwitch::set(true);
         QCOMPARE(library->getSlots(CK_TRUE), QList<unsigned long>());
-        QStringList expected;
-        for (const char* buffer : {"(nil)", "0x*"})
-            expected << "Going to call C_GetSlotList" << "Input" << " tokenPresent: 1" << QString(" pSlotList: ") + buffer
-                     << " pulCount: 0x*" << " *pulCount: 0" << "Output" << QString(" pSlotList: ") + buffer
-                     << " pulCount: 0x*" << " *pulCount: 0" << "C_GetSlotList returned 0 (CKR_OK)";
-        QCOMPARE(TraceSwitch::trace(), expected);
+        QCOMPARE(TraceSwitch::trace().filter(QRegularExpression("^ (tokenPresent|pSlotList|\\*pulCount):")).join('|'),
+                 " tokenPresent: 1| pSlotList: (nil)| *pulCount: 0| pSlotList: (nil)| *pulCount: 0|"
+                 " tokenPresent: 1| pSlotList: 0x*| *pulCount: 0| pSlotList: 0x*| *pulCount: 0");
     }
 
     void pinDialogue_data()
@@ -259,62 +256,57 @@ private slots:
         QCOMPARE(signatures, QList<QByteArray>(2, signatures.value(0)));
     }
 
-    void cancelledSigningAndUnreadableAttributes()
+    // A key that does not demand a context login, an object that cannot be read at all, and a value
+    // the module calls unavailable without an error, which is still asked for, with no buffer.
+    void readsAttributesOrSaysWhyNot()
     {
         QVERIFY(store->generateRsaKeyPair("Engine Token", userPin, "01", "Signing Key"));
-        open({"pin_pad_pin=" + userPin, "cancel_calls=C_Sign"});
+        open({"pin_pad_pin=" + userPin});
         QCOMPARE(attempt([&] { library->login(session, slotInfo, tokenInfo, true); }).error, QString());
-        CK_MECHANISM rsa = {CKM_SHA256_RSA_PKCS, nullptr, 0};
-        QCOMPARE(attempt([&] {
-                     library->signHash(session, findOne(CKO_PRIVATE_KEY), &rsa, "data", false, slotInfo, tokenInfo);
-                 }).error,
-                 "OperationCanceled");
-        // A key that does not demand a context login, and an object that cannot be read at all.
         QVERIFY(!library->getCkaAlwaysAuthenticateValue(session, findOne(CKO_PRIVATE_KEY)));
         QVERIFY(!library->getCkaAlwaysAuthenticateValue(session, 0xdead));
         QCOMPARE(attempt([&] { library->getAttributeValue(session, 0xdead, CKA_VALUE); }).error,
                  "PKCS#11 method C_GetAttributeValue returned error CKR_OBJECT_HANDLE_INVALID (0x00000082)");
         QCOMPARE(library->getAttributeValue(session, findOne(CKO_PUBLIC_KEY), CKA_PUBLIC_EXPONENT),
                  QByteArray::fromHex("010001"));
-        // A value the module calls unavailable without an error is still asked for, with no buffer.
         open({"unavailable_type=0x122"});
+        const CK_OBJECT_HANDLE publicKey = findOne(CKO_PUBLIC_KEY);
         TraceSwitch::set(true);
-        QCOMPARE(library->getAttributeValue(session, findOne(CKO_PUBLIC_KEY), CKA_PUBLIC_EXPONENT), QByteArray());
-        QCOMPARE(TraceSwitch::trace().count("Going to call C_GetAttributeValue"), 2);
-        // The token cancels the context login on its PIN pad: the signature ends there.
-        open({"pin_pad_pin=" + userPin, "cancel_calls=C_LoginContext", "always_authenticate=1"});
-        QCOMPARE(attempt([&] {
-                     library->login(session, slotInfo, tokenInfo, true);
-                     library->signHash(session, findOne(CKO_PRIVATE_KEY), &rsa, "data", true, slotInfo, tokenInfo);
-                 }).error,
-                 "OperationCanceled");
+        QCOMPARE(library->getAttributeValue(session, publicKey, CKA_PUBLIC_EXPONENT), QByteArray());
+        // Asked twice, each time for the one attribute (in and out).
+        QCOMPARE(TraceSwitch::trace().filter(QRegularExpression("^(Going to call| ulCount:)")).join('|'),
+                 "Going to call C_GetAttributeValue| ulCount: 1| ulCount: 1|Going to call C_GetAttributeValue| ulCount: 1| ulCount: 1");
     }
 
-    // A remembered context PIN that is not saved, a cancelled or locked context login, a refused
-    // signing start: each ends the signature with its own word.
-    void contextLoginAndSigningFailures()
+    // Cancelled, locked or refused: each signature ends with its own word. A context PIN that is
+    // remembered but not saved is asked for again.
+    void signingEndsWithItsOwnWord()
     {
         QVERIFY(store->generateRsaKeyPair("Engine Token", userPin, "01", "Signing Key"));
-        CK_MECHANISM rsa = {CKM_SHA256_RSA_PKCS, nullptr, 0};
+        CK_MECHANISM rsa = {CKM_SHA256_RSA_PKCS, nullptr, 0}, digest = {CKM_SHA256, nullptr, 0};
         const auto sign = [&](const QStringList& answers, CK_MECHANISM* mechanism) {
             user.script(answers);
             return attempt([&] {
                 library->login(session, slotInfo, tokenInfo, true);
-                library->signHash(session, findOne(CKO_PRIVATE_KEY), mechanism, "data", true, slotInfo, tokenInfo);
+                const CK_OBJECT_HANDLE key = findOne(CKO_PRIVATE_KEY);
+                const bool always = library->getCkaAlwaysAuthenticateValue(session, key);
+                library->signHash(session, key, mechanism, "data", always, slotInfo, tokenInfo);
             }).error;
         };
-        const QStringList config{"pin_pad_pin=" + userPin, "always_authenticate=1", "context_pin=ctx-2", "lock_after_wrong_pins=1"};
+        const QString pad = "pin_pad_pin=" + userPin;
+        for (const char* call : {"C_SignInit", "C_LoginContext", "C_Sign"}) { // in turn, on the PIN pad
+            open({pad, "always_authenticate=1", QStringLiteral("cancel_calls=") + call});
+            QCOMPARE(sign({}, &rsa), "OperationCanceled");
+        }
+        const QStringList config{pad, "always_authenticate=1", "context_pin=ctx-2", "lock_after_wrong_pins=1"};
         open(config, Pkcs11Library::SignatureTypeCachedContextPin);
         QCOMPARE(sign({"pin:ctx-2"}, &rsa), QString());
         QCOMPARE(sign({"pin:ctx-2"}, &rsa), QString()); // not saved: asked again
         QCOMPARE(sign({"pin:bad", "ok", "pin:ctx-2"}, &rsa), "PinBlocked");
         QCOMPARE(user.seen(), QStringList({"context form", pinIncorrect.arg("Signature PIN"), "context form"}));
         open(config, Pkcs11Library::SignatureTypeCachedContextPin);
-        CK_MECHANISM digest = {CKM_SHA256, nullptr, 0};
         QCOMPARE(sign({}, &digest), "PKCS#11 method C_SignInit returned error CKR_MECHANISM_INVALID (0x00000070)");
         QCOMPARE(sign({"cancel"}, &rsa), "OperationCanceled");
-        open({"pin_pad_pin=" + userPin, "cancel_calls=C_SignInit"});
-        QCOMPARE(sign({}, &rsa), "OperationCanceled");
         // Not after a signing start: the token refuses the context login itself.
         open({});
         user.script({"pin:" + userPin});

@@ -22,8 +22,7 @@ QByteArray request(const QString& name, QJsonObject message = {})
 QString answer(const QString& method, const QJsonValue& error = QJsonValue::Null,
                const QJsonValue& result = QJsonValue::Null, const QString& id = {})
 {
-    QJsonObject object{{"error", error}, {"method", method.isEmpty() ? method : HostProcess::method(method)},
-                       {"result", result}};
+    QJsonObject object{{"error", error}, {"method", HostProcess::method(method)}, {"result", result}};
     if (!id.isEmpty())
         object.insert("id", id);
     return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
@@ -46,39 +45,29 @@ private slots:
         QTest::addColumn<QStringList>("answers"); // in order; a nonce reads as UUID
         QTest::addColumn<bool>("ends"); // by itself, before its input is closed
         QTest::addColumn<QStringList>("log"); // patterns, "!" for absent; none: run without the log
+        // The written conversations (tests/data/host-conversations.txt), then those too long to write out.
+        QFile file(QStringLiteral(SCRIVA_TEST_DATA_DIR "/host-conversations.txt"));
+        QVERIFY(file.open(QIODevice::ReadOnly | QIODevice::Text));
+        for (const QString& conversation : QString::fromUtf8(file.readAll()).split("\n== ").mid(1)) {
+            QStringList lines = conversation.split('\n', Qt::SkipEmptyParts), arguments, answers, log;
+            const QString name = lines.takeFirst();
+            QByteArrayList input;
+            for (const QString& line : lines) {
+                const QString kind = line.section(' ', 0, 0), text = line.section(' ', 1);
+                if (kind == "args")
+                    arguments = QJsonDocument::fromJson(text.toUtf8()).toVariant().toStringList();
+                else if (kind == ">" || kind == ">hex" || kind == ">close") // ">close" adds an empty entry
+                    input << (kind == ">" ? HostProcess::frame(text.toUtf8()) : QByteArray::fromHex(text.toLatin1()));
+                else if (kind == "<" || kind == "log")
+                    (kind == "<" ? answers : log) << text;
+                else
+                    QVERIFY2(kind == "ends" || kind == "#", qPrintable(line));
+            }
+            QTest::newRow(qPrintable(name)) << arguments << input << answers << lines.contains("ends") << log;
+        }
         const QByteArray create = request("CreateInstance");
         const QString created = answer("CreateInstance");
         const auto version = [](const QString& id = {}) { return answer("GetVersion", QJsonValue::Null, "2.6.1 (qt)", id); };
-
-        const QList<std::pair<QByteArray, QString>> firstMessages{
-            {"{}", "Received empty JSON message"}, {"[{\"method\":\"x\"}]", "Received empty JSON message"},
-            {"{\"id\":\"1\"}", "Received JSON message does not specify NM method"},
-            {"{\"method\":\"ScrivaPkcs11.1.0.0.qt.QES.GetSlots\"}", "Invalid NM method: ScrivaPkcs11.1.0.0.qt.QES.GetSlots"},
-            {"{\"method\":\"ScrivaPkcs11.1.0.1.qt.QES.CreateInstance\"}", "Unsupported NM version: 1.0.1"},
-            {"{\"method\":\"ScrivaPkcs11.1.0.0.js.QES.CreateInstance\"}", "Invalid NM host type: js"}};
-        for (const auto& [payload, reason] : firstMessages)
-            QTest::addRow("first message %s", payload.constData())
-                << QStringList() << QByteArrayList{HostProcess::frame(payload)} << QStringList() << true
-                << QStringList("Unable to initialize NativeMessagingAdapter: AppException: " + reason);
-
-        QTest::newRow("ids, banner and log lines") << QStringList()
-            << QByteArrayList{create, request("GetVersion", {{"id", "req-7"}}), request("BringToFront"),
-                              request("GetVersion", {{"id", ""}})}
-            << QStringList{created, version("req-7"), answer("BringToFront"), version()} << false
-            << QStringList{"- I - Starting app: ScrivaPkcs112\\.6\\.1 \\([0-9a-f]{40}\\) - at ",
-                           "- I - Qt build version: " QT_VERSION_STR " - at [^\n]*main[^\n]* in [^\n]*main\\.cpp line [1-9]",
-                           "!Working directory was not set"};
-        QTest::newRow("unroutable requests") << QStringList()
-            << QByteArrayList{create, request("getslots"), request("Sign"), HostProcess::frame("{\"id\":\"no-method\"}"),
-                              HostProcess::frame("{\"method\":\"ScrivaPkcs11.1.0.1.qt.QES.GetVersion\"}"),
-                              HostProcess::frame("[1,2,3]"), request("GetVersion")}
-            << QStringList{created, answer("getslots", "Unknown method ScrivaPkcs11.1.0.0.qt.QES.getslots"),
-                           answer("Sign", "Unknown method ScrivaPkcs11.1.0.0.qt.QES.Sign"),
-                           answer({}, "NoMethodOrEventSpecified", QJsonValue::Null, "no-method"),
-                           "{\"error\":\"Unknown method ScrivaPkcs11.1.0.1.qt.QES.GetVersion\",\"method\":"
-                           "\"ScrivaPkcs11.1.0.1.qt.QES.GetVersion\",\"result\":null}",
-                           answer({}, "NoMethodOrEventSpecified"), version()} << false << QStringList();
-
         QByteArrayList noArgument{create};
         QStringList refused{created};
         for (const char* name : {"GetSlots", "GetCertificates", "GenerateCsr", "CreateObject", "SetProperty"})
@@ -88,48 +77,6 @@ private slots:
                 refused << answer(name, QString("Method %1 requires an argument but it was not provided").arg(name));
             }
         QTest::newRow("no argument") << QStringList() << noArgument << refused << false << QStringList();
-
-        const auto setDisplayTime = [](int ms) {
-            return request("SetProperty", {{"args", QJsonArray{QString("{\"MinimalWindowDisplayTime\": %1}").arg(ms)}}});
-        };
-        QTest::newRow("nonce, and a second instance starts afresh") << QStringList()
-            << QByteArrayList{create, request("GetNonce"), setDisplayTime(100), setDisplayTime(200), create, setDisplayTime(200)}
-            << QStringList{created, answer("GetNonce", QJsonValue::Null, "UUID"), answer("SetProperty"),
-                           answer("SetProperty", "JSON node MinimalWindowDisplayTime has invalid value: new is different "
-                                                 "than previous \n>> NEW >>\n200\n>> PREVIOUS>>\n100\n"),
-                           created, answer("SetProperty")} << false << QStringList();
-
-        for (const char* method : {"Terminate", "DisposeInstance"})
-            QTest::newRow(method) << QStringList() << QByteArrayList{create, request(method, {{"id", "bye"}})}
-                << QStringList{created, answer(method, QJsonValue::Null, QJsonValue::Null, "bye")} << true
-                << QStringList{QString("Application is ready to terminate - .*Terminating\\.\\.\\..*Preparing answer "
-                                       "method with name: ScrivaPkcs11\\.1\\.0\\.0\\.qt\\.QES\\.%1 - ").arg(method),
-                               "Application quits with exit code: 0"};
-
-        // Text from the page or the browser is logged escaped: it cannot start a log line.
-        const QString forged = "\nFORGED-LINE";
-        QTest::newRow("forged method, id and argument") << QStringList{"--bogus" + forged, "chrome-extension://abc/"}
-            << QByteArrayList{create, request("Get" + forged), request("GetVersion", {{"id", "7" + forged}})}
-            << QStringList{created, answer("Get" + forged, "Unknown method ScrivaPkcs11.1.0.0.qt.QES.Get" + forged),
-                           version("7" + forged)} << false
-            << QStringList{"!^FORGED-LINE", "CommandLineParser error: Unknown option 'bogus\\\\nFORGED-LINE'",
-                           "with arguments: .*chrome-extension://abc/", "QES\\.Get\\\\nFORGED-LINE",
-                           "with id: 7\\\\nFORGED-LINE"};
-
-        const QList<std::pair<QByteArray, QString>> brokenFrames{
-            {QByteArray(4, '\0'), "Unable to process received data as JSON message\\."},
-            {HostProcess::frame("{\"method\":"), "Unable to process received data as JSON message\\."},
-            {QByteArray(4, '\xff'), "Unable to process received data as JSON message\\."},
-            // Only the header: the host must refuse before it waits for any payload byte.
-            {QByteArray::fromHex("01000020"), "Incoming JSON message size 536870913 exceedes maximum allowed size 536870912"}};
-        for (const auto& [bytes, reason] : brokenFrames)
-            QTest::addRow("broken frame %s", bytes.left(8).toHex().constData())
-                << QStringList() << QByteArrayList{create, bytes} << QStringList(created) << true
-                << QStringList("Exiting read thread because of exception: AppException: " + reason);
-
-        QTest::newRow("closed input after the answers") << QStringList()
-            << QByteArrayList{create, request("GetVersion"), ""} << QStringList{created, version()} << true
-            << QStringList{"End of file reached", "Exiting write thread without an exception"};
 
         // A frame dribbled out three bytes at a time, then a 4 MiB frame followed at once by a small one.
         const QByteArray pieces = request("GetVersion", {{"id", "pieces"}});

@@ -2,7 +2,6 @@
 #include "devpki.h"
 #include "ownedresource.h"
 #include "responsecryptoprocessor.h"
-#include "responsesigningcertificate.h"
 #include "testrequests.h"
 #include "trustanchors.h"
 
@@ -150,32 +149,6 @@ private slots:
                 QVERIFY(!X509Certificate2Ultra(certificate.get()).isValidByTime() || second != QDateTime::currentSecsSinceEpoch());
             }
         }
-    }
-
-    void deserializesSigningCertificate_data()
-    {
-        QTest::addColumn<QJsonObject>("json");
-        QTest::addColumn<QString>("expected"); // the refusal, or the record as text
-        const X509Certificate2Ultra root = anchor(0).at(0);
-        const QString certificate = QString::fromLatin1(root.toDer().toBase64());
-        const QString ocsp = QStringLiteral("b2NzcA=="), crl = QStringLiteral("Y3Js"); // "ocsp", "crl"
-        const QString text = "Cert:" + root.toPem() + "\nRevocation type:%1\nRevocation data:%2";
-        const auto row = [&](const char* name, const QJsonValue& cert, const QJsonValue& ocsp, const QJsonValue& crl, const QString& expected) {
-            QTest::newRow(name) << QJsonObject{{"Certificate", cert}, {"OcspResponse", ocsp}, {"Crl", crl}} << expected;
-        };
-        row("all three keys: OCSP wins", certificate, ocsp, crl, text.arg("OCSP", ocsp));
-        row("CRL, OCSP response not a string", certificate, 5, crl, text.arg("CRL", crl));
-        row("certificate a number", 42, {}, crl, "JSON node Certificate is missing or has invalid value");
-    }
-
-    void deserializesSigningCertificate()
-    {
-        QFETCH(QJsonObject, json);
-        QFETCH(QString, expected);
-        ResponseSigningCertificate record;
-        const QString refusal = thrown([&] { record.deserialize(json); });
-        QCOMPARE(refusal.isEmpty() ? record.toString() : refusal, expected);
-        QCOMPARE(record.isNull(), !refusal.isEmpty());
     }
 
     // The tool the web application's server developers sign requests with makes the one-line argument the host trusts.
