@@ -1,10 +1,16 @@
 #pragma once
 
+#include "devpki.h"
 #include "hostprocess.h"
 #include "softhsmtoken.h"
 
 #include <QJsonObject>
 #include <QMap>
+
+// At the start of a test that sends requests: a build that trusts real anchors cannot sign them.
+#define SKIP_WITHOUT_DEV_PKI() \
+    if (!DevPki::isAvailable()) \
+        QSKIP("this build trusts real anchors; requests cannot be signed here")
 
 // The built host with a private SoftHSM token store holding one token. Requests come from
 // tests/data/requests, aimed at that token (SoftHSM as the module, no vendor extension; CreateObject
@@ -15,6 +21,8 @@ public:
     static constexpr const char* userPin = "1234";
     // The module path the sample requests name; a replacement of this key chooses another module.
     static constexpr const char* sampleModule = "/usr/lib/x86_64-linux-gnu/softhsm/libsofthsm2.so";
+    // The replacement that sends a request to the forwarding test module.
+    static QMap<QString, QString> onTestModule() { return {{sampleModule, SoftHsmToken::testModulePath()}}; }
 
     HostProcess& host() { return process; }
     QString serialNumber() const { return serial; }
@@ -41,6 +49,8 @@ public:
     }
     // A method without argument ("Terminate"), answered within a minute.
     QJsonObject callMethod(const QString& method);
+    // Terminate answered without error (a stray answer is left pending), and the host ended normally.
+    bool terminate() { return error(callMethod("Terminate")).isEmpty() && process.endedNormally(20000); }
 
     static QString operation(const QString& requestName);
     static QString error(const QJsonObject& answer) { return answer.value("error").toString(); }

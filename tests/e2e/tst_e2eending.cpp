@@ -1,4 +1,3 @@
-#include "devpki.h"
 #include "tokenhost.h"
 #include "virtualdisplay.h"
 
@@ -20,8 +19,7 @@ class TestE2eEnding : public QObject
 private slots:
     void initTestCase()
     {
-        if (!DevPki::isAvailable())
-            QSKIP("this build trusts real anchors; requests cannot be signed here");
+        SKIP_WITHOUT_DEV_PKI();
         QVERIFY2(display.start(), qPrintable(display.lastError()));
     }
 
@@ -57,7 +55,7 @@ private slots:
         th.host().environment().insert("QT_QPA_PLATFORM", "xcb");
         th.host().enableLog();
         QVERIFY2(th.start(), qPrintable(th.lastError()));
-        th.send(request, th.argument(request, {{TokenHost::sampleModule, SoftHsmToken::testModulePath()}}));
+        th.send(request, th.argument(request, TokenHost::onTestModule()));
 
         QString form;
         if (heldCall.isEmpty() || pinTyped)
@@ -89,8 +87,8 @@ private slots:
                                       "the discarded operation did not end", 10000);
             QVERIFY(display.windows(formTitle).isEmpty());
             QCOMPARE(th.call("getslots-2026").value("method").toString(), HostProcess::method("GetSlots"));
-            // Had the old operation been answered, that answer would have come before.
-            QCOMPARE(th.callMethod("Terminate").value("method").toString(), HostProcess::method("Terminate"));
+            // Had the old operation been answered, that answer would have come before Terminate's.
+            QVERIFY(th.terminate());
         }
 
         // Long enough for any orderly ending; a host that waits for a user or a dead pipe exceeds it.

@@ -23,11 +23,10 @@ bool VirtualDisplay::xdotool(const QStringList& arguments, QString* output) cons
 {
     QProcess process;
     process.start("xdotool", arguments);
-    if (!process.waitForFinished(10000))
-        process.kill();
+    const bool done = process.waitForFinished(10000) && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
     if (output)
         *output = QString::fromLocal8Bit(process.readAllStandardOutput());
-    return process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+    return done;
 }
 
 QStringList VirtualDisplay::windows(const QString& titlePattern) const

@@ -14,7 +14,6 @@ public:
     QString lastError() const { return error; }
     QString name() const { return display; } // the DISPLAY value, e.g. ":3"
 
-    // Visible windows whose title matches the regular expression.
     QStringList windows(const QString& titlePattern) const;
     // The first visible window matching the pattern that is not one of `known`; empty after 20 s.
     QString waitForWindow(const QString& titlePattern, const QStringList& known = {}) const;

@@ -20,7 +20,6 @@ public:
     bool type(const QString& text, const QString& key) const { return tool({"type", text, key}); }
 
 private:
-    // Runs a command of the script; false when it failed.
     bool tool(const QStringList& arguments, QString* output = nullptr) const;
 
     const QString script = SCRIVA_SOURCE_DIR "/scripts/headless_sway.py";

@@ -33,6 +33,19 @@ QMap<QString, QString> objectAttributes(const QString& attributes)
             {QStringLiteral("</ObjectAttributes>"), "--></ObjectAttributes>"}};
 }
 
+// A public X.509 certificate object on the token with this DER value.
+QMap<QString, QString> certificateObject(const QByteArray& der)
+{
+    return objectAttributes(attribute("UnsignedLong", CKA_CLASS, "1") + attribute("UnsignedLong", CKA_CERTIFICATE_TYPE, "0")
+                            + attribute("Bool", CKA_TOKEN, "true") + attribute("Bool", CKA_PRIVATE, "false")
+                            + attribute("ByteArray", CKA_SUBJECT, "3000") + attribute("ByteArray", CKA_VALUE, der.toHex()));
+}
+
+QString namespaceOf(const QString& request)
+{
+    return request.endsWith("2026") ? ScrivaNamespaces::version20260204() : ScrivaNamespaces::version20221229();
+}
+
 // A SoftHSM slot of an answer as the writer puts it: a token ("serial:label"), or with "" one whose
 // information could not be read; the platform is null in the 2022-12-29 version.
 QString slotXml(long id, const QString& token, const QString& platform)
@@ -90,8 +103,7 @@ class TestPkcs11Manager : public QObject
                                    {sampleExtensions, "<VendorExtensions></VendorExtensions>"}};
         all.insert(replacements);
         const QString path = all.value(samplePath);
-        const QString xmlNamespace =
-            name.endsWith("2026") ? ScrivaNamespaces::version20260204() : ScrivaNamespaces::version20221229();
+        const QString xmlNamespace = namespaceOf(name);
         std::shared_ptr<ScrivaPkcs11OperationData<T>> request(
             ScrivaPkcs11InputXmlParser<T>::parseXml(TestRequests::xml(name, nonce, all)));
         Outcome outcome = runOnWorker([=] { return (manager.*operation)(path, request.get(), xmlNamespace).second; });
@@ -105,8 +117,7 @@ class TestPkcs11Manager : public QObject
     {
         return QStringLiteral("<?xml version=\"1.0\"?><ScrivaOperation xmlns=\"%1\"><Nonce>%2</Nonce><Pkcs11OperationResponse>"
                               "<Pkcs11LibraryPath>%3</Pkcs11LibraryPath><%4>%5</%4></Pkcs11OperationResponse></ScrivaOperation>\n")
-            .arg(request.endsWith("2026") ? ScrivaNamespaces::version20260204() : ScrivaNamespaces::version20221229(),
-                 nonce, SoftHsmToken::testModulePath(), operation, content);
+            .arg(namespaceOf(request), nonce, SoftHsmToken::testModulePath(), operation, content);
     }
 
     QString openssl(const QStringList& arguments, const QByteArray& input = {})
@@ -201,18 +212,12 @@ private slots:
     {
         QString certificates;
         for (const QString name : {"Certificate 1", "Certificate 2"}) {
-            QVERIFY(!openssl({"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout", "cert.key",
-                              "-subj", "/CN=" + name, "-out", "cert.pem"}).startsWith("failed"));
-            const QSslCertificate certificate = QSslCertificate::fromPath(work.filePath("cert.pem")).value(0);
+            const QSslCertificate certificate(openssl({"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
+                                                       "-nodes", "-keyout", "cert.key", "-subj", "/CN=" + name}).toUtf8());
+            QVERIFY(!certificate.isNull());
             certificates += "<Certificate>" + certificate.toPem() + "</Certificate>";
             user.script({"pin:" + userPin});
-            QCOMPARE(run(&Pkcs11Manager::createObject, "createobject-2026",
-                         objectAttributes(attribute("UnsignedLong", CKA_CLASS, "1")
-                                          + attribute("UnsignedLong", CKA_CERTIFICATE_TYPE, "0")
-                                          + attribute("Bool", CKA_TOKEN, "true") + attribute("Bool", CKA_PRIVATE, "false")
-                                          + attribute("ByteArray", CKA_SUBJECT, "3000")
-                                          + attribute("ByteArray", CKA_VALUE, certificate.toDer().toHex()))).error,
-                     QString());
+            QCOMPARE(run(&Pkcs11Manager::createObject, "createobject-2026", certificateObject(certificate.toDer())).error, QString());
         }
         QVERIFY(configureModule(work, {"token_platform=Q3"}));
         const QString alpha = store->serialNumber("Alpha") + ":Alpha";
@@ -319,10 +324,7 @@ private slots:
         QFETCH(int, slotCount);
         user.script({"pin:" + userPin, "pin:" + userPin});
         // A certificate to find: any bytes will do, the host does not read them.
-        const QMap<QString, QString> certificate = objectAttributes(
-            attribute("UnsignedLong", CKA_CLASS, "1") + attribute("UnsignedLong", CKA_CERTIFICATE_TYPE, "0")
-            + attribute("Bool", CKA_TOKEN, "true") + attribute("ByteArray", CKA_SUBJECT, "3000")
-            + attribute("ByteArray", CKA_VALUE, "3000"));
+        const QMap<QString, QString> certificate = certificateObject(QByteArray::fromHex("3000"));
         QCOMPARE(run(&Pkcs11Manager::createObject, "createobject-2022", certificate).error, QString());
         QVERIFY(configureModule(work, {"lie=" + lie, "kov_data_hex=3003020101"}));
         TraceSwitch::set(true);

@@ -10,6 +10,7 @@ import dataclasses
 import glob
 import json
 import os
+import pathlib
 import re
 import struct
 import subprocess
@@ -69,16 +70,14 @@ class ServerKit(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.work = tempfile.TemporaryDirectory(prefix="scriva-kit-")
-        work = cls.work.name
-        os.makedirs(os.path.join(work, "tokens"))
-        with open(os.path.join(work, "softhsm2.conf"), "w") as file:
-            file.write(f"directories.tokendir = {work}/tokens\nobjectstore.backend = file\nlog.level = ERROR\n")
+        work = pathlib.Path(cls.work.name)
+        (work / "tokens").mkdir()
+        (work / "softhsm2.conf").write_text(f"directories.tokendir = {work}/tokens\nobjectstore.backend = file\n"
+                                            "log.level = ERROR\n")
         # A PIN pad, so the host logs in without its PIN form; KovData for the full GenerateCsr.
-        with open(os.path.join(work, "p11.conf"), "w") as file:
-            file.write("pin_pad_pin=1234\nkov_data_hex=3003020101\n")
-        env = dict(os.environ, SOFTHSM2_CONF=os.path.join(work, "softhsm2.conf"), HOME=work, XDG_RUNTIME_DIR=work,
-                   XDG_DATA_HOME=work, SCRIVA_TEST_P11_CONFIG=os.path.join(work, "p11.conf"),
-                   QT_QPA_PLATFORM="offscreen")
+        (work / "p11.conf").write_text("pin_pad_pin=1234\nkov_data_hex=3003020101\n")
+        env = dict(os.environ, SOFTHSM2_CONF=str(work / "softhsm2.conf"), HOME=str(work), XDG_RUNTIME_DIR=str(work),
+                   XDG_DATA_HOME=str(work), SCRIVA_TEST_P11_CONFIG=str(work / "p11.conf"), QT_QPA_PLATFORM="offscreen")
         run("softhsm2-util", "--init-token", "--free", "--label", "Scriva token", "--so-pin", "5678", "--pin", "1234",
             env=env)
         slots = run("softhsm2-util", "--show-slots", env=env)
@@ -113,12 +112,11 @@ class ServerKit(unittest.TestCase):
                               capture_output=True).returncode == 0
 
     def test_docs_show_the_example_files(self):
-        with open(os.path.join(args.source, "docs", "integrating.md")) as file:
-            shown = re.findall(r"<!-- (examples/\S+) -->\n```\w*\n(.*?)```", file.read(), re.S)
+        docs = pathlib.Path(args.source, "docs")
+        shown = re.findall(r"<!-- (examples/\S+) -->\n```\w*\n(.*?)```", (docs / "integrating.md").read_text(), re.S)
         self.assertGreaterEqual(len(shown), 8)
         for name, text in shown:
-            with open(os.path.join(args.source, "docs", name)) as file:
-                self.assertEqual(file.read(), text, name)
+            self.assertEqual((docs / name).read_text(), text, name)
 
     def test_examples_run_on_the_host_and_are_answered_as_documented(self):
         examples = sorted(glob.glob(os.path.join(args.source, "docs", "examples", "*-20*.xml")),

@@ -102,9 +102,7 @@ std::string lie(const char* call)
 // Applies the configured lie to the count a call answered; the module wrote only what fits.
 CK_RV lieAbout(const char* call, bool buffer, CK_ULONG* count, CK_RV rv)
 {
-    const std::string kind = lie(call);
-    if (rv != CKR_OK)
-        return rv;
+    const std::string kind = rv == CKR_OK ? lie(call) : "";
     if (buffer && kind == "grow")
         *count += 6;
     else if (buffer && kind == "shrink" && *count > 0)
@@ -183,10 +181,10 @@ CK_RV testFinalize(CK_VOID_PTR reserved)
 CK_RV testGetSlotList(CK_BBOOL present, CK_SLOT_ID_PTR list, CK_ULONG_PTR count)
 {
     std::lock_guard<std::mutex> lock(mutex);
-    if (number("no_slots"))
-        *count = 0;
-    const CK_RV rv = number("no_slots") ? CKR_OK : target->C_GetSlotList(present, list, count);
-    return lieAbout("C_GetSlotList", list, count, rv);
+    if (!number("no_slots"))
+        return lieAbout("C_GetSlotList", list, count, target->C_GetSlotList(present, list, count));
+    *count = 0;
+    return CKR_OK;
 }
 
 CK_RV testGetSlotInfo(CK_SLOT_ID slot, CK_SLOT_INFO_PTR info)
@@ -239,13 +237,10 @@ CK_RV testLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType, CK_UTF8CHAR_PT
         contextLogins[session] = true;
         return CKR_OK;
     }
-    std::string padPin;
-    if (!pin && has("pin_pad_pin")) {
-        padPin = text("pin_pad_pin");
-        pin = reinterpret_cast<CK_UTF8CHAR_PTR>(padPin.data());
-        pinLength = padPin.size();
-    }
-    const CK_RV rv = target->C_Login(session, userType, pin, pinLength);
+    std::string padPin = text("pin_pad_pin");
+    const bool onPad = !pin && has("pin_pad_pin");
+    const CK_RV rv = target->C_Login(session, userType, onPad ? reinterpret_cast<CK_UTF8CHAR_PTR>(padPin.data()) : pin,
+                                     onPad ? padPin.size() : pinLength);
     if (rv == CKR_PIN_INCORRECT)
         ++wrongPins;
     return rv;
