@@ -41,12 +41,15 @@ if [ ${#missing[@]} -gt 0 ]; then
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
-# puppeteer-core, pinned by tests/browser/package-lock.json. It drives the Debian browsers above and
-# never downloads one of its own.
-browser_tests=$(cd "$(dirname "$0")/../tests/browser" && pwd)
-stamp=$browser_tests/node_modules/.scriva-installed-lock
-if ! cmp -s "$browser_tests/package-lock.json" "$stamp"; then
-  echo "Installing the browser tests' npm packages"
-  (cd "$browser_tests" && PUPPETEER_SKIP_DOWNLOAD=1 npm ci --no-audit --no-fund --loglevel=error)
-  cp "$browser_tests/package-lock.json" "$stamp"
-fi
+# puppeteer-core, pinned by the lock files of the browser tests and of the portal's end-to-end recipe
+# in docs/examples/portal-e2e (the same version). It drives the Debian browsers above and never
+# downloads one of its own.
+root=$(cd "$(dirname "$0")/.." && pwd)
+for folder in tests/browser docs/examples/portal-e2e; do
+  stamp=$root/$folder/node_modules/.scriva-installed-lock
+  if ! cmp -s "$root/$folder/package-lock.json" "$stamp"; then
+    echo "Installing the npm packages of $folder"
+    (cd "$root/$folder" && PUPPETEER_SKIP_DOWNLOAD=1 npm ci --no-audit --no-fund --loglevel=error)
+    cp "$root/$folder/package-lock.json" "$stamp"
+  fi
+done
