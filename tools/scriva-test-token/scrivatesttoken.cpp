@@ -6,7 +6,7 @@
 //
 // It never belongs on a user's machine: it logs in to a token with a PIN nobody typed.
 //
-// Configuration, read at every C_Initialize; a variable wins over the file:
+// Configuration (the PIN is read at every C_Initialize, the module once); a variable wins over the file:
 //   SCRIVA_TEST_TOKEN_PIN      the user PIN of the tokens (required)
 //   SCRIVA_TEST_TOKEN_MODULE   the module to forward to (default /usr/lib/softhsm/libsofthsm2.so)
 //   SCRIVA_TEST_TOKEN_CONFIG   a file with the lines "pin=..." and "module=..."
