@@ -7,32 +7,50 @@ and what a page could tamper with."""
 import argparse
 import base64
 import dataclasses
+import datetime
 import glob
 import json
 import os
 import pathlib
 import re
+import shutil
 import struct
 import subprocess
 import sys
 import tempfile
+import textwrap
+import time
 import unittest
 import urllib.request
 import xml.etree.ElementTree as ET
-
-from cryptography import x509
-from cryptography.hazmat.primitives.serialization import Encoding
 
 parser = argparse.ArgumentParser()
 parser.add_argument("--source", required=True)
 parser.add_argument("--build", required=True)
 args, _ = parser.parse_known_args()
 args.source, args.build = os.path.abspath(args.source), os.path.abspath(args.build)
-sys.path.insert(0, os.path.join(args.source, "tools", "scriva-server"))
+if "SCRIVA_KIT_VENV" not in os.environ:  # the library as a server installs it, offline, in a fresh environment
+    with tempfile.TemporaryDirectory(prefix="scriva-kit-venv-") as venv:
+        tree = pathlib.Path(venv, "checkout")  # a copy: building writes beside the sources
+        for part in ("tools/scriva-server", "resources/Schemas"):
+            shutil.copytree(pathlib.Path(args.source, part), tree / part, ignore=shutil.ignore_patterns("build"))
+        shutil.copy(pathlib.Path(args.source, "CMakeLists.txt"), tree)
+        run_ = lambda *command: subprocess.run(command, check=True)  # noqa: E731
+        run_(sys.executable, "-m", "venv", "--system-site-packages", venv + "/env")
+        run_(venv + "/env/bin/pip", "install", "-q", "--no-build-isolation", "--no-index", "--no-cache-dir",
+             str(tree / "tools/scriva-server"))
+        sys.exit(subprocess.run([venv + "/env/bin/python", *sys.argv], env=dict(os.environ, SCRIVA_KIT_VENV=venv))
+                 .returncode)
+
+from cryptography import x509  # noqa: E402
+from cryptography.hazmat.primitives import hashes  # noqa: E402
+from cryptography.hazmat.primitives.asymmetric import ec, padding, rsa  # noqa: E402
+from cryptography.hazmat.primitives.serialization import Encoding  # noqa: E402
 from scriva_server import (V2022, V2026, AnswerError, Attribute, CreateObject, GenerateCsr,  # noqa: E402
                            GetCertificates, GetSlots, Library, Location, Request, RequestError, Signer, SignerError,
                            Token, check_csr, read_answer, read_request)
 from scriva_server.request import NAMESPACES  # noqa: E402
+assert __import__("scriva_server").__file__.startswith(os.environ["SCRIVA_KIT_VENV"]), "not the installed library"
 
 ORDER = ("getslots", "generatecsr", "createobject", "getcertificates")
 
@@ -49,6 +67,72 @@ def paths(element, prefix=""):
     """The element paths of a document, without namespaces: its shape."""
     here = prefix + "/" + element.tag.rpartition("}")[2]
     return {here}.union(*(paths(child, here) for child in element))
+
+
+def tlv(tag, body):
+    size = len(body).to_bytes(4, "big").lstrip(b"\0")
+    return bytes([tag]) + (size if len(body) < 128 else bytes([0x80 | len(size)]) + size) + body
+
+
+def hostile_answers():
+    """(what, answer, why it is refused) of answers a page could bring: shapes the host never writes,
+    read in linear time, and values the certificate library cannot read in full."""
+    examples = pathlib.Path(args.source, "docs", "examples")
+    slots, certificates, csrs = ((examples / f"{name}-answer.xml").read_text()
+                                 for name in ("getslots", "getcertificates", "generatecsr"))
+
+    def sub(text, old, new):
+        assert old in text, old
+        return text.replace(old, new)
+    pem = lambda kind, der: "\n".join([f"-----BEGIN {kind}-----", *textwrap.wrap(base64.b64encode(der).decode(), 64),
+                                       f"-----END {kind}-----\n"])  # noqa: E731
+    in_csr = lambda der: re.sub("-----BEGIN CERTIFICATE REQUEST.*?-----\n(?=</CSR>)", pem("CERTIFICATE REQUEST", der),
+                                csrs, flags=re.S)  # noqa: E731
+    key, cn, rsa_oid = rsa.generate_private_key(65537, 1024), b"\x0c\x03Jan", bytes.fromhex("06092a864886f70d010101")
+    tbs = x509.CertificateSigningRequestBuilder().subject_name(x509.Name.from_rfc4514_string("CN=Jan")).add_attribute(
+        x509.ObjectIdentifier("1.2.203.7064.1.1.12.20180406"), b"ab").sign(key, hashes.SHA256()).tbs_certrequest_bytes
+    pss = bytes.fromhex("300d06092a864886f70d01010a3000"), padding.PSS(padding.MGF1(hashes.SHA1()), 20), hashes.SHA1()
+
+    def csr(old=b"", new=b"", algorithm=bytes.fromhex("300d06092a864886f70d01010b0500"), *scheme):
+        changed = tbs.replace(old, new, 1)  # re-signed: only what was changed is wrong with it
+        return in_csr(tlv(0x30, changed + algorithm + tlv(3, b"\0" + key.sign(changed, *(scheme or (
+            padding.PKCS1v15(), hashes.SHA256()))))))
+    ec_key, day = ec.generate_private_key(ec.SECP256R1()), datetime.datetime(2026, 1, 1)
+    certificate = x509.CertificateBuilder(x509.Name.from_rfc4514_string("CN=Jan"), x509.Name([]), ec_key.public_key(),
+                                          1, day, day).sign(ec_key, hashes.SHA256()).public_bytes(Encoding.DER)
+    in_certificates = lambda der: re.sub("-----BEGIN.*?-----\n(?=</Certificate>)", pem("CERTIFICATE", der),
+                                         certificates, flags=re.S)  # noqa: E731
+    entities = "".join(f'<!ENTITY a{i} "{f"&a{i - 1};" * 10 if i else "x" * 100}">' for i in range(5))
+    laughs = sub(slots, "?>", f"?><!DOCTYPE ScrivaOperation [{entities}]>").replace("SoftHSM project", "&a4;")
+    assert read_answer(csr()).csr and read_answer(in_certificates(certificate)).certificates  # the unchanged ones pass
+    return [("not bytes or str", bytearray(slots.encode()), "bytes or str"),
+            ("a lone surrogate", sub(slots, "Scriva token", "\ud800"), "Unicode"),
+            ("Latin-1, declared", sub(sub(slots, "UTF-8", "ISO-8859-1"), "Soft", "Söft").encode("latin-1"), "UTF-8"),
+            ("a DTD", sub(slots, "?>", "?><!DOCTYPE ScrivaOperation [<!ENTITY e 'x'>]>").replace("Soft", "&e;"), "DTD"),
+            ("entities, UTF-16 with BOM", sub(laughs, "UTF-8", "UTF-16").encode("utf-16"), "UTF-8"),
+            ("entities, UTF-16LE", sub(laughs, "UTF-8", "UTF-16").encode("utf-16-le"), "UTF-8"),
+            ("1 MiB split by comments", sub(slots, "</Slots>", "</Slots><X>" + "ab<!---->" * 116000 + "</X>"),
+             "not valid"),
+            ("1 MiB", sub(slots, "Scriva token", "x" * (1 << 20)), "larger"),
+            ("a request", (examples / "getslots-2026-full.xml").read_text(), "not an answer"),
+            ("a second Nonce", sub(slots, "</Nonce>", "</Nonce><Nonce>" + "f" * 36 + "</Nonce>"), "not valid"),
+            ("a second CSR", sub(csrs, "</CSR>", "</CSR><CSR>x</CSR>"), "not valid"),
+            ("a second Slot", re.sub("(<Slot>.*</Slot>)", r"\1\1", csrs, flags=re.S), "not valid"),
+            ("two PEM blocks", re.sub("(-----BEGIN.*-----\n)", r"\1\1", csrs, flags=re.S), "one PEM"),
+            ("text before the PEM", sub(csrs, "<CSR>", "<CSR>x\n"), "one PEM"),
+            ("an unknown element", sub(slots, "</Slots>", "<Note/></Slots>"), "not valid"),
+            ("the operation in another namespace", sub(slots, "<GetSlots>", '<GetSlots xmlns="urn:x">'), "not valid"),
+            *((f"SlotId {n!r}", sub(slots, ">1842012315<", f">{n}<"), "not valid|ASCII")
+              for n in ("-1", "١٢", "+1", " 1")),
+            ("CSR of version 1", csr(b"\x02\x01\x00", b"\x02\x01\x01"), "CSR"),
+            ("CSR signed with RSA-PSS", csr(b"", b"", *pss), "CSR"),
+            ("CSR with an unknown key algorithm", csr(rsa_oid, rsa_oid[:-1] + b"\x63"), "CSR"),
+            ("CSR whose CN is an INTEGER", csr(cn, b"\x02\x03Jan"), "CSR"),
+            ("CSR with two KovData values", csr(b"\x31\x04\x0c\x02ab", b"\x31\x04\x0c\x00\x0c\x00"), "CSR"),
+            ("certificate whose CN is not UTF-8", in_certificates(certificate.replace(cn, b"\x0c\x03\xff\xfe\xfd")),
+             "certificate"),
+            ("certificate with an undecodable key",
+             in_certificates(certificate.replace(b"\x03\x42\x00\x04", b"\x03\x42\x00\x05")), "certificate")]
 
 
 class Host:
@@ -147,7 +231,7 @@ class ServerKit(unittest.TestCase):
     def test_host_refuses_what_the_library_refuses(self):
         library = Library.at(self.module)
         for name in ("signer-expired", "signer-no-policy", "signer-unknown-root"):
-            error = self.on_token(Request("0" * 16, library, GetSlots()), name)[1][0]
+            error = self.on_token(Request("0" * 36, library, GetSlots()), name)[1][0]
             self.assertEqual(error, "CommunicationMismatchUnstrustedServer", name)
             if name != "signer-unknown-root":  # only the host knows its anchors
                 self.assertRaises(SignerError, self.signer(name).check)
@@ -157,15 +241,15 @@ class ServerKit(unittest.TestCase):
                                    (V2026, CreateObject(token, [Attribute(3, "")])),
                                    (V2026, CreateObject(token, [Attribute(3, bad_text)])),
                                    (V2026, CreateObject(token, [Attribute(3, NAMESPACES[V2022])]))):
-            self.assertRaises(RequestError, Request("0" * 16, library, operation, version).xml)
+            self.assertRaises(RequestError, Request("0" * 36, library, operation, version).xml)
 
     def test_csr_checks_catch_a_changed_answer(self):
         subject = x509.Name([x509.NameAttribute(x509.NameOID.COMMON_NAME, "A&B <C> \"D\" 'É'")])
         request, (error, result) = self.on_token(Request(
-            "0" * 16, Library.at(self.module), GenerateCsr.rsa(Token("x", "Scriva token"), subject, key_id=b"\1",
+            "0" * 36, Library.at(self.module), GenerateCsr.rsa(Token("x", "Scriva token"), subject, key_id=b"\1",
                                                                label=subject.rfc4514_string())))
         self.assertEqual(read_answer(result, request).csr.subject, subject)
-        wrong = {"nonce": dataclasses.replace(request, nonce="f" * 16),
+        wrong = {"nonce": dataclasses.replace(request, nonce="f" * 36),
                  "bits": dataclasses.replace(request, operation=GenerateCsr.rsa(
                      request.operation.token, subject, key_id=b"\1", label="x", bits=3072)),
                  "subject": dataclasses.replace(request, operation=dataclasses.replace(
@@ -175,6 +259,16 @@ class ServerKit(unittest.TestCase):
         der = read_answer(result).csr.public_bytes(Encoding.DER)
         forged = x509.load_der_x509_csr(der[:-1] + bytes([der[-1] ^ 1]))
         self.assertRaises(AnswerError, check_csr, forged, request.operation)
+
+    def test_answers_of_other_shapes_are_refused_as_they_are_read(self):
+        for what, answer, why in hostile_answers():
+            with self.subTest(what):
+                start = time.process_time()
+                self.assertRaisesRegex(AnswerError, why, read_answer, answer)
+                self.assertLess(time.process_time() - start, 0.2)
+        split = (pathlib.Path(args.source, "docs/examples/getslots-answer.xml").read_text()
+                 .replace("<Nonce>0f8f", "<Nonce>0f<!-- -->8f"))
+        self.assertEqual(read_answer(split).nonce, "0f8fad5b-d9cb-469f-a165-70867728950e")
 
     def test_walkthrough_server_enrols_a_key_and_stores_its_certificate(self):
         script = os.path.join(args.source, "docs", "examples", "walkthrough", "server.py")
@@ -196,16 +290,20 @@ class ServerKit(unittest.TestCase):
     def test_command_line_and_openssl_line_make_what_the_host_takes(self):
         nonce = self.host.call("GetNonce")[1]
         tool = [sys.executable, "-m", "scriva_server"]
-        env = dict(os.environ, PYTHONPATH=os.path.join(args.source, "tools", "scriva-server"))
         request = os.path.join(self.work.name, "request.xml")
-        run(*tool, "request", "GetSlots", "--nonce", nonce, "--module", self.module, "-o", request, env=env)
+        run(*tool, "request", "GetSlots", "--nonce", nonce, "--module", self.module, "-o", request)
         devpki = os.path.join(args.build, "devpki", "server-chain2")
         cms = run("openssl", "cms", "-sign", "-binary", "-nodetach", "-outform", "DER", "-in", request, "-signer",
                   devpki + ".pem", "-inkey", devpki + ".key")
         error, result = self.host.call("GetSlots", base64.b64encode(cms).decode())
         self.assertIsNone(error)
-        read = json.loads(run(*tool, "read", "--request", request, env=env, input=result.encode()))
+        read = json.loads(run(*tool, "read", "--request", request, input=result.encode()))
         self.assertIn(self.serial, [slot["token"]["serialNumber"] for slot in read["slots"] if slot["token"]])
+        rows = {what: answer for what, answer, _ in hostile_answers()}
+        for what in ("Latin-1, declared", "a second Slot", "CSR whose CN is an INTEGER", "a lone surrogate"):
+            answer = rows[what] if isinstance(rows[what], bytes) else rows[what].encode(errors="surrogatepass")
+            refused = subprocess.run([*tool, "read"], input=answer, capture_output=True)
+            self.assertEqual((refused.returncode, refused.stdout, refused.stderr.count(b"\n")), (1, b"", 1), what)
 
 
 if __name__ == "__main__":
