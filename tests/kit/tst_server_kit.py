@@ -18,7 +18,6 @@ import struct
 import subprocess
 import sys
 import tempfile
-import textwrap
 import time
 import unittest
 import urllib.request
@@ -29,18 +28,15 @@ parser.add_argument("--source", required=True)
 parser.add_argument("--build", required=True)
 args, _ = parser.parse_known_args()
 args.source, args.build = os.path.abspath(args.source), os.path.abspath(args.build)
-if "SCRIVA_KIT_VENV" not in os.environ:  # the library as a server installs it, offline, in a fresh environment
+if "SCRIVA_KIT_VENV" not in os.environ:  # first the library is installed as a server installs it
     with tempfile.TemporaryDirectory(prefix="scriva-kit-venv-") as venv:
-        tree = pathlib.Path(venv, "checkout")  # a copy: building writes beside the sources
-        for part in ("tools/scriva-server", "resources/Schemas"):
-            shutil.copytree(pathlib.Path(args.source, part), tree / part, ignore=shutil.ignore_patterns("build"))
-        shutil.copy(pathlib.Path(args.source, "CMakeLists.txt"), tree)
-        run_ = lambda *command: subprocess.run(command, check=True)  # noqa: E731
-        run_(sys.executable, "-m", "venv", "--system-site-packages", venv + "/env")
-        run_(venv + "/env/bin/pip", "install", "-q", "--no-build-isolation", "--no-index", "--no-cache-dir",
-             str(tree / "tools/scriva-server"))
-        sys.exit(subprocess.run([venv + "/env/bin/python", *sys.argv], env=dict(os.environ, SCRIVA_KIT_VENV=venv))
-                 .returncode)
+        for part in ("tools/scriva-server", "resources/Schemas"):  # copied: building writes beside the sources
+            shutil.copytree(pathlib.Path(args.source, part), pathlib.Path(venv, part))
+        shutil.copy(pathlib.Path(args.source, "CMakeLists.txt"), venv)
+        subprocess.check_call([sys.executable, "-m", "venv", "--system-site-packages", venv + "/env"])
+        subprocess.check_call([venv + "/env/bin/pip", "install", "-q", "--no-build-isolation", "--no-index",
+                               "--no-cache-dir", venv + "/tools/scriva-server"])
+        sys.exit(subprocess.call([venv + "/env/bin/python", *sys.argv], env=dict(os.environ, SCRIVA_KIT_VENV=venv)))
 
 from cryptography import x509  # noqa: E402
 from cryptography.hazmat.primitives import hashes  # noqa: E402
@@ -69,50 +65,43 @@ def paths(element, prefix=""):
     return {here}.union(*(paths(child, here) for child in element))
 
 
-def tlv(tag, body):
-    size = len(body).to_bytes(4, "big").lstrip(b"\0")
-    return bytes([tag]) + (size if len(body) < 128 else bytes([0x80 | len(size)]) + size) + body
-
-
 def hostile_answers():
-    """(what, answer, why it is refused) of answers a page could bring: shapes the host never writes,
-    read in linear time, and values the certificate library cannot read in full."""
+    """(what, answer, why it is refused): answers a page could bring, none of which the host writes."""
     examples = pathlib.Path(args.source, "docs", "examples")
     slots, certificates, csrs = ((examples / f"{name}-answer.xml").read_text()
                                  for name in ("getslots", "getcertificates", "generatecsr"))
+    sub = lambda text, old, new: text.replace(old, new) if old in text else sys.exit(f"no {old!r}")  # noqa: E731
 
-    def sub(text, old, new):
-        assert old in text, old
-        return text.replace(old, new)
-    pem = lambda kind, der: "\n".join([f"-----BEGIN {kind}-----", *textwrap.wrap(base64.b64encode(der).decode(), 64),
-                                       f"-----END {kind}-----\n"])  # noqa: E731
-    in_csr = lambda der: re.sub("-----BEGIN CERTIFICATE REQUEST.*?-----\n(?=</CSR>)", pem("CERTIFICATE REQUEST", der),
-                                csrs, flags=re.S)  # noqa: E731
+    def pem(text, kind, der):  # text with its PEM block of that kind holding der instead
+        block = f"-----BEGIN {kind}-----\n{base64.encodebytes(der).decode()}-----END {kind}-----\n"
+        return re.sub(f"-----BEGIN {kind}-----.*?-----END {kind}-----\n", lambda _: block, text, flags=re.S)
     key, cn, rsa_oid = rsa.generate_private_key(65537, 1024), b"\x0c\x03Jan", bytes.fromhex("06092a864886f70d010101")
     tbs = x509.CertificateSigningRequestBuilder().subject_name(x509.Name.from_rfc4514_string("CN=Jan")).add_attribute(
         x509.ObjectIdentifier("1.2.203.7064.1.1.12.20180406"), b"ab").sign(key, hashes.SHA256()).tbs_certrequest_bytes
     pss = bytes.fromhex("300d06092a864886f70d01010a3000"), padding.PSS(padding.MGF1(hashes.SHA1()), 20), hashes.SHA1()
 
+
+    def tlv(tag, body):  # DER
+        size = len(body).to_bytes(4, "big").lstrip(b"\0")
+        return bytes([tag]) + (size if len(body) < 128 else bytes([0x80 | len(size)]) + size) + body
+
     def csr(old=b"", new=b"", algorithm=bytes.fromhex("300d06092a864886f70d01010b0500"), *scheme):
         changed = tbs.replace(old, new, 1)  # re-signed: only what was changed is wrong with it
-        return in_csr(tlv(0x30, changed + algorithm + tlv(3, b"\0" + key.sign(changed, *(scheme or (
-            padding.PKCS1v15(), hashes.SHA256()))))))
+        signature = key.sign(changed, *(scheme or (padding.PKCS1v15(), hashes.SHA256())))
+        return pem(csrs, "CERTIFICATE REQUEST", tlv(0x30, changed + algorithm + tlv(3, b"\0" + signature)))
     ec_key, day = ec.generate_private_key(ec.SECP256R1()), datetime.datetime(2026, 1, 1)
     certificate = x509.CertificateBuilder(x509.Name.from_rfc4514_string("CN=Jan"), x509.Name([]), ec_key.public_key(),
                                           1, day, day).sign(ec_key, hashes.SHA256()).public_bytes(Encoding.DER)
-    in_certificates = lambda der: re.sub("-----BEGIN.*?-----\n(?=</Certificate>)", pem("CERTIFICATE", der),
-                                         certificates, flags=re.S)  # noqa: E731
     entities = "".join(f'<!ENTITY a{i} "{f"&a{i - 1};" * 10 if i else "x" * 100}">' for i in range(5))
-    laughs = sub(slots, "?>", f"?><!DOCTYPE ScrivaOperation [{entities}]>").replace("SoftHSM project", "&a4;")
-    assert read_answer(csr()).csr and read_answer(in_certificates(certificate)).certificates  # the unchanged ones pass
+    laughs = sub(sub(slots, "?>", f"?><!DOCTYPE ScrivaOperation [{entities}]>"), "SoftHSM project", "&a4;")
+    assert read_answer(csr()) and read_answer(pem(certificates, "CERTIFICATE", certificate))  # unchanged, they pass
     return [("not bytes or str", bytearray(slots.encode()), "bytes or str"),
             ("a lone surrogate", sub(slots, "Scriva token", "\ud800"), "Unicode"),
             ("Latin-1, declared", sub(sub(slots, "UTF-8", "ISO-8859-1"), "Soft", "Söft").encode("latin-1"), "UTF-8"),
-            ("a DTD", sub(slots, "?>", "?><!DOCTYPE ScrivaOperation [<!ENTITY e 'x'>]>").replace("Soft", "&e;"), "DTD"),
+            ("a DTD", sub(sub(slots, "?>", "?><!DOCTYPE ScrivaOperation [<!ENTITY e 'x'>]>"), "Soft", "&e;"), "DTD"),
             ("entities, UTF-16 with BOM", sub(laughs, "UTF-8", "UTF-16").encode("utf-16"), "UTF-8"),
             ("entities, UTF-16LE", sub(laughs, "UTF-8", "UTF-16").encode("utf-16-le"), "UTF-8"),
-            ("1 MiB split by comments", sub(slots, "</Slots>", "</Slots><X>" + "ab<!---->" * 116000 + "</X>"),
-             "not valid"),
+            ("1 MiB split by comments", sub(slots, "</Slots>", "</Slots><X>" + "ab<!---->" * 116000 + "</X>"), "valid"),
             ("1 MiB", sub(slots, "Scriva token", "x" * (1 << 20)), "larger"),
             ("a request", (examples / "getslots-2026-full.xml").read_text(), "not an answer"),
             ("a second Nonce", sub(slots, "</Nonce>", "</Nonce><Nonce>" + "f" * 36 + "</Nonce>"), "not valid"),
@@ -122,17 +111,15 @@ def hostile_answers():
             ("text before the PEM", sub(csrs, "<CSR>", "<CSR>x\n"), "one PEM"),
             ("an unknown element", sub(slots, "</Slots>", "<Note/></Slots>"), "not valid"),
             ("the operation in another namespace", sub(slots, "<GetSlots>", '<GetSlots xmlns="urn:x">'), "not valid"),
-            *((f"SlotId {n!r}", sub(slots, ">1842012315<", f">{n}<"), "not valid|ASCII")
-              for n in ("-1", "١٢", "+1", " 1")),
+            *((f"SlotId {n!r}", sub(slots, ">1842012315<", f">{n}<"), "not valid") for n in ("-1", "١٢", "+1", " 1")),
             ("CSR of version 1", csr(b"\x02\x01\x00", b"\x02\x01\x01"), "CSR"),
             ("CSR signed with RSA-PSS", csr(b"", b"", *pss), "CSR"),
             ("CSR with an unknown key algorithm", csr(rsa_oid, rsa_oid[:-1] + b"\x63"), "CSR"),
             ("CSR whose CN is an INTEGER", csr(cn, b"\x02\x03Jan"), "CSR"),
             ("CSR with two KovData values", csr(b"\x31\x04\x0c\x02ab", b"\x31\x04\x0c\x00\x0c\x00"), "CSR"),
-            ("certificate whose CN is not UTF-8", in_certificates(certificate.replace(cn, b"\x0c\x03\xff\xfe\xfd")),
-             "certificate"),
-            ("certificate with an undecodable key",
-             in_certificates(certificate.replace(b"\x03\x42\x00\x04", b"\x03\x42\x00\x05")), "certificate")]
+            *((f"certificate with {what}", pem(certificates, "CERTIFICATE", certificate.replace(*edit)), "certificate")
+              for what, edit in (("a CN not in UTF-8", (cn, b"\x0c\x03\xff\xfe\xfd")),
+                                   ("an undecodable key", (b"\x03\x42\x00\x04", b"\x03\x42\x00\x05"))))]
 
 
 class Host:
@@ -190,11 +177,6 @@ class ServerKit(unittest.TestCase):
                                       library=dataclasses.replace(request.library, locations=[Location(self.module)]))
         return request, self.host.call(request.method, self.signer(signer).argument(request.xml()))
 
-    def valid(self, document, version):
-        schema = os.path.join(args.source, "resources", "Schemas", f"ScrivaOperation-{version}.xsd")
-        return subprocess.run(["xmllint", "--noout", "--schema", schema, "-"], input=document,
-                              capture_output=True).returncode == 0
-
     def test_docs_show_the_example_files(self):
         docs = pathlib.Path(args.source, "docs")
         shown = re.findall(r"<!-- (examples/\S+) -->\n```\w*\n(.*?)```", (docs / "integrating.md").read_text(), re.S)
@@ -210,15 +192,13 @@ class ServerKit(unittest.TestCase):
         for name in examples:
             with self.subTest(os.path.basename(name)), open(name, "rb") as file:
                 document = file.read()
-                example = read_request(document)
-                self.assertTrue(self.valid(document, example.version))
+                example = read_request(document)  # valid in the schema of its version
                 self.assertEqual(ET.canonicalize(example.xml().decode(), strip_text=True),
                                  ET.canonicalize(document.decode(), strip_text=True))
                 signer = "server-chain1" if example.version == V2022 else "server-chain2"
                 request, (error, result) = self.on_token(example, signer)
                 self.assertIsNone(error)
-                self.assertTrue(self.valid(result.encode(), example.version))
-                answer = read_answer(result, request)  # nonce, operation, token and CSR checked
+                answer = read_answer(result, request)  # valid; nonce, operation, token and CSR checked
                 documented = paths(ET.parse(name.rsplit("-", 2)[0] + "-answer.xml").getroot())
                 if example.version == V2022:
                     documented = {path for path in documented if not path.endswith("/TokenPlatform")}
@@ -266,8 +246,7 @@ class ServerKit(unittest.TestCase):
                 start = time.process_time()
                 self.assertRaisesRegex(AnswerError, why, read_answer, answer)
                 self.assertLess(time.process_time() - start, 0.2)
-        split = (pathlib.Path(args.source, "docs/examples/getslots-answer.xml").read_text()
-                 .replace("<Nonce>0f8f", "<Nonce>0f<!-- -->8f"))
+        split = pathlib.Path(args.source, "docs/examples/getslots-answer.xml").read_text().replace("0f8", "0<!---->f8")
         self.assertEqual(read_answer(split).nonce, "0f8fad5b-d9cb-469f-a165-70867728950e")
 
     def test_walkthrough_server_enrols_a_key_and_stores_its_certificate(self):
@@ -299,10 +278,9 @@ class ServerKit(unittest.TestCase):
         self.assertIsNone(error)
         read = json.loads(run(*tool, "read", "--request", request, input=result.encode()))
         self.assertIn(self.serial, [slot["token"]["serialNumber"] for slot in read["slots"] if slot["token"]])
-        rows = {what: answer for what, answer, _ in hostile_answers()}
-        for what in ("Latin-1, declared", "a second Slot", "CSR whose CN is an INTEGER", "a lone surrogate"):
-            answer = rows[what] if isinstance(rows[what], bytes) else rows[what].encode(errors="surrogatepass")
-            refused = subprocess.run([*tool, "read"], input=answer, capture_output=True)
+        for what, answer, _ in hostile_answers()[2::7]:  # an encoding, a shape, a number, a CSR
+            refused = subprocess.run([*tool, "read"], input=answer.encode() if isinstance(answer, str) else answer,
+                                     capture_output=True)
             self.assertEqual((refused.returncode, refused.stdout, refused.stderr.count(b"\n")), (1, b"", 1), what)
 
 
