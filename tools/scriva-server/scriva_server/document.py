@@ -9,6 +9,7 @@ from __future__ import annotations
 
 import functools
 import pathlib
+import threading
 from typing import Union
 
 from lxml import etree
@@ -26,6 +27,7 @@ _SAFE = dict(resolve_entities=False, no_network=True, load_dtd=False, dtd_valida
              remove_comments=True, remove_pis=True)
 # encoding: the bytes are read as UTF-8 whatever their declaration or first bytes claim.
 _PARSER = etree.XMLParser(encoding="utf-8", **_SAFE)
+_VALIDATING = threading.Lock()
 
 
 class DocumentError(ValueError):
@@ -74,7 +76,11 @@ def read(document: Union[bytes, str]) -> tuple:
         raise DocumentError(f"the root element {root.tag} is not ScrivaOperation of a known version")
     version = VERSIONS[namespace]
     checker = schema(version)
-    if not checker.validate(root):
-        error = checker.error_log.last_error
+    try:
+        with _VALIDATING:  # one error log per schema: a server's threads take turns
+            valid, error = checker.validate(root), checker.error_log.last_error
+    except etree.Error as failure:
+        raise DocumentError(f"the document cannot be validated in version {version}: {failure}") from None
+    if not valid:
         raise DocumentError(f"the document is not valid in version {version}: line {error.line}: {error.message}")
     return root, version, namespace
