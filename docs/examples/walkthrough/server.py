@@ -1,19 +1,16 @@
 #!/usr/bin/env python3
 """The server of the walk-through in docs/integrating.md: it serves the page, builds and signs the
 page's token requests with the server library, reads the answers, and issues certificates from a
-throwaway CA. Run it with the Python the library is installed in:
-    ~/myapp/env/bin/python server.py --repo ~/scriva-pkcs11 [--build DIR] [--module PATH] [--port 8080]"""
+throwaway CA. Run it with the Python the library is installed in (without it, the library is taken
+from the clone): ~/myapp/env/bin/python server.py --repo ~/scriva-pkcs11 [--build DIR] [--module PATH]
+[--port 8080]"""
 import argparse
 import datetime
+import importlib.util
 import json
 import os
+import sys
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
-
-from cryptography import x509
-from cryptography.hazmat.primitives import hashes
-from cryptography.hazmat.primitives.asymmetric import ec
-from scriva_server import (AnswerError, CreateObject, GenerateCsr, GetSlots, Library, Request, Signer, Token, pkcs11,
-                           read_answer)
 
 parser = argparse.ArgumentParser()
 parser.add_argument("--repo", required=True, help="the clone of ScrivaPkcs11")
@@ -21,6 +18,14 @@ parser.add_argument("--build", help="its build tree, with the development PKI (d
 parser.add_argument("--module", default="/usr/lib/softhsm/libsofthsm2.so", help="the token's PKCS#11 module")
 parser.add_argument("--port", type=int, default=8080)
 args = parser.parse_args()
+if importlib.util.find_spec("scriva_server") is None:
+    sys.path.insert(0, os.path.join(args.repo, "tools", "scriva-server"))
+
+from cryptography import x509  # noqa: E402
+from cryptography.hazmat.primitives import hashes  # noqa: E402
+from cryptography.hazmat.primitives.asymmetric import ec  # noqa: E402
+from scriva_server import (AnswerError, CreateObject, GenerateCsr, GetSlots, Library, Request, Signer,  # noqa: E402
+                           Token, pkcs11, read_answer)
 
 devpki = os.path.join(args.build or os.path.join(args.repo, "build"), "devpki", "server-chain2")
 signer = Signer.from_files(devpki + ".pem", devpki + ".key")  # your organisation's signing key in production
