@@ -50,7 +50,7 @@ set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "chromium | firefox-esr | google-chrome-stable | brave-browser | vivaldi-stable | microsoft-edge-stable")
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "opensc-pkcs11, python3-cryptography")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "opensc-pkcs11, python3-cryptography, python3-lxml")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 # The manifests in /etc are configuration: an administrator's edits survive upgrades.
 set(conffiles "")

@@ -20,8 +20,9 @@ packages+=(sway wtype grim qt6-wayland)
 # A TPM-backed token for the tests and the demo: tpm2-pkcs11 on a software TPM behind the access broker
 # on a private D-Bus bus (scripts/tpm-token.sh).
 packages+=(swtpm tpm2-abrmd libtss2-tcti-tabrmd0 libtss2-tcti-swtpm0 libtpm2-pkcs11-1 libtpm2-pkcs11-tools tpm2-tools dbus-daemon dbus-bin)
-# The server library (tools/scriva-server) signs requests and reads answers with it.
-packages+=( python3-cryptography )
+# The server library (tools/scriva-server) signs requests with the first and reads answers with the
+# second (a validating parser); the rest install it with pip into a virtual environment, offline.
+packages+=( python3-cryptography python3-lxml python3-venv python3-pip python3-setuptools python3-wheel )
 # A session's accessibility bus and a screen reader's view of it, for the test that reads the PIN form.
 packages+=(at-spi2-core python3-pyatspi dbus)
 # Node.js drives the browsers in the browser tests; a machine may have its own build of it.

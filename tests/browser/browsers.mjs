@@ -84,8 +84,10 @@ export class BrowserSession {
 }
 
 // Starts the demo server on a free port of 127.0.0.1; { server, url }. quiet: drop its request log.
+// Debian's Python: the server library reads answers with its python3-lxml, which another python3
+// first on the PATH may lack.
 export async function serveDemo(source, build, modules, { quiet = false } = {}) {
-  const server = spawn("python3", [path.join(source, "browser", "demo", "server.py"), "--build", build,
+  const server = spawn("/usr/bin/python3", [path.join(source, "browser", "demo", "server.py"), "--build", build,
                                    ...modules.flatMap((module) => ["--module", module])],
                        { stdio: ["ignore", "pipe", quiet ? "ignore" : "inherit"] });
   const line = await new Promise((resolve) => {

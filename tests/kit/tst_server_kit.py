@@ -12,27 +12,38 @@ import json
 import os
 import pathlib
 import re
+import shutil
 import struct
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 import urllib.request
 import xml.etree.ElementTree as ET
-
-from cryptography import x509
-from cryptography.hazmat.primitives.serialization import Encoding
 
 parser = argparse.ArgumentParser()
 parser.add_argument("--source", required=True)
 parser.add_argument("--build", required=True)
 args, _ = parser.parse_known_args()
 args.source, args.build = os.path.abspath(args.source), os.path.abspath(args.build)
-sys.path.insert(0, os.path.join(args.source, "tools", "scriva-server"))
+if "SCRIVA_KIT_VENV" not in os.environ:  # first the library is installed as a server installs it
+    with tempfile.TemporaryDirectory(prefix="scriva-kit-venv-") as venv:
+        for part in ("tools/scriva-server", "resources/Schemas"):  # copied: building writes beside the sources
+            shutil.copytree(pathlib.Path(args.source, part), pathlib.Path(venv, part))
+        shutil.copy(pathlib.Path(args.source, "CMakeLists.txt"), venv)
+        subprocess.check_call([sys.executable, "-m", "venv", "--system-site-packages", venv + "/env"])
+        subprocess.check_call([venv + "/env/bin/pip", "install", "-q", "--no-build-isolation", "--no-index",
+                               "--no-cache-dir", venv + "/tools/scriva-server"])
+        sys.exit(subprocess.call([venv + "/env/bin/python", *sys.argv], env=dict(os.environ, SCRIVA_KIT_VENV=venv)))
+
+from cryptography import x509  # noqa: E402
+from cryptography.hazmat.primitives.serialization import Encoding  # noqa: E402
 from scriva_server import (V2022, V2026, AnswerError, Attribute, CreateObject, GenerateCsr,  # noqa: E402
                            GetCertificates, GetSlots, Library, Location, Request, RequestError, Signer, SignerError,
                            Token, check_csr, read_answer, read_request)
 from scriva_server.request import NAMESPACES  # noqa: E402
+assert __import__("scriva_server").__file__.startswith(os.environ["SCRIVA_KIT_VENV"]), "not the installed library"
 
 ORDER = ("getslots", "generatecsr", "createobject", "getcertificates")
 
@@ -49,6 +60,35 @@ def paths(element, prefix=""):
     """The element paths of a document, without namespaces: its shape."""
     here = prefix + "/" + element.tag.rpartition("}")[2]
     return {here}.union(*(paths(child, here) for child in element))
+
+
+def hostile_answers():
+    """(what, answer, why it is refused): answers a page could bring, none of which the host writes."""
+    examples, answers = pathlib.Path(args.source, "docs", "examples"), pathlib.Path(args.source, "tests/data/answers")
+    slots, csrs = ((examples / f"{name}-answer.xml").read_text() for name in ("getslots", "generatecsr"))
+    sub = lambda text, old, new: text.replace(old, new) if old in text else sys.exit(f"no {old!r}")  # noqa: E731
+    assert all(read_answer((answers / f"{kind}-control.xml").read_bytes()) for kind in ("csr", "certificate"))
+    entities = "".join(f'<!ENTITY a{i} "{f"&a{i - 1};" * 10 if i else "x" * 100}">' for i in range(5))
+    laughs = sub(sub(slots, "?>", f"?><!DOCTYPE ScrivaOperation [{entities}]>"), "SoftHSM project", "&a4;")
+    return [("not bytes or str", bytearray(slots.encode()), "bytes or str"),
+            ("a lone surrogate", sub(slots, "Scriva token", "\ud800"), "Unicode"),
+            ("Latin-1, declared", sub(sub(slots, "UTF-8", "ISO-8859-1"), "Soft", "Söft").encode("latin-1"), "UTF-8"),
+            ("a DTD", sub(sub(slots, "?>", "?><!DOCTYPE ScrivaOperation [<!ENTITY e 'x'>]>"), "Soft", "&e;"), "DTD"),
+            ("entities, UTF-16 with BOM", sub(laughs, "UTF-8", "UTF-16").encode("utf-16"), "UTF-8"),
+            ("entities, UTF-16LE", sub(laughs, "UTF-8", "UTF-16").encode("utf-16-le"), "UTF-8"),
+            ("1 MiB split by comments", sub(slots, "</Slots>", "</Slots><X>" + "ab<!---->" * 116000 + "</X>"), "valid"),
+            ("1 MiB", sub(slots, "Scriva token", "x" * (1 << 20)), "larger"),
+            ("a request", (examples / "getslots-2026-full.xml").read_text(), "not an answer"),
+            ("a second Nonce", sub(slots, "</Nonce>", "</Nonce><Nonce>" + "f" * 36 + "</Nonce>"), "not valid"),
+            ("a second CSR", sub(csrs, "</CSR>", "</CSR><CSR>x</CSR>"), "not valid"),
+            ("a second Slot", re.sub("(<Slot>.*</Slot>)", r"\1\1", csrs, flags=re.S), "not valid"),
+            ("two PEM blocks", re.sub("(-----BEGIN.*-----\n)", r"\1\1", csrs, flags=re.S), "one PEM"),
+            ("text before the PEM", sub(csrs, "<CSR>", "<CSR>x\n"), "one PEM"),
+            ("an unknown element", sub(slots, "</Slots>", "</Slots><Note/>"), "not valid"),
+            ("the operation in another namespace", sub(slots, "<GetSlots>", '<GetSlots xmlns="urn:x">'), "not valid"),
+            *((f"SlotId {n!r}", sub(slots, ">1842012315<", f">{n}<"), "not valid") for n in ("-1", "١٢", "+1", " 1")),
+            *((path.stem, path.read_bytes(), "(?i)" + path.stem.split("-")[0]) for path in sorted(answers.glob("*.xml"))
+              if not path.stem.endswith("control"))]
 
 
 class Host:
@@ -106,11 +146,6 @@ class ServerKit(unittest.TestCase):
                                       library=dataclasses.replace(request.library, locations=[Location(self.module)]))
         return request, self.host.call(request.method, self.signer(signer).argument(request.xml()))
 
-    def valid(self, document, version):
-        schema = os.path.join(args.source, "resources", "Schemas", f"ScrivaOperation-{version}.xsd")
-        return subprocess.run(["xmllint", "--noout", "--schema", schema, "-"], input=document,
-                              capture_output=True).returncode == 0
-
     def test_docs_show_the_example_files(self):
         docs = pathlib.Path(args.source, "docs")
         shown = re.findall(r"<!-- (examples/\S+) -->\n```\w*\n(.*?)```", (docs / "integrating.md").read_text(), re.S)
@@ -126,15 +161,13 @@ class ServerKit(unittest.TestCase):
         for name in examples:
             with self.subTest(os.path.basename(name)), open(name, "rb") as file:
                 document = file.read()
-                example = read_request(document)
-                self.assertTrue(self.valid(document, example.version))
+                example = read_request(document)  # valid in the schema of its version
                 self.assertEqual(ET.canonicalize(example.xml().decode(), strip_text=True),
                                  ET.canonicalize(document.decode(), strip_text=True))
                 signer = "server-chain1" if example.version == V2022 else "server-chain2"
                 request, (error, result) = self.on_token(example, signer)
                 self.assertIsNone(error)
-                self.assertTrue(self.valid(result.encode(), example.version))
-                answer = read_answer(result, request)  # nonce, operation, token and CSR checked
+                answer = read_answer(result, request)  # valid; nonce, operation, token and CSR checked
                 documented = paths(ET.parse(name.rsplit("-", 2)[0] + "-answer.xml").getroot())
                 if example.version == V2022:
                     documented = {path for path in documented if not path.endswith("/TokenPlatform")}
@@ -147,7 +180,7 @@ class ServerKit(unittest.TestCase):
     def test_host_refuses_what_the_library_refuses(self):
         library = Library.at(self.module)
         for name in ("signer-expired", "signer-no-policy", "signer-unknown-root"):
-            error = self.on_token(Request("0" * 16, library, GetSlots()), name)[1][0]
+            error = self.on_token(Request("0" * 36, library, GetSlots()), name)[1][0]
             self.assertEqual(error, "CommunicationMismatchUnstrustedServer", name)
             if name != "signer-unknown-root":  # only the host knows its anchors
                 self.assertRaises(SignerError, self.signer(name).check)
@@ -157,15 +190,15 @@ class ServerKit(unittest.TestCase):
                                    (V2026, CreateObject(token, [Attribute(3, "")])),
                                    (V2026, CreateObject(token, [Attribute(3, bad_text)])),
                                    (V2026, CreateObject(token, [Attribute(3, NAMESPACES[V2022])]))):
-            self.assertRaises(RequestError, Request("0" * 16, library, operation, version).xml)
+            self.assertRaises(RequestError, Request("0" * 36, library, operation, version).xml)
 
     def test_csr_checks_catch_a_changed_answer(self):
         subject = x509.Name([x509.NameAttribute(x509.NameOID.COMMON_NAME, "A&B <C> \"D\" 'É'")])
         request, (error, result) = self.on_token(Request(
-            "0" * 16, Library.at(self.module), GenerateCsr.rsa(Token("x", "Scriva token"), subject, key_id=b"\1",
+            "0" * 36, Library.at(self.module), GenerateCsr.rsa(Token("x", "Scriva token"), subject, key_id=b"\1",
                                                                label=subject.rfc4514_string())))
         self.assertEqual(read_answer(result, request).csr.subject, subject)
-        wrong = {"nonce": dataclasses.replace(request, nonce="f" * 16),
+        wrong = {"nonce": dataclasses.replace(request, nonce="f" * 36),
                  "bits": dataclasses.replace(request, operation=GenerateCsr.rsa(
                      request.operation.token, subject, key_id=b"\1", label="x", bits=3072)),
                  "subject": dataclasses.replace(request, operation=dataclasses.replace(
@@ -175,6 +208,15 @@ class ServerKit(unittest.TestCase):
         der = read_answer(result).csr.public_bytes(Encoding.DER)
         forged = x509.load_der_x509_csr(der[:-1] + bytes([der[-1] ^ 1]))
         self.assertRaises(AnswerError, check_csr, forged, request.operation)
+
+    def test_answers_of_other_shapes_are_refused_as_they_are_read(self):
+        for what, answer, why in hostile_answers():
+            with self.subTest(what):
+                start = time.process_time()
+                self.assertRaisesRegex(AnswerError, why, read_answer, answer)
+                self.assertLess(time.process_time() - start, 0.2)
+        split = pathlib.Path(args.source, "docs/examples/getslots-answer.xml").read_text().replace("0f8", "0<!---->f8")
+        self.assertEqual(read_answer(split).nonce, "0f8fad5b-d9cb-469f-a165-70867728950e")
 
     def test_walkthrough_server_enrols_a_key_and_stores_its_certificate(self):
         script = os.path.join(args.source, "docs", "examples", "walkthrough", "server.py")
@@ -196,16 +238,19 @@ class ServerKit(unittest.TestCase):
     def test_command_line_and_openssl_line_make_what_the_host_takes(self):
         nonce = self.host.call("GetNonce")[1]
         tool = [sys.executable, "-m", "scriva_server"]
-        env = dict(os.environ, PYTHONPATH=os.path.join(args.source, "tools", "scriva-server"))
         request = os.path.join(self.work.name, "request.xml")
-        run(*tool, "request", "GetSlots", "--nonce", nonce, "--module", self.module, "-o", request, env=env)
+        run(*tool, "request", "GetSlots", "--nonce", nonce, "--module", self.module, "-o", request)
         devpki = os.path.join(args.build, "devpki", "server-chain2")
         cms = run("openssl", "cms", "-sign", "-binary", "-nodetach", "-outform", "DER", "-in", request, "-signer",
                   devpki + ".pem", "-inkey", devpki + ".key")
         error, result = self.host.call("GetSlots", base64.b64encode(cms).decode())
         self.assertIsNone(error)
-        read = json.loads(run(*tool, "read", "--request", request, env=env, input=result.encode()))
+        read = json.loads(run(*tool, "read", "--request", request, input=result.encode()))
         self.assertIn(self.serial, [slot["token"]["serialNumber"] for slot in read["slots"] if slot["token"]])
+        for what, answer, _ in hostile_answers()[2::7]:  # an encoding, a shape, a number, a CSR
+            refused = subprocess.run([*tool, "read"], input=answer.encode() if isinstance(answer, str) else answer,
+                                     capture_output=True)
+            self.assertEqual((refused.returncode, refused.stdout, refused.stderr.count(b"\n")), (1, b"", 1), what)
 
 
 if __name__ == "__main__":

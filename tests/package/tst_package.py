@@ -18,7 +18,8 @@ EXPECTED = MANIFESTS | {PREFIX + path for path in (
     "/bin/ScrivaPkcs11", "/share/translations/Scriva_en.qm", "/share/translations/Scriva_cs.qm",
     "/share/scriva/extension/manifest.json", "/share/scriva/extension/background.js",
     "/share/scriva/extension/content.js", "/share/scriva/extension/origin.js", "/share/scriva/client/scriva-client.js",
-    "/share/scriva/install-host.sh", "/share/scriva/server/scriva_server/__main__.py")} | {
+    "/share/scriva/install-host.sh", "/share/scriva/server/scriva_server/__main__.py",
+    "/share/scriva/server/scriva_server/schemas/ScrivaOperation-2026-02-04.xsd")} | {
     "/usr/share/doc/scriva-pkcs11/copyright", "/usr/share/doc/scriva-pkcs11/changelog.Debian.gz"}
 failures = []
 

@@ -1,9 +1,12 @@
 #!/usr/bin/env python3
 """The server of the walk-through in docs/integrating.md: it serves the page, builds and signs the
 page's token requests with the server library, reads the answers, and issues certificates from a
-throwaway CA.   python3 server.py --repo ~/scriva-pkcs11 [--build DIR] [--module PATH] [--port 8080]"""
+throwaway CA. Run it with the Python the library is installed in (without it, the library is taken
+from the clone): ~/myapp/env/bin/python server.py --repo ~/scriva-pkcs11 [--build DIR] [--module PATH]
+[--port 8080]"""
 import argparse
 import datetime
+import importlib.util
 import json
 import os
 import sys
@@ -15,13 +18,14 @@ parser.add_argument("--build", help="its build tree, with the development PKI (d
 parser.add_argument("--module", default="/usr/lib/softhsm/libsofthsm2.so", help="the token's PKCS#11 module")
 parser.add_argument("--port", type=int, default=8080)
 args = parser.parse_args()
-sys.path.insert(0, os.path.join(args.repo, "tools", "scriva-server"))
+if importlib.util.find_spec("scriva_server") is None:
+    sys.path.insert(0, os.path.join(args.repo, "tools", "scriva-server"))
 
 from cryptography import x509  # noqa: E402
 from cryptography.hazmat.primitives import hashes  # noqa: E402
 from cryptography.hazmat.primitives.asymmetric import ec  # noqa: E402
-from scriva_server import (CreateObject, GenerateCsr, GetSlots, Library, Request, Signer, Token,  # noqa: E402
-                           pkcs11, read_answer)
+from scriva_server import (AnswerError, CreateObject, GenerateCsr, GetSlots, Library, Request, Signer,  # noqa: E402
+                           Token, pkcs11, read_answer)
 
 devpki = os.path.join(args.build or os.path.join(args.repo, "build"), "devpki", "server-chain2")
 signer = Signer.from_files(devpki + ".pem", devpki + ".key")  # your organisation's signing key in production
@@ -80,8 +84,10 @@ class Handler(BaseHTTPRequestHandler):
         try:
             body = json.loads(self.rfile.read(int(self.headers["Content-Length"])))
             value, status = {"/sign": sign, "/read": read}[self.path](body), 200
-        except (KeyError, ValueError) as error:  # the library's errors are ValueErrors
+        except AnswerError as error:  # whatever the page brought as the answer, reading it raises only this
             value, status = {"error": str(error)}, 400
+        except (KeyError, TypeError, ValueError) as error:  # a body this page never sends, a nonce the host never gave
+            value, status = {"error": f"not a request of this page: {error}"}, 400
         self.reply(status, json.dumps(value).encode(), "application/json")
 
     def reply(self, status, data, kind):

@@ -6,7 +6,7 @@
 
 `request` writes a request document, `sign` the operation argument for it (base64 of the CMS),
 `read` the answer as JSON, checked against the request when it is given. Errors go to standard
-error with exit code 1."""
+error, one line, with exit code 1."""
 import argparse
 import json
 import sys
@@ -139,7 +139,7 @@ def main(argv=None):
     try:
         args.run(args)
     except (RequestError, AnswerError, SignerError, ValueError, OSError) as error:
-        print(f"scriva_server: {error}", file=sys.stderr)
+        print(f"scriva_server: {' '.join(str(error).split())}", file=sys.stderr)  # one line, whatever the cause
         return 1
     return 0
 
