@@ -57,7 +57,8 @@ try {
                             HOST + ".json"), path.join(manifests, HOST + ".json"));
 
   // 4. The portal's server on a free port of 127.0.0.1; its requests name the test token's module.
-  server = spawn("python3", [path.join(repo, "docs", "examples", "walkthrough", "server.py"), "--repo", repo,
+  // PYTHON names an interpreter that has the server library's packages, when python3 is another one.
+  server = spawn(process.env.PYTHON || "python3", [path.join(repo, "docs", "examples", "walkthrough", "server.py"), "--repo", repo,
                              "--build", build, "--module", TEST_TOKEN, "--port", "0"],
                  { stdio: ["ignore", "pipe", "inherit"] });
   const url = await new Promise((resolve) => {

@@ -39,7 +39,7 @@ def _schema_file(version: str) -> pathlib.Path:
     name = f"ScrivaOperation-{version}.xsd"
     package = pathlib.Path(__file__).resolve().parent
     # Installed (wheel or Debian package): beside the modules. In the source tree: the host's own.
-    for folder in (package / "schemas", package.parents[1] / "resources" / "Schemas"):
+    for folder in (package / "schemas", package.parents[2] / "resources" / "Schemas"):
         if (folder / name).is_file():
             return folder / name
     raise DocumentError(f"the schema {name} is missing from the installation of {package}")
