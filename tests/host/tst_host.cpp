@@ -3,7 +3,6 @@
 #include "testrequests.h"
 
 #include <QDir>
-#include <QJsonArray>
 #include <QJsonDocument>
 #include <QRegularExpression>
 #include <QTemporaryDir>
@@ -91,15 +90,6 @@ private slots:
         const QByteArray create = request("CreateInstance");
         const QString created = answer("CreateInstance");
         const auto version = [](const QString& id = {}) { return answer("GetVersion", QJsonValue::Null, "2.6.1 (qt)", id); };
-        QByteArrayList noArgument{create};
-        QStringList refused{created};
-        for (const char* name : {"GetSlots", "GetCertificates", "GenerateCsr", "CreateObject", "SetProperty"})
-            for (const QJsonValue& args : {QJsonValue(), QJsonValue(QJsonArray()), QJsonValue(QJsonArray{42}),
-                                           QJsonValue(QJsonArray{""})}) {
-                noArgument << request(name, args.isNull() ? QJsonObject() : QJsonObject{{"args", args}});
-                refused << answer(name, QString("Method %1 requires an argument but it was not provided").arg(name));
-            }
-        QTest::newRow("no argument") << QStringList() << noArgument << refused << false << QStringList();
 
         // A frame dribbled out three bytes at a time, then a 4 MiB frame followed at once by a small one.
         const QByteArray pieces = request("GetVersion", {{"id", "pieces"}});
