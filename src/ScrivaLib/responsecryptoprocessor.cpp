@@ -133,7 +133,7 @@ void ResponseCryptoProcessor::verifyServerCertificate()
         if (accepted)
             qDebug().noquote() << "Not the signer's trust anchor: " + label + " : " + found;
         else
-            qWarning().noquote() << label + QStringLiteral(" : ") + found;
+            qWarning().noquote() << label + " : " + found;
     }
     if (!validByTime) {
         qWarning().noquote() << "Server certificate is not valid by time criteria."

@@ -121,9 +121,9 @@ async function exercise(session, url) {
       .then(([certificates, version, nonce]) => [certificates.includes('<Certificate>'), version, nonce.length >= 16])`);
   // Asking again helps with a nonce the host never gave, never with a signer it does not trust:
   // the attempts withFreshNonce makes (the second one right), then what it gives.
-  const untrusted = tool("openssl", ["cms", "-sign", "-binary", "-nodetach", "-outform", "DER", "-in",
-      path.join(args.source, "tests", "data", "requests", "getslots-2026.xml"), "-signer",
-      path.join(args.build, "devpki", "signer-unknown-root.pem"), "-inkey", path.join(args.build, "devpki", "signer-unknown-root.key")]);
+  const signer = path.join(args.build, "devpki", "signer-unknown-root");
+  const untrusted = tool("openssl", ["cms", "-sign", "-binary", "-nodetach", "-outform", "DER", "-signer", `${signer}.pem`,
+      "-inkey", `${signer}.key`, "-in", path.join(args.source, "tests", "data", "requests", "getslots-2026.xml")]);
   for (const [what, first] of [["a nonce the host never gave", signed("GetSlots", "'0f8fad5b-d9cb-469f-a165-70867728950e'")],
                                ["a signer the host does not trust", `'${untrusted.toString("base64")}'`]])
     seen[`${what}: attempts, outcome`] = await call(page, `(async () => { let attempts = 0;
