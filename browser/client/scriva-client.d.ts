@@ -13,6 +13,11 @@ export declare const Category: {
   readonly CANCELLED: "cancelled";
   readonly PIN: "pin";
   readonly TOKEN_MISSING: "token-missing";
+  /** Asking again can help: once, with a fresh nonce and a newly signed request (see withFreshNonce). */
+  readonly RETRY: "retry";
+  /** The site's signer, requests or address are not what the program accepts: report it; asking again cannot help. */
+  readonly SITE_CONFIGURATION: "site-configuration";
+  /** The page used the program wrongly (order of calls, argument, property): fix the page. */
   readonly REQUEST_REFUSED: "request-refused";
   readonly TOKEN_FAILURE: "token-failure";
   readonly INTERNAL: "internal";
@@ -25,6 +30,7 @@ export type ScrivaLanguage = "en" | "cs";
 export declare function categoryOf(code: string): ScrivaCategory;
 /** "cs" for a Czech language tag, else "en"; without one, the page's or the browser's language. */
 export declare function messageLanguage(language?: string): ScrivaLanguage;
+/** What the page should do about an error word or text, and a sentence for the user ("en", "cs"; else as messageLanguage chooses). */
 export declare function describeError(code: string, language?: string): { category: ScrivaCategory; userMessage: string };
 /** Negative when version a is older than b, 0 when equal, positive when newer ("2.6.1 (qt)" reads as 2.6.1). */
 export declare function compareVersions(a: string, b: string): number;
@@ -76,6 +82,11 @@ export declare class ScrivaClient {
   detect(): Promise<{ version: string }>;
   call(name: ScrivaMethod, argument?: string | null, options?: ScrivaCallOptions): Promise<string | null>;
   createInstance(): Promise<null>;
+  /**
+   * Runs attempt with a fresh nonce (the page has its server sign a request with it and sends that);
+   * once more with another fresh nonce when the first attempt fails with Category.RETRY.
+   */
+  withFreshNonce<T>(attempt: (nonce: string) => Promise<T>): Promise<T>;
   disposeInstance(): Promise<null>;
   getNonce(): Promise<string>;
   getVersion(): Promise<string>;

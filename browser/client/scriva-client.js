@@ -29,14 +29,16 @@ export const METHODS = Object.freeze([
 // Token operations wait for the user (PIN entry, module choice), so they get a long time.
 const tokenMethods = new Set(["GetSlots", "GetCertificates", "GenerateCsr", "CreateObject"]);
 
-// What the page should do about an error.
+// What the page should do about an error, and whether asking again can help.
 export const Category = Object.freeze({
   NOT_INSTALLED: "not-installed", // the extension, the program or the token's module is missing: install or enable it
   HOST_TOO_OLD: "host-too-old", // the program is older than the page needs: install a newer one
   CANCELLED: "cancelled", // the user cancelled (PIN entry, module choice): nothing to report
   PIN: "pin", // the PIN is blocked, expired or refused: the user sees to it
   TOKEN_MISSING: "token-missing", // the token is not connected: connect it and try again
-  REQUEST_REFUSED: "request-refused", // nothing reached the token: ask again with a fresh nonce, or fix the page
+  RETRY: "retry", // the request met the program at the wrong moment (an old nonce): ask once more, freshly signed
+  SITE_CONFIGURATION: "site-configuration", // the site's signer, requests or address are refused: report it, no retry
+  REQUEST_REFUSED: "request-refused", // the page used the program wrongly (order, argument, property): fix the page
   TOKEN_FAILURE: "token-failure", // the token or its module failed: try again, then the administrator
   INTERNAL: "internal", // anything else: report to the administrator
 });
@@ -49,18 +51,21 @@ const wordCategories = {
   [C.CANCELLED]: ["OperationCanceled", "UserRejectedFileDialog"],
   [C.PIN]: ["PinBlocked"],
   [C.TOKEN_MISSING]: ["SpecifiedTokenNotFound"],
-  [C.REQUEST_REFUSED]: [
-    "OriginNotAllowed", "InvalidRequest", "RequestTooLarge", "ScrivaInstanceDoesNotExist", "NoMethodOrEventSpecified",
-    "CommunicationMismatchNonce", "CommunicationMismatchUnstrustedServer", "UnsupportedLanguage",
-    "AlgorithmNotSupported", "The ScrivaPkcs11 is terminating!", "Scriva is terminating",
-    "Another asynchronous method is already running", "Properties cannot be modified while application window is visible",
+  [C.RETRY]: ["CommunicationMismatchNonce", "Another asynchronous method is already running"],
+  [C.SITE_CONFIGURATION]: [
+    "OriginNotAllowed", "CommunicationMismatchUnstrustedServer", "AlgorithmNotSupported",
     "Unsuccessful XML validation!", "Invalid XML namespace!", "Unexpected element!", "Nonce is null or empty!",
     "XML namespace is null or empty!", "No PKCS#11 library location provided!", "Pin2Name is null or empty!",
     "No CK_ATTRIBUTE provided!", "TokenSerialNumber is null or empty!", "Token serial number is null or empty!",
     "Unable to parse Pkcs11Library data!", "Unable to parse operation specific data!", "Unable to HEX decode subject",
-    "Unable to DER decode subject",
-    "Unsupported vendor extensions requested", "CMS does not contain exactly one signing certificate",
-    "Unable to extract signing certificate from CMS", "Unable to process signing certificate extracted from CMS",
+    "Unable to DER decode subject", "Unsupported vendor extensions requested",
+    "CMS does not contain exactly one signing certificate", "Unable to extract signing certificate from CMS",
+    "Unable to process signing certificate extracted from CMS",
+  ],
+  [C.REQUEST_REFUSED]: [
+    "InvalidRequest", "RequestTooLarge", "ScrivaInstanceDoesNotExist", "NoMethodOrEventSpecified", "UnsupportedLanguage",
+    "The ScrivaPkcs11 is terminating!", "Scriva is terminating",
+    "Properties cannot be modified while application window is visible",
     "Unable to parse properties as JSON structure", "Unable to convert properties to JSON object",
   ],
   [C.TOKEN_FAILURE]: ["UnableToLoad", "UnableToFind", "UnableToCall"],
@@ -82,9 +87,9 @@ function pkcs11Category(returnValue) {
 const families = [
   [/^PKCS#11 method \S+ returned error (\S+)/, (match) => pkcs11Category(match[1])],
   [/^(Unable to (load|parse|get) CMS|CMS (signature is not valid|does not contain signing certificates))/,
-   () => C.REQUEST_REFUSED],
-  [/^(JSON node |Method \S+ requires an argument|Unknown method |(Signing|Digesting) mechanism \S+ is not supported)/,
-   () => C.REQUEST_REFUSED],
+   () => C.SITE_CONFIGURATION],
+  [/^(Signing|Digesting) mechanism \S+ is not supported/, () => C.SITE_CONFIGURATION],
+  [/^(JSON node |Method \S+ requires an argument|Unknown method )/, () => C.REQUEST_REFUSED],
 ];
 
 export function categoryOf(code) {
@@ -99,17 +104,20 @@ export function categoryOf(code) {
   return C.INTERNAL;
 }
 
-// What the user reads: by word where a word needs its own text, else by category.
+// What the user reads: by word where a word needs its own text, else by category (every word of
+// not-installed has its own).
 const messages = {
   en: {
-    [C.NOT_INSTALLED]: "The Scriva browser extension or the ScrivaPkcs11 program is missing or not enabled.",
     [C.HOST_TOO_OLD]: "The ScrivaPkcs11 program on this computer is too old. Please install its current version.",
     [C.CANCELLED]: "The operation was cancelled.",
     [C.PIN]: "The token did not accept the PIN: it is blocked, expired or not valid. Unblock or change it with " +
              "the token's own software, or contact your administrator.",
     [C.TOKEN_MISSING]: "The token was not found. Connect the token (or insert the card) and try again.",
-    [C.REQUEST_REFUSED]: "The request was refused and nothing was done on the token. Please try again; if it " +
-                         "happens again, contact the support of this site.",
+    [C.RETRY]: "The request crossed another one, and nothing was done on the token. Please try again.",
+    [C.SITE_CONFIGURATION]: "This site cannot use your token because of a problem in the site's own configuration; " +
+                            "nothing was done on the token. Trying again will not help: please tell the site's support.",
+    [C.REQUEST_REFUSED]: "This page asked the ScrivaPkcs11 program for something it cannot do, and nothing was done " +
+                         "on the token. Reload the page and try again; if it happens again, contact the support of this site.",
     [C.TOKEN_FAILURE]: "The token reported an error. Check that it is connected properly and try again; if the " +
                        "error persists, contact your administrator.",
     [C.INTERNAL]: "An unexpected error occurred. Please try again; if it happens again, report it to your administrator.",
@@ -123,14 +131,17 @@ const messages = {
     Timeout: "No answer came in time. Please try again.",
   },
   cs: {
-    [C.NOT_INSTALLED]: "Chybí rozšíření prohlížeče Scriva nebo program ScrivaPkcs11, nebo nejsou povoleny.",
     [C.HOST_TOO_OLD]: "Program ScrivaPkcs11 v tomto počítači je příliš starý. Nainstalujte prosím jeho aktuální verzi.",
     [C.CANCELLED]: "Operace byla zrušena.",
     [C.PIN]: "Token nepřijal PIN: je zablokovaný, vypršela jeho platnost nebo není platný. Odblokujte nebo " +
              "změňte jej programem dodaným k tokenu, nebo se obraťte na správce.",
     [C.TOKEN_MISSING]: "Token nebyl nalezen. Připojte token (nebo vložte kartu) a zkuste to znovu.",
-    [C.REQUEST_REFUSED]: "Požadavek byl odmítnut a na tokenu se nic neprovedlo. Zkuste to prosím znovu; pokud " +
-                         "se to bude opakovat, obraťte se na podporu této stránky.",
+    [C.RETRY]: "Požadavek se zkřížil s jiným a na tokenu se nic neprovedlo. Zkuste to prosím znovu.",
+    [C.SITE_CONFIGURATION]: "Tato stránka nemůže váš token použít kvůli chybě ve svém vlastním nastavení; na tokenu " +
+                            "se nic neprovedlo. Opakování nepomůže: dejte to prosím vědět podpoře této stránky.",
+    [C.REQUEST_REFUSED]: "Tato stránka žádala po programu ScrivaPkcs11 něco, co provést nemůže, a na tokenu se nic " +
+                         "neprovedlo. Načtěte stránku znovu a zkuste to ještě jednou; pokud se to bude opakovat, " +
+                         "obraťte se na podporu této stránky.",
     [C.TOKEN_FAILURE]: "Token ohlásil chybu. Zkontrolujte, že je správně připojen, a zkuste to znovu; pokud " +
                        "chyba přetrvá, obraťte se na správce.",
     [C.INTERNAL]: "Došlo k neočekávané chybě. Zkuste to prosím znovu; pokud se to bude opakovat, nahlaste to správci.",
@@ -151,7 +162,8 @@ export function messageLanguage(language) {
   return wanted.toLowerCase().startsWith("cs") ? "cs" : "en";
 }
 
-// The category of an error word and the text for the user.
+// { category, userMessage } of an error word or text: what the page should do, and a sentence for
+// the user in the given language ("en", "cs"; else as messageLanguage chooses).
 export function describeError(code, language) {
   const category = categoryOf(code);
   const texts = messages[messageLanguage(language)];
@@ -243,6 +255,19 @@ export class ScrivaClient {
         throw this.error("HostTooOld", "GetVersion", `${this.hostVersion}, at least ${this.minimumHostVersion} needed`);
     }
     return null;
+  }
+
+  // Runs attempt(nonce) with a fresh nonce (the page has its server sign a request with it, and sends
+  // that). When the program answers that asking again can help (Category.RETRY), it runs once more
+  // with another fresh nonce; any other failure, or a second one, rejects.
+  async withFreshNonce(attempt) {
+    try {
+      return await attempt(await this.getNonce());
+    } catch (error) {
+      if (error.category !== C.RETRY)
+        throw error;
+      return attempt(await this.getNonce());
+    }
   }
 
   disposeInstance() { return this.call("DisposeInstance"); }

@@ -45,6 +45,14 @@ QString AppException::toString(bool withLocation) const
     return text;
 }
 
+QString AppException::toLine() const
+{
+    QString text = LogHandler::escaped(message);
+    for (const AppException* next = cause.data(); next; next = next->cause.data())
+        text += QStringLiteral(" - ") + LogHandler::escaped(next->message);
+    return text;
+}
+
 QString AppException::generalExceptionMessage()
 {
     return tr("GeneralExceptionMessage");

@@ -24,6 +24,8 @@ public:
     // A heap copy of the most derived type, so a cause keeps its class.
     virtual AppException* clone() const;
     virtual QString toString(bool withLocation) const;
+    // The message and those of its causes on one line, " - " between them, outside text escaped.
+    QString toLine() const;
 
     const QString& getMessage() const { return message; }
     const QString& getGeneralMessage() const { return generalMessage; }

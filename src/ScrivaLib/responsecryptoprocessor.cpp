@@ -3,6 +3,7 @@
 #include "appexception.h"
 #include "loghandler.h"
 #include "ownedresource.h"
+#include "trustanchors.h"
 
 #include <QDateTime>
 #include <QDebug>
@@ -17,6 +18,12 @@
 namespace {
 // The stack of CMS_get0_signers does not own its certificates.
 void freeSignerStack(STACK_OF(X509)* stack) { sk_X509_free(stack); }
+
+// The deepest cause says what a check found wrong.
+QString innermostMessage(const AppException& e)
+{
+    return e.getCause() ? innermostMessage(*e.getCause()) : e.getMessage();
+}
 
 QString utcText(const QDateTime& time)
 {
@@ -101,30 +108,56 @@ void ResponseCryptoProcessor::verifyServerCertificate()
     qDebug().noquote() << Q_FUNC_INFO;
     // Every check runs before the verdict, so the log tells all that is wrong with a signer.
     issuerChain.clear();
-    bool trusted = false;
+    QList<QPair<QString, QString>> misses; // an anchor's label, what its checks found
+    QString acceptedBy;
+    QString policyFailure;
     for (const TrustAnchors::LabelledChain& anchor : std::as_const(trustedChains)) {
+        bool issued = false;
         try {
             serverCertificate.verifyIssuer(anchor.second);
+            issued = true;
             serverCertificate.verifyCustomPolicy(policyOid);
             issuerChain = anchor.second;
-            trusted = true;
+            acceptedBy = anchor.first;
             break;
         } catch (const AppException& e) {
-            qWarning().noquote() << anchor.first + QStringLiteral(" : ") + e.toString(false);
+            misses.append({anchor.first, e.toString(false)});
+            if (issued)
+                policyFailure = innermostMessage(e);
         }
     }
-
     const bool validByTime = serverCertificate.isValidByTime();
+    const bool accepted = !acceptedBy.isEmpty() && validByTime;
+    // An anchor that did not issue a signer which another anchor accepts is no failure.
+    for (const auto& [label, found] : std::as_const(misses)) {
+        if (accepted)
+            qDebug().noquote() << "Not the signer's trust anchor: " + label + " : " + found;
+        else
+            qWarning().noquote() << label + " : " + found;
+    }
     if (!validByTime) {
         qWarning().noquote() << "Server certificate is not valid by time criteria."
                              << "Effective from:" << utcText(serverCertificate.effectiveDate()) << "(UTC)."
                              << "Expire on:" << utcText(serverCertificate.expiryDate()) << "(UTC).";
     }
 
-    if (trusted && validByTime)
+    const QString signer = TrustAnchors::oneLineSubject(serverCertificate);
+    if (accepted) {
+        qInfo().noquote() << "Signer " + LogHandler::escaped(signer) + " accepted under trust anchor " + acceptedBy;
         return;
+    }
     qInfo().noquote() << QStringLiteral("Server certificate: ") + serverCertificate.toString();
-    throw APP_EXCEPTION(QStringLiteral("CommunicationMismatchUnstrustedServer"));
+    // The page gets the word; the refusal's log line gets the checks that failed and the signer.
+    QStringList failed;
+    if (acceptedBy.isEmpty())
+        failed << (policyFailure.isEmpty() ? QStringLiteral("issuer (no valid path to a trust anchor)")
+                                           : QStringLiteral("policy (%1)").arg(policyFailure));
+    if (!validByTime)
+        failed << QStringLiteral("validity period (%1 to %2 UTC)")
+                      .arg(utcText(serverCertificate.effectiveDate()), utcText(serverCertificate.expiryDate()));
+    throw APP_EXCEPTION_CAUSED(QStringLiteral("CommunicationMismatchUnstrustedServer"),
+                               APP_EXCEPTION(QStringLiteral("failed: %1 - signer %2")
+                                                 .arg(failed.join(QStringLiteral(", ")), signer)));
 }
 
 QString ResponseCryptoProcessor::getOpenSslErrors()

@@ -119,8 +119,17 @@ async function exercise(session, url) {
   seen["overlapping GetCertificates, GetVersion, GetNonce"] = await call(page, `${signed("GetCertificates")}.then((s) =>
       Promise.all([client.getCertificates(s), client.getVersion(), client.getNonce()]))
       .then(([certificates, version, nonce]) => [certificates.includes('<Certificate>'), version, nonce.length >= 16])`);
-  seen["a nonce the host never gave"] = await call(page,
-      `${signed("GetSlots", "'0f8fad5b-d9cb-469f-a165-70867728950e'")}.then((s) => client.getSlots(s))`);
+  // Asking again helps with a nonce the host never gave, never with a signer it does not trust:
+  // the attempts withFreshNonce makes (the second one right), then what it gives.
+  const signer = path.join(args.build, "devpki", "signer-unknown-root");
+  const untrusted = tool("openssl", ["cms", "-sign", "-binary", "-nodetach", "-outform", "DER", "-signer", `${signer}.pem`,
+      "-inkey", `${signer}.key`, "-in", path.join(args.source, "tests", "data", "requests", "getslots-2026.xml")]);
+  for (const [what, first] of [["a nonce the host never gave", signed("GetSlots", "'0f8fad5b-d9cb-469f-a165-70867728950e'")],
+                               ["a signer the host does not trust", `'${untrusted.toString("base64")}'`]])
+    seen[`${what}: attempts, outcome`] = await call(page, `(async () => { let attempts = 0;
+        const outcome = await client.withFreshNonce(async (nonce) => client.getSlots(await (attempts++ ? ${signed("GetSlots",
+            "nonce")} : ${first}))).then((xml) => xml.includes('${LABEL}'), (e) => e.category + ' ' + e.code);
+        return [attempts, outcome]; })()`);
   seen["Terminate, then GetNonce"] = await call(page, "client.terminate().then(() => client.getNonce())");
   seen["a new instance"] = await call(page, "client.createInstance().then(() => client.getVersion())");
   seen["new clients that need this version, 10.0"] = await call(page, `Promise.all(['${VERSION.split(" ")[0]}', '10.0']

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """docs/errors.md has a row for every text the host, the extension and the page client can give a page, and
-for no other, naming where it comes from; the client gives each the row's category and English and Czech texts."""
+for no other, naming where it comes from; the client gives each the row's category and the English and Czech
+texts the docs show for its word, else for its category."""
 import json
 import pathlib
 import re
@@ -39,7 +40,8 @@ for path in [*(root / "browser/extension").glob("*.js"), root / "browser/client/
     for word in re.findall(r'\b(?:fail|answerPage|error|exchange)\((?=[^;]*?"([A-Z][a-z]\w*)")', path.read_text()):
         add(word, path.parent.name)
 
-for row in re.findall(r'^\|(.*)\|$', (root / "docs/errors.md").read_text().split("## Every error")[1], re.M):
+docs = (root / "docs/errors.md").read_text()
+for row in re.findall(r'^\|(.*)\|$', docs.split("## Every error")[1], re.M):
     cells = row.split(" | ")
     for text in re.findall(r'`([^`]+)`', cells[0]):
         table[text] = set(re.findall(r'host|extension|client', cells[1]))
@@ -55,7 +57,11 @@ script = (f"import {{ describeError }} from {json.dumps((root / 'browser/client/
           f"console.log(JSON.stringify({json.dumps([text for text, _ in cases])}.map((text) => "
           "[describeError(text).category, ...['en', 'cs'].map((language) => describeError(text, language).userMessage)])));")
 seen = json.loads(subprocess.check_output(["node", "--input-type=module", "-e", script], text=True))
-failures += [f"the client gives {text!r} {got} and {en!r}, {cs!r}; the table {category}" for (text, category), (got, en, cs)
-             in zip(cases, seen) if got != category or not en or not cs or en == cs]
-print("\n".join(failures) or f"{len(produced)} texts in the table, {len(cases)} categories agree with the client")
+shown = {key: [en, cs] for key, en, cs in re.findall(r'^\| `([^`]+)` \| (.*?) \| (.*?) \|$', docs.split(
+    "### What the user reads")[1].split("## Every error")[0], re.M)}
+keys = [text if text in shown else category for text, category in cases]
+failures += [f"the client gives {text!r} {got}, {[en, cs]}; the docs {category}, {shown.get(key)}" for (text, category),
+             (got, en, cs), key in zip(cases, seen, keys) if [got, en, cs] != [category, *shown.get(key, [None] * 2)]]
+failures += [f"the docs show texts for {key!r}, which no error gets" for key in shown.keys() - set(keys)]
+print("\n".join(failures) or f"{len(produced)} texts in the table, {len(cases)} categories and user messages agree with the client")
 sys.exit(1 if failures else 0)

@@ -10,6 +10,7 @@
 #include "pkcs11/ui/mainwindowpkcs11.h"
 #include "loghandler.h"
 #include "terminatingflag.h"
+#include "trustanchors.h"
 #include "ui/pinformlauncher.h"
 
 #include <QCoreApplication>
@@ -194,7 +195,10 @@ void ScrivaPkcs11::onRequestChecked()
             throw *checked.failure;
         continueOperation(checked);
     } catch (const AppException& e) {
-        qWarning().noquote() << "Operation request refused: " + e.toString(true);
+        // One line ends a refused request: what was refused, why, and the signer once it was trusted.
+        const QString signer = checked.signer.isNull() ? QString() : TrustAnchors::oneLineSubject(checked.signer);
+        qWarning().noquote() << "Operation request refused: " + e.toLine()
+                                    + (signer.isEmpty() ? QString() : " - signer " + LogHandler::escaped(signer));
         returnAsyncMethodResult(Result(e.getMessage(), QString()));
     }
 }

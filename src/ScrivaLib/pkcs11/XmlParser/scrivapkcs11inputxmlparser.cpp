@@ -56,10 +56,10 @@ ScrivaPkcs11OperationData<T>* ScrivaPkcs11InputXmlParser<T>::parse(const QString
     qDebug().noquote() << Q_FUNC_INFO;
     ResponseCryptoProcessor processor;
     processor.processBase64CmsSignedData(base64Cms);
-    std::unique_ptr<ScrivaPkcs11OperationData<T>> record(parseXml(processor.getCmsContent()));
+    // A trusted signer is named even when its request is refused further on.
     if (serverCertificate)
         *serverCertificate = processor.getServerCertificate();
-    return record.release();
+    return parseXml(processor.getCmsContent());
 }
 
 template<typename T>

@@ -16,7 +16,7 @@ class ScrivaPkcs11InputXmlParser
 public:
     // The argument is the base64 text of the server-signed CMS around the request XML. The
     // signature and signer are verified first; when serverCertificate is given it receives the
-    // verified signer. Returns a record owned by the caller.
+    // verified signer, also when the document is refused afterwards. Returns a record owned by the caller.
     static ScrivaPkcs11OperationData<T>* parse(const QString& base64Cms,
                                                X509Certificate2Ultra* serverCertificate = nullptr);
 
