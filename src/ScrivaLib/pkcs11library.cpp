@@ -450,6 +450,12 @@ void Pkcs11Library::createObject(CK_SESSION_HANDLE session, const QList<CK_ATTRI
                                                static_cast<CK_ULONG>(objectTemplate.size()), object));
 }
 
+// Not stopped by an abandoned operation: it takes back what the operation left on the token.
+void Pkcs11Library::destroyObject(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object)
+{
+    PKCS11_CHECK("C_DestroyObject", functions->C_DestroyObject(session, object));
+}
+
 QList<unsigned long> Pkcs11Library::findObjects(CK_SESSION_HANDLE session, CK_ATTRIBUTE_PTR searchTemplate,
                                                 CK_ULONG count)
 {

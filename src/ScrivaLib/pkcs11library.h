@@ -83,6 +83,7 @@ public:
                          const QList<CK_ATTRIBUTE>& publicTemplate, const QList<CK_ATTRIBUTE>& privateTemplate,
                          CK_OBJECT_HANDLE_PTR publicKey, CK_OBJECT_HANDLE_PTR privateKey);
     void createObject(CK_SESSION_HANDLE session, const QList<CK_ATTRIBUTE>& attributes, CK_OBJECT_HANDLE_PTR object);
+    void destroyObject(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object);
     QList<unsigned long> findObjects(CK_SESSION_HANDLE session, CK_ATTRIBUTE_PTR searchTemplate, CK_ULONG count);
 
     static constexpr const char* monetProIdPlatform = "Monet+ ProID+Q";

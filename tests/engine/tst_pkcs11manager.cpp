@@ -6,6 +6,7 @@
 #include "pkcs11/pkcs11manager.h"
 #include "testrequests.h"
 
+#include <QDirIterator>
 #include <QProcess>
 #include <QSslCertificate>
 
@@ -278,6 +279,56 @@ private slots:
                      && text.contains("Subject: CN=Scriva Test Subject")
                      && text.contains("1.2.203.7064.1.1.12.20180406:") == testModule,
                  qPrintable(text));
+    }
+
+    // A request that fails once its key pair exists takes the pair back off the token, in the same
+    // session, and answers as it would have; a pair that cannot be destroyed is only logged.
+    void failedCsrDestroysItsNewKeys_data()
+    {
+        QTest::addColumn<QStringList>("config");
+        QTest::addColumn<QString>("digest"); // mechanism number
+        QTest::addColumn<QString>("error");
+        const auto failing = [](const char* call) {
+            return QStringList(QStringLiteral("fail_calls=%1:0x30").arg(call));
+        };
+        const auto deviceError = [](const char* call) { return Pkcs11Exception::detailText(call, CKR_DEVICE_ERROR); };
+        QTest::newRow("digest the request cannot carry") << QStringList() << "597" << "AlgorithmNotSupported";
+        QTest::newRow("C_DigestInit") << failing("C_DigestInit") << "592" << deviceError("C_DigestInit");
+        QTest::newRow("C_Digest") << failing("C_Digest") << "592" << deviceError("C_Digest");
+        QTest::newRow("C_SignInit") << failing("C_SignInit") << "592" << deviceError("C_SignInit");
+        QTest::newRow("context PIN cancelled") << QStringList({"always_authenticate=1", "context_pin=sig-pin"}) << "592"
+                                               << "OperationCanceled";
+        QTest::newRow("C_Sign") << failing("C_Sign") << "592" << deviceError("C_Sign");
+        QTest::newRow("modulus unreadable") << QStringList("lie=C_GetAttributeValue:grow") << "592"
+                                            << Pkcs11Exception::detailText("C_GetAttributeValue", CKR_GENERAL_ERROR);
+        QTest::newRow("keys not destroyed") << failing("C_Sign:0x30,C_DestroyObject") << "592" << deviceError("C_Sign");
+    }
+
+    void failedCsrDestroysItsNewKeys()
+    {
+        QFETCH(QStringList, config);
+        QFETCH(QString, digest);
+        QFETCH(QString, error);
+        const auto objects = [&] {
+            int count = 0;
+            for (QDirIterator file(store->directory(), {"*.object"}, QDir::Files, QDirIterator::Subdirectories); file.hasNext(); file.next())
+                ++count;
+            return count;
+        };
+        QVERIFY(configureModule(work, config << "kov_data_hex=3003020101"));
+        const int before = objects();
+        user.script({"pin:" + userPin, "cancel"});
+        TraceSwitch::set(true);
+        // Both keys on the token, where a failed request would leave them.
+        const QMap<QString, QString> request{{"<CsrDigestMechanism>592", "<CsrDigestMechanism>" + digest},
+            {"<PrivateKeyAttributes>", "<PrivateKeyAttributes>" + attribute("Bool", CKA_TOKEN, "true")}};
+        QCOMPARE(run(&Pkcs11Manager::generateCsr, "generatecsr-2022", request).error, error);
+        const QStringList trace = TraceSwitch::trace();
+        const bool kept = config.join(',').contains("C_DestroyObject");
+        QCOMPARE(trace.count(kept ? "C_DestroyObject returned 48 (CKR_DEVICE_ERROR)" : "C_DestroyObject returned 0 (CKR_OK)"), 2);
+        QCOMPARE(objects(), before + (kept ? 2 : 0));
+        QCOMPARE(TraceSwitch::text().count(" - W - The new key could not be destroyed"), kept ? 2 : 0);
+        QVERIFY(trace.lastIndexOf("Going to call C_DestroyObject") < trace.lastIndexOf("Going to call C_CloseSession"));
     }
 
     // A module's counts and lengths are checked before the host allocates or reads by them, and
