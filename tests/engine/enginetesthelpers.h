@@ -36,26 +36,20 @@ public:
         QMutexLocker locker(&mutex);
         return shown;
     }
-    SecretPin requestPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo& token, const QString&) override
-    {
-        return answer(form("form", token));
-    }
+    SecretPin requestPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo& token, const QString&) override { return answer("form", &token); }
     SecretPin requestContextPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo& token, const QString&, bool* save) override
     {
-        return answer(form("context form", token), save);
+        return answer("context form", &token, save);
     }
     void showPinIncorrect(const QString& title, const QString& text) override { answer("box: " + title + ": " + text); }
     void closeDialogs() override {}
     bool isClosed() const override { return false; }
 
 private:
-    static QString form(const char* name, const Pkcs11TokenInfo& token)
+    SecretPin answer(QString what, const Pkcs11TokenInfo* token = nullptr, bool* save = nullptr)
     {
-        const CK_FLAGS flags = token.getInfo().flags;
-        return name + QString(flags & CKF_USER_PIN_FINAL_TRY ? " (final try)" : flags & CKF_USER_PIN_COUNT_LOW ? " (count low)" : "");
-    }
-    SecretPin answer(const QString& what, bool* save = nullptr)
-    {
+        const CK_FLAGS flags = token ? token->getInfo().flags : 0;
+        what += flags & CKF_USER_PIN_FINAL_TRY ? " (final try)" : flags & CKF_USER_PIN_COUNT_LOW ? " (count low)" : "";
         QMutexLocker locker(&mutex);
         const bool expected = !steps.isEmpty() && (steps.first() == QLatin1String("ok")) == what.startsWith("box");
         const QStringList step = (expected ? steps.takeFirst() : QStringLiteral("cancel")).split(QLatin1Char(':'));

@@ -236,99 +236,75 @@ private slots:
         QCOMPARE(TraceSwitch::trace().count("Going to call C_Finalize"), 1);
     }
 
-    void generatedCsrIsSignedByTheNewTokenKey_data()
+    // A request is signed on the token by its new key, with the requested digest, subject and
+    // KovData, and the keys stay. One that fails once its key pair exists takes both keys back off the
+    // token, in the same session, and answers as it would have; keys that cannot go are only logged.
+    void generateCsrKeepsItsKeysOnlyWhenSigned_data()
     {
-        QTest::addColumn<bool>("testModule"); // 2026-02-04 with KovData and a signature PIN, else 2022-12-29 on SoftHSM
-        QTest::addColumn<CK_MECHANISM_TYPE>("digest");
-        QTest::addColumn<QString>("algorithm");
-        QTest::newRow("2022-12-29 on SoftHSM, SHA-1") << false << CKM_SHA_1 << "sha1WithRSAEncryption";
-        QTest::newRow("2022-12-29 on SoftHSM, SHA-384") << false << CKM_SHA384 << "sha384WithRSAEncryption";
-        QTest::newRow("2026-02-04, SHA-256") << true << CKM_SHA256 << "sha256WithRSAEncryption";
-        QTest::newRow("2026-02-04, SHA-512") << true << CKM_SHA512 << "sha512WithRSAEncryption";
+        QTest::addColumn<QString>("config"); // of the test module; "SoftHSM": SoftHSM itself, 2022-12-29 without KovData
+        QTest::addColumn<int>("digest");
+        QTest::addColumn<QString>("outcome"); // the signature algorithm, or the error
+        const auto row = [](const char* name, const QString& config, const QString& outcome, CK_MECHANISM_TYPE digest = CKM_SHA256) {
+            QTest::newRow(name) << config << int(digest) << outcome;
+        };
+        const QString signaturePin = "always_authenticate=1\ncontext_pin=sig-pin";
+        row("SoftHSM, SHA-1", "SoftHSM", "sha1WithRSAEncryption", CKM_SHA_1);
+        row("SoftHSM, SHA-384", "SoftHSM", "sha384WithRSAEncryption", CKM_SHA384);
+        row("signature PIN, SHA-256", signaturePin, "sha256WithRSAEncryption");
+        row("signature PIN, SHA-512", signaturePin, "sha512WithRSAEncryption", CKM_SHA512);
+        for (const char* call : {"C_DigestInit", "C_Digest", "C_SignInit", "C_Sign"})
+            row(call, QStringLiteral("fail_calls=%1:0x30").arg(call), Pkcs11Exception::detailText(call, CKR_DEVICE_ERROR));
+        row("digest the request cannot carry", "", "AlgorithmNotSupported", CKM_SHA224);
+        row("signature PIN cancelled", signaturePin, "OperationCanceled");
+        row("modulus unreadable", "lie=C_GetAttributeValue:grow", Pkcs11Exception::detailText("C_GetAttributeValue", CKR_GENERAL_ERROR));
+        row("keys not destroyed", "fail_calls=C_Sign:0x30,C_DestroyObject:0x30", Pkcs11Exception::detailText("C_Sign", CKR_DEVICE_ERROR));
     }
 
-    void generatedCsrIsSignedByTheNewTokenKey()
+    void generateCsrKeepsItsKeysOnlyWhenSigned()
     {
-        QFETCH(bool, testModule);
-        QFETCH(CK_MECHANISM_TYPE, digest);
-        QFETCH(QString, algorithm);
-        QVERIFY(configureModule(work, {"kov_data_hex=3003020101", "always_authenticate=1", "context_pin=sig-pin"}));
-        QMap<QString, QString> replacements{{"<CsrDigestMechanism>592", "<CsrDigestMechanism>" + QString::number(digest)}};
-        if (!testModule)
+        QFETCH(QString, config);
+        QFETCH(int, digest);
+        QFETCH(QString, outcome);
+        const bool onSoftHsm = config == "SoftHSM", signs = outcome.endsWith("Encryption"), kept = config.contains("C_DestroyObject");
+        QVERIFY(configureModule(work, {config, "kov_data_hex=3003020101"}));
+        // Both keys on the token, where a failed request would leave them.
+        QMap<QString, QString> replacements{{"<CsrDigestMechanism>592", "<CsrDigestMechanism>" + QString::number(digest)},
+                                            {"<PrivateKeyAttributes>", "<PrivateKeyAttributes>" + attribute("Bool", CKA_TOKEN, "true")}};
+        if (onSoftHsm)
             replacements.insert({{samplePath, SoftHsmToken::softHsmModulePath()}, {"<KovData/>", ""}});
+        const auto objects = [&] {
+            int count = 0;
+            for (QDirIterator files(store->directory(), {"*.object"}, QDir::Files, QDirIterator::Subdirectories); files.hasNext(); files.next())
+                ++count;
+            return count;
+        };
+        const int before = objects();
         QSignalSpy pinRequests(&manager, &Pkcs11Manager::pinRequestedSignal);
         TraceSwitch::set(true);
-        user.script(QStringList({"pin:" + userPin, "pin:sig-pin"}).mid(0, testModule ? 2 : 1));
-        const Outcome outcome = run(&Pkcs11Manager::generateCsr, testModule ? "generatecsr-2026" : "generatecsr-2022",
-                                    replacements);
-        QCOMPARE(outcome.error, QString());
-        QCOMPARE(user.seen(), testModule ? QStringList({"form", "form"}) : QStringList("form"));
+        user.script({"pin:" + userPin, outcome == "OperationCanceled" ? "cancel" : "pin:sig-pin"});
+        const Outcome result = run(&Pkcs11Manager::generateCsr, onSoftHsm ? "generatecsr-2022" : "generatecsr-2026", replacements);
+        QCOMPARE(result.error, signs ? QString() : outcome);
+        QCOMPARE(user.seen(), QStringList(config.contains("context_pin") ? 2 : 1, "form"));
         QCOMPARE(pinRequests.count(), user.seen().size());
-        // The new key's modulus is read before its exponent.
         const QStringList trace = TraceSwitch::trace();
+        QCOMPARE(objects(), before + (signs || kept ? 2 : 0));
+        QCOMPARE(trace.count(kept ? "C_DestroyObject returned 48 (CKR_DEVICE_ERROR)" : "C_DestroyObject returned 0 (CKR_OK)"), signs ? 0 : 2);
+        QVERIFY(trace.lastIndexOf("Going to call C_DestroyObject") < trace.lastIndexOf("Going to call C_CloseSession"));
+        QCOMPARE(TraceSwitch::text().count(" - W - The new key could not be destroyed"), kept ? 2 : 0);
+        if (!signs)
+            return;
+        // The new key's modulus is read before its exponent.
         QStringList keyReads = trace.mid(trace.indexOf(QRegularExpression("C_GenerateKeyPair returned .*")))
                                    .filter(QRegularExpression("^   Attribute: \\d+ \\(CKA_(MODULUS|PUBLIC_EXPONENT)\\)$"));
         keyReads.removeDuplicates();
         QCOMPARE(keyReads, QStringList({"   Attribute: 288 (CKA_MODULUS)", "   Attribute: 290 (CKA_PUBLIC_EXPONENT)"}));
-
         // Signed on the token by the key it carries (so the key is the token's new one), with the
         // requested digest, subject and the KovData the token holds for the new key.
         const QString text = openssl({"req", "-verify", "-noout", "-text", "-nameopt", "RFC2253"},
-                                     QRegularExpression("<CSR>([^<]*)</CSR>").match(outcome.document).captured(1).toLatin1());
-        QVERIFY2(text.contains("verify OK") && text.contains("Signature Algorithm: " + algorithm)
-                     && text.contains("Subject: CN=Scriva Test Subject")
-                     && text.contains("1.2.203.7064.1.1.12.20180406:") == testModule,
+                                     QRegularExpression("<CSR>([^<]*)</CSR>").match(result.document).captured(1).toLatin1());
+        QVERIFY2(text.contains("verify OK") && text.contains("Signature Algorithm: " + outcome)
+                     && text.contains("Subject: CN=Scriva Test Subject") && text.contains("1.2.203.7064.1.1.12.20180406:") == !onSoftHsm,
                  qPrintable(text));
-    }
-
-    // A request that fails once its key pair exists takes the pair back off the token, in the same
-    // session, and answers as it would have; a pair that cannot be destroyed is only logged.
-    void failedCsrDestroysItsNewKeys_data()
-    {
-        QTest::addColumn<QStringList>("config");
-        QTest::addColumn<QString>("digest"); // mechanism number
-        QTest::addColumn<QString>("error");
-        const auto failing = [](const char* call) {
-            return QStringList(QStringLiteral("fail_calls=%1:0x30").arg(call));
-        };
-        const auto deviceError = [](const char* call) { return Pkcs11Exception::detailText(call, CKR_DEVICE_ERROR); };
-        QTest::newRow("digest the request cannot carry") << QStringList() << "597" << "AlgorithmNotSupported";
-        QTest::newRow("C_DigestInit") << failing("C_DigestInit") << "592" << deviceError("C_DigestInit");
-        QTest::newRow("C_Digest") << failing("C_Digest") << "592" << deviceError("C_Digest");
-        QTest::newRow("C_SignInit") << failing("C_SignInit") << "592" << deviceError("C_SignInit");
-        QTest::newRow("context PIN cancelled") << QStringList({"always_authenticate=1", "context_pin=sig-pin"}) << "592"
-                                               << "OperationCanceled";
-        QTest::newRow("C_Sign") << failing("C_Sign") << "592" << deviceError("C_Sign");
-        QTest::newRow("modulus unreadable") << QStringList("lie=C_GetAttributeValue:grow") << "592"
-                                            << Pkcs11Exception::detailText("C_GetAttributeValue", CKR_GENERAL_ERROR);
-        QTest::newRow("keys not destroyed") << failing("C_Sign:0x30,C_DestroyObject") << "592" << deviceError("C_Sign");
-    }
-
-    void failedCsrDestroysItsNewKeys()
-    {
-        QFETCH(QStringList, config);
-        QFETCH(QString, digest);
-        QFETCH(QString, error);
-        const auto objects = [&] {
-            int count = 0;
-            for (QDirIterator file(store->directory(), {"*.object"}, QDir::Files, QDirIterator::Subdirectories); file.hasNext(); file.next())
-                ++count;
-            return count;
-        };
-        QVERIFY(configureModule(work, config << "kov_data_hex=3003020101"));
-        const int before = objects();
-        user.script({"pin:" + userPin, "cancel"});
-        TraceSwitch::set(true);
-        // Both keys on the token, where a failed request would leave them.
-        const QMap<QString, QString> request{{"<CsrDigestMechanism>592", "<CsrDigestMechanism>" + digest},
-            {"<PrivateKeyAttributes>", "<PrivateKeyAttributes>" + attribute("Bool", CKA_TOKEN, "true")}};
-        QCOMPARE(run(&Pkcs11Manager::generateCsr, "generatecsr-2022", request).error, error);
-        const QStringList trace = TraceSwitch::trace();
-        const bool kept = config.join(',').contains("C_DestroyObject");
-        QCOMPARE(trace.count(kept ? "C_DestroyObject returned 48 (CKR_DEVICE_ERROR)" : "C_DestroyObject returned 0 (CKR_OK)"), 2);
-        QCOMPARE(objects(), before + (kept ? 2 : 0));
-        QCOMPARE(TraceSwitch::text().count(" - W - The new key could not be destroyed"), kept ? 2 : 0);
-        QVERIFY(trace.lastIndexOf("Going to call C_DestroyObject") < trace.lastIndexOf("Going to call C_CloseSession"));
     }
 
     // A module's counts and lengths are checked before the host allocates or reads by them, and
