@@ -80,8 +80,7 @@ inline Outcome runOnWorker(std::function<QString()> call)
                } catch (const AppException& e) {
                    return Outcome{e.getMessage(), e.getCause() ? e.getCause()->getMessage() : QString(), {}};
                }
-           })
-        .result();
+           }).result();
 }
 
 // The same for a call that returns nothing.
