@@ -175,7 +175,7 @@ private slots:
                                                   << true << none << "OperationCanceled" << none;
         QTest::newRow("cancelled on the PIN pad, going on") << QStringList({"pin_pad_pin=" + userPin, "cancel_calls=C_Login"})
                                                             << "" << false << none << "" << none;
-        QTest::newRow("token fails the login") << QStringList("login_rv=0x30") << "" << true << QStringList("pin:" + userPin)
+        QTest::newRow("token fails the login") << QStringList("fail_calls=C_Login:0x30") << "" << true << QStringList("pin:" + userPin)
             << "PKCS#11 method C_Login returned error CKR_DEVICE_ERROR (0x00000030)" << form;
         QTest::newRow("host ending") << none << "before" << true << none << "Scriva is terminating" << none;
         // The PIN typed into the form never reaches the token.

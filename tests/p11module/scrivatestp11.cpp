@@ -17,9 +17,8 @@
 //   token_info_fail_rv=0x30       ... with this value (default CKR_DEVICE_ERROR)
 //   cancel_calls=C_Login,C_Sign   C_Login, C_SignInit, and C_Sign into a buffer, answer CKR_FUNCTION_CANCELED
 //                                 (C_LoginContext: only the context-specific logins)
-//   login_rv=0x30                 every C_Login answers this value
-//   fail_calls=C_Sign:0x30,...    these calls answer that value (C_DigestInit, C_Digest, C_SignInit,
-//                                 C_Sign, C_DestroyObject)
+//   fail_calls=C_Sign:0x30,...    these calls answer that value (C_Login, C_DigestInit, C_Digest,
+//                                 C_SignInit, C_Sign, C_DestroyObject)
 //   always_authenticate=1         private keys read CKA_ALWAYS_AUTHENTICATE = true, and signing
 //                                 needs a CKU_CONTEXT_SPECIFIC login ...
 //   context_pin=5678              ... with this PIN (a null PIN is accepted with a PIN pad)
@@ -265,8 +264,8 @@ CK_RV testLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType, CK_UTF8CHAR_PT
         return CKR_PIN_LOCKED;
     if (listed("cancel_calls", "C_Login") || (userType == CKU_CONTEXT_SPECIFIC && listed("cancel_calls", "C_LoginContext")))
         return CKR_FUNCTION_CANCELED;
-    if (has("login_rv"))
-        return number("login_rv");
+    if (const CK_RV rv = failure("C_Login"))
+        return rv;
     if (userType == CKU_CONTEXT_SPECIFIC && contextLogins.count(session)) {
         // Without a PIN only the PIN pad can log in.
         if (pin ? std::string(pin, pin + pinLength) != text("context_pin") : !has("pin_pad_pin")) {
@@ -281,8 +280,10 @@ CK_RV testLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType, CK_UTF8CHAR_PT
     const bool onPad = !pin && has("pin_pad_pin");
     const CK_RV rv = target->C_Login(session, userType, onPad ? reinterpret_cast<CK_UTF8CHAR_PTR>(padPin.data()) : pin,
                                      onPad ? padPin.size() : pinLength);
-    if (rv == CKR_PIN_INCORRECT || rv == CKR_OK)
-        wrongPins = rv == CKR_OK ? 0 : wrongPins + 1;
+    if (rv == CKR_OK)
+        wrongPins = 0;
+    else if (rv == CKR_PIN_INCORRECT)
+        ++wrongPins;
     return rv;
 }
 
