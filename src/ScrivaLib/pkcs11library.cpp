@@ -227,13 +227,25 @@ void Pkcs11Library::showPinIncorrect(const QString& pinName)
     prompt->showPinIncorrect(tr("AppName"), text);
 }
 
+Pkcs11TokenInfo Pkcs11Library::tokenInfoAfterWrongPin(const Pkcs11TokenInfo& old)
+{
+    try {
+        return getTokenInfo(old.getSlotId());
+    } catch (const AppException& e) {
+        qWarning().noquote() << QStringLiteral("Token information not read again: ") + e.toString(true);
+        return old;
+    }
+}
+
 void Pkcs11Library::login(CK_SESSION_HANDLE session, const Pkcs11SlotInfo& slotInfo,
-                          const Pkcs11TokenInfo& tokenInfo, bool cancelIsError)
+                          const Pkcs11TokenInfo& firstTokenInfo, bool cancelIsError)
 {
     qDebug().noquote() << Q_FUNC_INFO;
     if (isUserLoggedIn(session))
         return;
     throwIfTerminating();
+    // A wrong PIN changes what the token warns of (count low, final try).
+    Pkcs11TokenInfo tokenInfo = firstTokenInfo;
     for (;;) {
         CK_RV rv = CKR_OK;
         if (tokenInfo.hasProtectedAuthPath()) {
@@ -263,6 +275,7 @@ void Pkcs11Library::login(CK_SESSION_HANDLE session, const Pkcs11SlotInfo& slotI
             // Asked again until the token's own retry counter locks it.
             showPinIncorrect(pin1Name);
             throwIfTerminating();
+            tokenInfo = tokenInfoAfterWrongPin(tokenInfo);
             break;
         case CKR_PIN_LOCKED:
             throwPinBlocked(pin1Name);
@@ -290,10 +303,11 @@ const SecretPin& Pkcs11Library::cachedContextPin(const Pkcs11SlotInfo& slotInfo,
 }
 
 void Pkcs11Library::contextLogin(CK_SESSION_HANDLE session, const Pkcs11SlotInfo& slotInfo,
-                                 const Pkcs11TokenInfo& tokenInfo)
+                                 const Pkcs11TokenInfo& firstTokenInfo)
 {
     qDebug().noquote() << Q_FUNC_INFO;
     throwIfTerminating();
+    Pkcs11TokenInfo tokenInfo = firstTokenInfo;
     for (;;) {
         SecretPin asked;
         const SecretPin* pin = &asked;
@@ -321,6 +335,7 @@ void Pkcs11Library::contextLogin(CK_SESSION_HANDLE session, const Pkcs11SlotInfo
             contextPinCache.erase(slotInfo.getSlotId());
             showPinIncorrect(pin2Name);
             throwIfTerminating();
+            tokenInfo = tokenInfoAfterWrongPin(tokenInfo);
             break;
         case CKR_PIN_LOCKED:
             throwPinBlocked(pin2Name);
@@ -448,6 +463,12 @@ void Pkcs11Library::createObject(CK_SESSION_HANDLE session, const QList<CK_ATTRI
     std::vector<CK_ATTRIBUTE> objectTemplate = contiguous(attributes);
     PKCS11_CHECK("C_CreateObject", functions->C_CreateObject(session, objectTemplate.data(),
                                                static_cast<CK_ULONG>(objectTemplate.size()), object));
+}
+
+// Not stopped by an abandoned operation: it takes back what the operation left on the token.
+void Pkcs11Library::destroyObject(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object)
+{
+    PKCS11_CHECK("C_DestroyObject", functions->C_DestroyObject(session, object));
 }
 
 QList<unsigned long> Pkcs11Library::findObjects(CK_SESSION_HANDLE session, CK_ATTRIBUTE_PTR searchTemplate,

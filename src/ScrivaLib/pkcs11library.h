@@ -83,6 +83,7 @@ public:
                          const QList<CK_ATTRIBUTE>& publicTemplate, const QList<CK_ATTRIBUTE>& privateTemplate,
                          CK_OBJECT_HANDLE_PTR publicKey, CK_OBJECT_HANDLE_PTR privateKey);
     void createObject(CK_SESSION_HANDLE session, const QList<CK_ATTRIBUTE>& attributes, CK_OBJECT_HANDLE_PTR object);
+    void destroyObject(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object);
     QList<unsigned long> findObjects(CK_SESSION_HANDLE session, CK_ATTRIBUTE_PTR searchTemplate, CK_ULONG count);
 
     static constexpr const char* monetProIdPlatform = "Monet+ ProID+Q";
@@ -103,6 +104,9 @@ private:
                                       SecretPin& unsaved);
     CK_RV callLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType, const SecretPin* pin);
     void showPinIncorrect(const QString& pinName);
+    // What the token reports after a wrong PIN, for the next form; the old information when it
+    // cannot be read.
+    Pkcs11TokenInfo tokenInfoAfterWrongPin(const Pkcs11TokenInfo& old);
     // Two-call length protocol of C_GetAttributeValue for one attribute.
     QByteArray readAttribute(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ULONG type,
                              bool queryUnavailable);

@@ -212,6 +212,19 @@ CK_RV Pkcs11Logger::C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR 
     return rv;
 }
 
+CK_RV Pkcs11Logger::C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject)
+{
+    PKCS11_REQUIRE(C_DestroyObject)
+    if (Trace::traceInput("C_DestroyObject")) {
+        pkcs11_logger_log(" hSession: %lu", hSession);
+        pkcs11_logger_log(" hObject: %lu", hObject);
+    }
+    const CK_RV rv = functions->C_DestroyObject(hSession, hObject);
+    const bool tracing = Trace::isTracing();
+    Trace::traceResult(tracing, "C_DestroyObject", rv);
+    return rv;
+}
+
 CK_RV Pkcs11Logger::C_GetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject,
                                         CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount)
 {

@@ -20,21 +20,29 @@ public:
     static constexpr CK_ULONG maxSlots = 1024;
     static constexpr CK_ULONG maxObjects = 65536;
     static constexpr CK_ULONG maxValueLength = 1024 * 1024;
+    // How often a read is started when its answer keeps outgrowing the count.
+    static constexpr int rounds = 3;
 
     // call(buffer, &count) is made first with a null buffer and a count of 0, then with a buffer
     // of the answered count, zeroed (even for a count of 0). Returns the elements the module filled.
-    // A failing return value raises the function's Pkcs11Exception; the call may raise its own
-    // exception first.
+    // When the answer outgrew the count in between (a token arrived), both calls are made again, up
+    // to `rounds` times in all. A failing return value raises the function's Pkcs11Exception; the
+    // call may raise its own exception first.
     template<typename T, typename Call>
     static std::vector<T> read(const char* function, const char* unit, CK_ULONG limit, Call call)
     {
-        CK_ULONG count = 0;
-        check(function, call(static_cast<T*>(nullptr), &count));
-        const CK_ULONG room = withinLimit(function, unit, count, limit);
-        std::vector<T> buffer(std::max<CK_ULONG>(room, 1));
-        check(function, call(buffer.data(), &count));
-        buffer.resize(withinRoom(function, unit, count, room));
-        return buffer;
+        for (int round = 1;; ++round) {
+            CK_ULONG count = 0;
+            check(function, call(static_cast<T*>(nullptr), &count));
+            const CK_ULONG room = withinLimit(function, unit, count, limit);
+            std::vector<T> buffer(std::max<CK_ULONG>(room, 1));
+            const CK_RV rv = call(buffer.data(), &count);
+            if (rv == CKR_BUFFER_TOO_SMALL && round < rounds)
+                continue;
+            check(function, rv);
+            buffer.resize(withinRoom(function, unit, count, room));
+            return buffer;
+        }
     }
 
     // The same for the bytes of a digest or signature.

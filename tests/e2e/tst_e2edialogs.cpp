@@ -160,6 +160,32 @@ private slots:
         QCOMPARE(heard.replace(QRegularExpression("slot ID 0x\\w+"), "slot ID").split('\n'), QString(expected.readAll()).split('\n'));
     }
 
+    // After each wrong PIN the next form warns as the token now does: a wrong PIN was entered, then
+    // the last try. The right PIN at the last try still logs in.
+    void formAfterAWrongPinWarnsAsTheTokenNow()
+    {
+        QProcess reader;
+        reader.setProcessEnvironment(th.host().environment());
+        reader.start("/usr/bin/python3", {SCRIVA_SOURCE_DIR "/tests/e2e/screenreader.py"});
+        QString heard;
+        const auto heardFocus = [&](int times) { return QTest::qWaitFor([&] { return (heard += reader.readAll()).count("focus: ") >= times; }, 20000); };
+        QVERIFY(reader.waitForReadyRead(20000) && th.configureTestModule("pin_tries=3\n"));
+        QStringList windows{startLoginOperation(onPinPad)};
+        for (const int form : {1, 3}) { // a wrong PIN into the form, then the message dismissed
+            QVERIFY(heardFocus(form) && display.type(windows.last(), "9999", "Return"));
+            windows << display.waitForWindow(formTitle, windows);
+            QVERIFY(heardFocus(form + 1) && display.type(windows.last(), {}, "Return"));
+            windows << display.waitForWindow(formTitle, windows);
+        }
+        QVERIFY(heardFocus(5) && display.type(windows.last(), TokenHost::userPin, "Return"));
+        QCOMPARE(nextAnswer(), "CreateObject: ");
+        reader.close();
+        QCOMPARE(heard.split('\n').filter("focus: password text"),
+                 QStringList({"focus: password text | PIN:",
+                              "focus: password text | PIN: | A wrong PIN has been entered since the last successful login.",
+                              "focus: password text | PIN: | This is the last try before the PIN is blocked."}));
+    }
+
     void whileTheFormWaitsOtherRequestsAreAnsweredOrRefused()
     {
         const QString form = startLoginOperation();

@@ -19,8 +19,9 @@ namespace EngineTest {
 
 // A user in front of the screen, as the engine sees one: through its PIN prompt. Each step of the
 // script answers the next PIN request ("pin:<PIN>", with ":save" to tick the save box, or "cancel")
-// or wrong-PIN message ("ok"). seen() lists "form", "context form", "box: <title>: <text>", and
-// "unexpected ..." for whatever the script did not foresee (a form is then cancelled).
+// or wrong-PIN message ("ok"). seen() lists "form", "context form" (with the token's warning, e.g.
+// "form (final try)"), "box: <title>: <text>", and "unexpected ..." for whatever the script did not
+// foresee (a form is then cancelled).
 class ScriptedUser : public PinPrompt
 {
 public:
@@ -35,18 +36,20 @@ public:
         QMutexLocker locker(&mutex);
         return shown;
     }
-    SecretPin requestPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo&, const QString&) override { return answer("form"); }
-    SecretPin requestContextPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo&, const QString&, bool* save) override
+    SecretPin requestPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo& token, const QString&) override { return answer("form", &token); }
+    SecretPin requestContextPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo& token, const QString&, bool* save) override
     {
-        return answer(QStringLiteral("context form"), save);
+        return answer("context form", &token, save);
     }
     void showPinIncorrect(const QString& title, const QString& text) override { answer("box: " + title + ": " + text); }
     void closeDialogs() override {}
     bool isClosed() const override { return false; }
 
 private:
-    SecretPin answer(const QString& what, bool* save = nullptr)
+    SecretPin answer(QString what, const Pkcs11TokenInfo* token = nullptr, bool* save = nullptr)
     {
+        const CK_FLAGS flags = token ? token->getInfo().flags : 0;
+        what += flags & CKF_USER_PIN_FINAL_TRY ? " (final try)" : flags & CKF_USER_PIN_COUNT_LOW ? " (count low)" : "";
         QMutexLocker locker(&mutex);
         const bool expected = !steps.isEmpty() && (steps.first() == QLatin1String("ok")) == what.startsWith("box");
         const QStringList step = (expected ? steps.takeFirst() : QStringLiteral("cancel")).split(QLatin1Char(':'));
@@ -77,8 +80,7 @@ inline Outcome runOnWorker(std::function<QString()> call)
                } catch (const AppException& e) {
                    return Outcome{e.getMessage(), e.getCause() ? e.getCause()->getMessage() : QString(), {}};
                }
-           })
-        .result();
+           }).result();
 }
 
 // The same for a call that returns nothing.

@@ -7,14 +7,18 @@
 //   cant_lock_once=1              the first C_Initialize that asks for OS locking answers CKR_CANT_LOCK
 //   pin_pad_pin=1234              the token reports a protected authentication path, and a
 //                                 C_Login without a PIN logs in with this PIN
-//   lock_after_wrong_pins=3       after that many wrong PINs every C_Login answers CKR_PIN_LOCKED
+//   pin_tries=3                   the PINs take that many wrong tries, as real tokens count them: after
+//                                 a wrong one C_GetTokenInfo reports CKF_USER_PIN_COUNT_LOW, with one
+//                                 try left CKF_USER_PIN_FINAL_TRY, then CKF_USER_PIN_LOCKED, and every
+//                                 C_Login answers CKR_PIN_LOCKED; a right PIN starts the count again
 //   user_pin_flags=count_low      C_GetTokenInfo adds CKF_USER_PIN_COUNT_LOW, final_try adds
 //                                 CKF_USER_PIN_FINAL_TRY (both: count_low,final_try)
 //   token_info_fail_label=Broken  C_GetTokenInfo of the token with this label fails ...
 //   token_info_fail_rv=0x30       ... with this value (default CKR_DEVICE_ERROR)
 //   cancel_calls=C_Login,C_Sign   C_Login, C_SignInit, and C_Sign into a buffer, answer CKR_FUNCTION_CANCELED
 //                                 (C_LoginContext: only the context-specific logins)
-//   login_rv=0x30                 every C_Login answers this value
+//   fail_calls=C_Sign:0x30,...    these calls answer that value (C_Login, C_DigestInit, C_Digest,
+//                                 C_SignInit, C_Sign, C_DestroyObject)
 //   always_authenticate=1         private keys read CKA_ALWAYS_AUTHENTICATE = true, and signing
 //                                 needs a CKU_CONTEXT_SPECIFIC login ...
 //   context_pin=5678              ... with this PIN (a null PIN is accepted with a PIN pad)
@@ -23,6 +27,9 @@
 //   kov_data_hex=3003020101       vendor attribute 0x80000007 of public keys
 //   unavailable_type=0x122        this attribute of any object answers CKR_OK with an unavailable length
 //   no_slots=1                    C_GetSlotList reports no slots
+//   slot_list_grows=2             a token arrives between the two C_GetSlotList calls that many times:
+//                                 the count asked without a buffer leaves a slot out, and the call with
+//                                 the buffer answers CKR_BUFFER_TOO_SMALL with the whole count
 //   lie=C_Sign:grow               the call answers CKR_OK with a count or length it does not mean:
 //                                 grow: 6 more than the buffer it filled; shrink: one fewer;
 //                                 huge: 2^40 when asked without a buffer (C_GetSlotList,
@@ -57,6 +64,7 @@ std::mutex mutex;
 std::map<std::string, std::string> config;
 bool lockingRefused = false;
 unsigned long wrongPins = 0;
+unsigned long slotListGrowths = 0;
 // Sessions signing with a key that needs a context login, and whether it was made.
 std::map<CK_SESSION_HANDLE, bool> contextLogins;
 
@@ -121,7 +129,26 @@ void garble(CK_UTF8CHAR (&field)[size])
         field[i] = static_cast<CK_UTF8CHAR>(junk[i % (sizeof(junk) - 1)]);
 }
 
-bool pinLocked() { return has("lock_after_wrong_pins") && wrongPins >= number("lock_after_wrong_pins"); }
+bool pinLocked() { return has("pin_tries") && wrongPins >= number("pin_tries"); }
+
+// The value the call is configured to fail with, or CKR_OK.
+CK_RV failure(const std::string& call)
+{
+    const std::string list = "," + text("fail_calls");
+    const std::size_t at = list.find("," + call + ":");
+    return at == std::string::npos ? CKR_OK : std::strtoul(list.c_str() + at + call.size() + 2, nullptr, 0);
+}
+
+template<typename Call, typename... Arguments>
+CK_RV unlessFailing(const char* call, Call forward, Arguments... arguments)
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (const CK_RV rv = failure(call))
+            return rv;
+    }
+    return forward(arguments...);
+}
 
 bool hasClass(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_OBJECT_CLASS wanted)
 {
@@ -164,7 +191,7 @@ CK_RV testInitialize(CK_VOID_PTR initArgs)
     }
     const CK_RV rv = target->C_Initialize(initArgs);
     if (rv == CKR_OK) {
-        wrongPins = 0;
+        wrongPins = slotListGrowths = 0;
         contextLogins.clear();
     }
     return rv;
@@ -181,6 +208,15 @@ CK_RV testFinalize(CK_VOID_PTR reserved)
 CK_RV testGetSlotList(CK_BBOOL present, CK_SLOT_ID_PTR list, CK_ULONG_PTR count)
 {
     std::lock_guard<std::mutex> lock(mutex);
+    if (slotListGrowths < number("slot_list_grows")) {
+        const CK_RV rv = target->C_GetSlotList(present, nullptr, count);
+        if (rv != CKR_OK || *count == 0)
+            return rv;
+        if (!list)
+            return --*count, CKR_OK;
+        ++slotListGrowths;
+        return CKR_BUFFER_TOO_SMALL;
+    }
     if (!number("no_slots"))
         return lieAbout("C_GetSlotList", list, count, target->C_GetSlotList(present, list, count));
     *count = 0;
@@ -210,6 +246,8 @@ CK_RV testGetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info)
         info->flags |= CKF_PROTECTED_AUTHENTICATION_PATH;
     if (pinLocked())
         info->flags |= CKF_USER_PIN_LOCKED;
+    else if (has("pin_tries") && wrongPins > 0)
+        info->flags |= wrongPins + 1 == number("pin_tries") ? CKF_USER_PIN_FINAL_TRY : CKF_USER_PIN_COUNT_LOW;
     if (listed("user_pin_flags", "count_low"))
         info->flags |= CKF_USER_PIN_COUNT_LOW;
     if (listed("user_pin_flags", "final_try"))
@@ -226,8 +264,8 @@ CK_RV testLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType, CK_UTF8CHAR_PT
         return CKR_PIN_LOCKED;
     if (listed("cancel_calls", "C_Login") || (userType == CKU_CONTEXT_SPECIFIC && listed("cancel_calls", "C_LoginContext")))
         return CKR_FUNCTION_CANCELED;
-    if (has("login_rv"))
-        return number("login_rv");
+    if (const CK_RV rv = failure("C_Login"))
+        return rv;
     if (userType == CKU_CONTEXT_SPECIFIC && contextLogins.count(session)) {
         // Without a PIN only the PIN pad can log in.
         if (pin ? std::string(pin, pin + pinLength) != text("context_pin") : !has("pin_pad_pin")) {
@@ -235,13 +273,16 @@ CK_RV testLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType, CK_UTF8CHAR_PT
             return CKR_PIN_INCORRECT;
         }
         contextLogins[session] = true;
+        wrongPins = 0;
         return CKR_OK;
     }
     std::string padPin = text("pin_pad_pin");
     const bool onPad = !pin && has("pin_pad_pin");
     const CK_RV rv = target->C_Login(session, userType, onPad ? reinterpret_cast<CK_UTF8CHAR_PTR>(padPin.data()) : pin,
                                      onPad ? padPin.size() : pinLength);
-    if (rv == CKR_PIN_INCORRECT)
+    if (rv == CKR_OK)
+        wrongPins = 0;
+    else if (rv == CKR_PIN_INCORRECT)
         ++wrongPins;
     return rv;
 }
@@ -314,6 +355,8 @@ CK_RV testDigest(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLengt
                  CK_ULONG_PTR digestLength)
 {
     std::lock_guard<std::mutex> lock(mutex);
+    if (const CK_RV rv = failure("C_Digest"))
+        return rv;
     return lieAbout("C_Digest", digest, digestLength, target->C_Digest(session, data, dataLength, digest, digestLength));
 }
 
@@ -322,6 +365,8 @@ CK_RV testSignInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJ
     std::lock_guard<std::mutex> lock(mutex);
     if (listed("cancel_calls", "C_SignInit"))
         return CKR_FUNCTION_CANCELED;
+    if (const CK_RV rv = failure("C_SignInit"))
+        return rv;
     const CK_RV rv = target->C_SignInit(session, mechanism, key);
     contextLogins.erase(session);
     if (rv == CKR_OK && number("always_authenticate") && hasClass(session, key, CKO_PRIVATE_KEY))
@@ -335,6 +380,8 @@ CK_RV testSign(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG dataLength,
     std::lock_guard<std::mutex> lock(mutex);
     if (contextLogins.count(session) && !contextLogins[session])
         return CKR_USER_NOT_LOGGED_IN;
+    if (const CK_RV rv = failure("C_Sign"))
+        return rv;
     CK_RV rv = target->C_Sign(session, data, dataLength, signature, signatureLength);
     // A length query leaves the operation running; anything else ends it.
     if (signature || rv != CKR_OK)
@@ -371,6 +418,10 @@ bool loadTarget()
     // Calls the test module adds nothing to except their pace.
     ownList.C_OpenSession = [](auto... arguments) { pause("C_OpenSession"); return target->C_OpenSession(arguments...); };
     ownList.C_CreateObject = [](auto... arguments) { pause("C_CreateObject"); return target->C_CreateObject(arguments...); };
+    ownList.C_DigestInit = [](auto... arguments) { return unlessFailing("C_DigestInit", target->C_DigestInit, arguments...); };
+    ownList.C_DestroyObject = [](auto... arguments) {
+        return unlessFailing("C_DestroyObject", target->C_DestroyObject, arguments...);
+    };
     ownList.C_GenerateKeyPair = [](auto... arguments) {
         pause("C_GenerateKeyPair");
         return target->C_GenerateKeyPair(arguments...);

@@ -17,7 +17,7 @@ CK_FUNCTION_LIST stubList()
 {
     CK_FUNCTION_LIST list{};
     list.C_Initialize = ok, list.C_Login = ok, list.C_FindObjectsInit = ok, list.C_FindObjectsFinal = ok;
-    list.C_DigestInit = ok, list.C_SignInit = ok;
+    list.C_DigestInit = ok, list.C_SignInit = ok, list.C_DestroyObject = ok;
     list.C_Finalize = [](auto) -> CK_RV { return 0x80000001UL; };
     list.C_GetSlotList = [](CK_BBOOL, CK_SLOT_ID_PTR ids, CK_ULONG_PTR count) {
         if (ids)
@@ -160,6 +160,7 @@ private slots:
         mechanism = {CKM_EC_KEY_PAIR_GEN, curve, sizeof(curve)};
         CK_OBJECT_HANDLE publicKey = 0, privateKey = 0;
         QCOMPARE(logger.C_GenerateKeyPair(session, &mechanism, attributes + 3, 1, nullptr, 0, &publicKey, &privateKey), CKR_OK);
+        QCOMPARE(logger.C_DestroyObject(session, privateKey), CKR_OK);
         QCOMPARE(logger.C_Logout(session), CKR_VENDOR_DEFINED);
         QCOMPARE(logger.C_CloseSession(session), CKR_SESSION_HANDLE_INVALID);
         QCOMPARE(logger.C_Finalize(nullptr), 0x80000001UL);

@@ -2,6 +2,7 @@
 
 #include "pkcs11/XmlParser/scrivanamespaces.h"
 #include "pkcs11/pkcs10request.h"
+#include "pkcs11/pkcs11newkeypair.h"
 #include "pkcs11library.h"
 #include "pkcs11sessionguard.h"
 
@@ -223,6 +224,8 @@ QPair<QString, QString> Pkcs11Manager::generateCsr(const QString& libraryPath,
     CK_OBJECT_HANDLE privateKey = CK_INVALID_HANDLE;
     library->generateKeyPair(session.handle(), &keyPairMechanism, request->getPublicKeyAttributes(),
                              request->getPrivateKeyAttributes(), &publicKey, &privateKey);
+    // From here on a failure takes the pair back, before the session closes.
+    Pkcs11NewKeyPair newKeys(library.get(), session.handle(), publicKey, privateKey);
 
     // The modulus is read first, then the exponent.
     const QByteArray modulus = library->getAttributeValue(session.handle(), publicKey, CKA_MODULUS);
@@ -245,6 +248,7 @@ QPair<QString, QString> Pkcs11Manager::generateCsr(const QString& libraryPath,
                                                    alwaysAuthenticate, slot.slotInfo, slot.tokenInfo);
     csr.setSignature(signature, request->getCsrDigestMechanism(), request->getCsrSigningMechanism());
     const QString pem = QString::fromLatin1(csr.getPemEncodedRequest());
+    newKeys.release();
     session.close();
 
     Pkcs11ResponseWriter writer(xmlNamespace, operationData->getNonce(), libraryPath, QStringLiteral("GenerateCsr"));
