@@ -32,8 +32,9 @@
 //                                 fill the texts (but the serial number) with bytes that are not UTF-8
 //   hold_calls=C_GenerateKeyPair  these calls first create <hold_dir>/<call>.entered, so a test knows
 //   hold_dir=/tmp/gates           the host is inside, then wait until <hold_dir>/<call>.release exists
-// Calls that can be held: C_Finalize, C_OpenSession, C_CloseSession, C_CreateObject,
-// C_GenerateKeyPair. Numbers may be decimal or 0x-prefixed hexadecimal.
+// Calls that can be held: C_Finalize, C_GetSlotList, C_OpenSession, C_CloseSession, C_CreateObject,
+// C_GenerateKeyPair; without a release file a held call never returns, like a reader driver
+// waiting on a dead daemon. Numbers may be decimal or 0x-prefixed hexadecimal.
 
 #include <p11-kit/pkcs11.h>
 
@@ -180,6 +181,7 @@ CK_RV testFinalize(CK_VOID_PTR reserved)
 
 CK_RV testGetSlotList(CK_BBOOL present, CK_SLOT_ID_PTR list, CK_ULONG_PTR count)
 {
+    pause("C_GetSlotList");
     std::lock_guard<std::mutex> lock(mutex);
     if (!number("no_slots"))
         return lieAbout("C_GetSlotList", list, count, target->C_GetSlotList(present, list, count));
