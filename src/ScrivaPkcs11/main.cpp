@@ -79,6 +79,10 @@ int main(int argc, char** argv)
 
     app->startThreads();
     const int exitCode = app->exec();
+    // Closed input, Terminate or a signal ended the loop; a worker stuck in a module call must
+    // not keep the host beyond that.
+    if (!app->waitForWorkers())
+        app->endAbandoningWorkers(exitCode);
 
     Q_CLEANUP_RESOURCE(scriva);
     qInfo().noquote() << "Application quits with exit code: " + QString::number(exitCode);

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <QObject>
+
+class QSocketNotifier;
+
+// Brings SIGTERM, SIGINT and SIGHUP to the thread that made the object, as a Qt signal. A browser
+// sends SIGTERM to a host it has given up on; a closed terminal sends SIGHUP. The handler only
+// writes the signal's number into a pipe that the event loop watches, which is all a handler may
+// safely do. The handlers stay installed for the rest of the process, so a signal during the
+// last steps of the end changes nothing.
+class StopSignals : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit StopSignals(QObject* parent = nullptr);
+
+signals:
+    void stopRequestedSignal(int signalNumber);
+
+private:
+    void onSignalled();
+
+    QSocketNotifier* notifier = nullptr;
+};
