@@ -2,6 +2,7 @@
 #include "loghandler.h"
 #include "nativemessaginghost.h"
 #include "scrivabuildid.h"
+#include "stopsignals.h"
 
 #include <QCommandLineParser>
 #include <QDir>
@@ -18,6 +19,9 @@ int main(int argc, char** argv)
     // A browser that stops reading must not kill the host: a write to the closed pipe fails
     // instead, and the write thread ends the host through its usual warning.
     ::signal(SIGPIPE, SIG_IGN);
+    // A browser may send SIGTERM as soon as the page goes, also while the host starts: the host
+    // then ends as though the browser had closed the pipe.
+    StopSignals::install();
 
     // A browser may start the host without stdin, stdout or stderr. The numbers stay taken by
     // an empty device, so the pipes' threads never read or write a descriptor of the host's own

@@ -24,15 +24,12 @@ extern "C" void onStopSignal(int number)
 
 } // namespace
 
-StopSignals::StopSignals(QObject* parent) : QObject(parent)
+bool StopSignals::install()
 {
-    if (pipeEnds[0] < 0 && ::pipe2(pipeEnds, O_CLOEXEC | O_NONBLOCK) != 0) {
-        qWarning().noquote() << "Unable to watch for signals: errno" << errno;
-        return;
-    }
-    notifier = new QSocketNotifier(pipeEnds[0], QSocketNotifier::Read, this);
-    connect(notifier, &QSocketNotifier::activated, this, &StopSignals::onSignalled);
-
+    if (pipeEnds[0] >= 0)
+        return true;
+    if (::pipe2(pipeEnds, O_CLOEXEC | O_NONBLOCK) != 0)
+        return false;
     struct sigaction action = {};
     action.sa_handler = onStopSignal;
     sigemptyset(&action.sa_mask);
@@ -40,6 +37,17 @@ StopSignals::StopSignals(QObject* parent) : QObject(parent)
     action.sa_flags = SA_RESTART;
     for (const int number : {SIGTERM, SIGINT, SIGHUP})
         ::sigaction(number, &action, nullptr);
+    return true;
+}
+
+StopSignals::StopSignals(QObject* parent) : QObject(parent)
+{
+    if (!install()) {
+        qWarning().noquote() << "Unable to watch for signals: errno" << errno;
+        return;
+    }
+    auto* notifier = new QSocketNotifier(pipeEnds[0], QSocketNotifier::Read, this);
+    connect(notifier, &QSocketNotifier::activated, this, &StopSignals::onSignalled);
 }
 
 void StopSignals::onSignalled()

@@ -2,8 +2,6 @@
 
 #include <QObject>
 
-class QSocketNotifier;
-
 // Brings SIGTERM, SIGINT and SIGHUP to the thread that made the object, as a Qt signal. A browser
 // sends SIGTERM to a host it has given up on; a closed terminal sends SIGHUP. The handler only
 // writes the signal's number into a pipe that the event loop watches, which is all a handler may
@@ -14,6 +12,9 @@ class StopSignals : public QObject
     Q_OBJECT
 
 public:
+    // Installs the handlers; a signal that comes before the object exists waits in the pipe.
+    static bool install();
+
     explicit StopSignals(QObject* parent = nullptr);
 
 signals:
@@ -21,6 +22,4 @@ signals:
 
 private:
     void onSignalled();
-
-    QSocketNotifier* notifier = nullptr;
 };
