@@ -19,9 +19,6 @@ int main(int argc, char** argv)
     // A browser that stops reading must not kill the host: a write to the closed pipe fails
     // instead, and the write thread ends the host through its usual warning.
     ::signal(SIGPIPE, SIG_IGN);
-    // A browser may send SIGTERM as soon as the page goes, also while the host starts: the host
-    // then ends as though the browser had closed the pipe.
-    StopSignals::install();
 
     // A browser may start the host without stdin, stdout or stderr. The numbers stay taken by
     // an empty device, so the pipes' threads never read or write a descriptor of the host's own
@@ -29,6 +26,11 @@ int main(int argc, char** argv)
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
         if (::fcntl(fd, F_GETFD) == -1)
             ::open("/dev/null", fd == STDIN_FILENO ? O_RDONLY : O_WRONLY);
+
+    // A browser may send SIGTERM as soon as the page goes, also while the host starts: the host
+    // then ends as though the browser had closed the pipe. After the standard descriptors are
+    // taken, so the signal pipe never becomes stdin.
+    StopSignals::install();
 
     // A large frame is read into, and parsed into, buffers of its own size. Served from the one
     // main heap instead of fresh mappings, and kept there while frames come, the next large
