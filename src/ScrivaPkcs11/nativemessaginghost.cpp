@@ -51,7 +51,7 @@ bool NativeMessagingHost::waitForWorkers()
 
 void NativeMessagingHost::endAbandoningWorkers(int exitCode)
 {
-    qWarning().noquote() << "A PKCS#11 call has not returned within" << workerGracePeriodMs << "ms; it is abandoned";
+    qWarning().noquote() << "A token worker has not finished within" << workerGracePeriodMs << "ms; it is abandoned";
     // The I/O threads share nothing with the worker; the answers queued before the end, such as
     // Terminate's, are written before the write thread stops.
     stopThreads();

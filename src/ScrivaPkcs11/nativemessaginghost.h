@@ -17,8 +17,8 @@ class NativeMessagingHost : public QApplication
 public:
     static constexpr const char* programVersion = "2.6.1";
     static constexpr const char* translationsDirectory = "../share/translations/";
-    // How long a token worker may still take once the event loop has ended. The browser expects
-    // the host gone within five seconds of closing the pipe or sending a signal.
+    // How long a token worker may still take once the event loop has ended. With at most a second
+    // for each I/O thread after it, the host ends within five seconds of a closed pipe or a signal.
     static constexpr int workerGracePeriodMs = 2000;
 
     NativeMessagingHost(int& argc, char** argv);
@@ -46,8 +46,9 @@ protected:
     bool event(QEvent* event) override;
 
 private:
-    // Every way out (Terminate, the browser closing the pipe, a broken frame) comes here when the
-    // application starts to quit: the running operation is abandoned and its dialogs close.
+    // Every way out (Terminate, the browser closing the pipe, a broken frame, a signal) comes here
+    // when the application starts to quit: the running operation is abandoned, its dialogs close
+    // and the host window goes.
     void abandonOperations();
     void stopThreads();
 
