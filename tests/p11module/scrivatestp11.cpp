@@ -32,9 +32,8 @@
 //                                 fill the texts (but the serial number) with bytes that are not UTF-8
 //   hold_calls=C_GenerateKeyPair  these calls first create <hold_dir>/<call>.entered, so a test knows
 //   hold_dir=/tmp/gates           the host is inside, then wait until <hold_dir>/<call>.release exists
-// Calls that can be held: C_Finalize, C_GetSlotList, C_OpenSession, C_CloseSession, C_CreateObject,
-// C_GenerateKeyPair; without a release file a held call never returns, like a reader driver
-// waiting on a dead daemon. Numbers may be decimal or 0x-prefixed hexadecimal.
+// Calls that can be held, for ever without a release file: C_Finalize, C_GetSlotList, C_OpenSession,
+// C_CloseSession, C_CreateObject, C_GenerateKeyPair. Numbers may be decimal or 0x-prefixed hexadecimal.
 
 #include <p11-kit/pkcs11.h>
 
