@@ -4,7 +4,26 @@
 
 #include <openssl/crypto.h>
 
+#include <map>
+#include <mutex>
 #include <utility>
+
+namespace {
+
+// Every PIN buffer alive and its size. Never destroyed: a PIN may die after static destruction.
+std::mutex& liveMutex()
+{
+    static auto* mutex = new std::mutex;
+    return *mutex;
+}
+
+std::map<unsigned char*, std::size_t>& liveBuffers()
+{
+    static auto* buffers = new std::map<unsigned char*, std::size_t>;
+    return *buffers;
+}
+
+} // namespace
 
 SecretPin SecretPin::fromText(QStringView text)
 {
@@ -16,6 +35,8 @@ SecretPin SecretPin::fromText(QStringView text)
     pin.bytes.reset(new unsigned char[pin.capacity]);
     char* end = encoder.appendToBuffer(reinterpret_cast<char*>(pin.bytes.get()), text);
     pin.length = std::size_t(end - reinterpret_cast<char*>(pin.bytes.get()));
+    std::lock_guard<std::mutex> lock(liveMutex());
+    liveBuffers()[pin.bytes.get()] = pin.capacity;
     return pin;
 }
 
@@ -42,11 +63,22 @@ SecretPin& SecretPin::operator=(SecretPin&& other) noexcept
     return *this;
 }
 
-// Only overwrites: the owner frees or replaces the bytes right after. A moved-from PIN has none.
+// Overwrites the bytes and forgets them: the owner frees or replaces them right after. A
+// moved-from PIN has none.
 void SecretPin::wipeBytes()
 {
-    if (bytes)
-        OPENSSL_cleanse(bytes.get(), capacity);
+    if (!bytes)
+        return;
+    std::lock_guard<std::mutex> lock(liveMutex());
+    OPENSSL_cleanse(bytes.get(), capacity);
+    liveBuffers().erase(bytes.get());
+}
+
+void SecretPin::wipeAll()
+{
+    std::lock_guard<std::mutex> lock(liveMutex());
+    for (const auto& [buffer, size] : liveBuffers())
+        OPENSSL_cleanse(buffer, size);
 }
 
 void SecretPin::wipe(QString& text)

@@ -29,6 +29,9 @@ public:
     // empties it. Every string that shares the buffer sees zeros: no detached copy is made and
     // left behind, as QString::fill() would on a shared buffer.
     static void wipe(QString& text);
+    // Overwrites every PIN the process still holds, wherever it is: for an end that runs no
+    // destructors, because a thread left inside a module call may still hold one.
+    static void wipeAll();
 
 private:
     void wipeBytes();

@@ -2,6 +2,7 @@
 #include "loghandler.h"
 #include "nativemessaginghost.h"
 #include "scrivabuildid.h"
+#include "stopsignals.h"
 
 #include <QCommandLineParser>
 #include <QDir>
@@ -25,6 +26,11 @@ int main(int argc, char** argv)
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
         if (::fcntl(fd, F_GETFD) == -1)
             ::open("/dev/null", fd == STDIN_FILENO ? O_RDONLY : O_WRONLY);
+
+    // A browser may send SIGTERM as soon as the page goes, also while the host starts: the host
+    // then ends as though the browser had closed the pipe. After the standard descriptors are
+    // taken, so the signal pipe never becomes stdin.
+    StopSignals::install();
 
     // A large frame is read into, and parsed into, buffers of its own size. Served from the one
     // main heap instead of fresh mappings, and kept there while frames come, the next large
@@ -79,6 +85,10 @@ int main(int argc, char** argv)
 
     app->startThreads();
     const int exitCode = app->exec();
+    // Closed input, Terminate or a signal ended the loop; a worker stuck in a module call must
+    // not keep the host beyond that.
+    if (!app->waitForWorkers())
+        app->endAbandoningWorkers(exitCode);
 
     Q_CLEANUP_RESOURCE(scriva);
     qInfo().noquote() << "Application quits with exit code: " + QString::number(exitCode);

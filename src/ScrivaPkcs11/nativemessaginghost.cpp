@@ -3,7 +3,10 @@
 #include "Protocol1/nativemessaging1.h"
 #include "appexception.h"
 #include "pkcs11/scrivapkcs11.h"
+#include "pkcs11/ui/mainwindowpkcs11.h"
 #include "readthread.h"
+#include "secretpin.h"
+#include "stopsignals.h"
 #include "terminatingflag.h"
 #include "ui/pinformlauncher.h"
 #include "writethread.h"
@@ -11,6 +14,9 @@
 #include <QDeadlineTimer>
 #include <QRegularExpression>
 #include <QThreadPool>
+
+#include <cstring>
+#include <unistd.h>
 
 NativeMessagingHost::NativeMessagingHost(int& argc, char** argv)
     : QApplication(argc, argv), translator(new QTranslator)
@@ -27,7 +33,37 @@ NativeMessagingHost::~NativeMessagingHost()
     abandonOperations();
     QThreadPool::globalInstance()->waitForDone();
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    stopThreads();
 
+    delete nativeMessagingAdapter;
+    // A thread that did not stop in time is left alone: deleting it would abort the process.
+    if (writeThread && !writeThread->isRunning())
+        delete writeThread;
+    if (readThread && !readThread->isRunning())
+        delete readThread;
+    delete translator;
+}
+
+bool NativeMessagingHost::waitForWorkers()
+{
+    return QThreadPool::globalInstance()->waitForDone(workerGracePeriodMs);
+}
+
+void NativeMessagingHost::endAbandoningWorkers(int exitCode)
+{
+    qWarning().noquote() << "A token worker has not finished within" << workerGracePeriodMs << "ms; it is abandoned";
+    // The I/O threads share nothing with the worker; the answers queued before the end, such as
+    // Terminate's, are written before the write thread stops.
+    stopThreads();
+    SecretPin::wipeAll();
+    qInfo().noquote() << "Application quits with exit code: " + QString::number(exitCode);
+    // Every log line is already in the file, and the sanitizers' exit checks do not run either:
+    // what the worker holds is not a leak but a call that never came back.
+    ::_exit(exitCode);
+}
+
+void NativeMessagingHost::stopThreads()
+{
     qInfo().noquote() << "Requesting the interruption of the threads";
     if (readThread)
         readThread->requestInterruption();
@@ -43,14 +79,6 @@ NativeMessagingHost::~NativeMessagingHost()
         qWarning().noquote() << "Write thread is still running";
     if (readThread && readThread->isRunning())
         qWarning().noquote() << "Read thread is still running";
-
-    delete nativeMessagingAdapter;
-    // A thread that did not stop in time is left alone: deleting it would abort the process.
-    if (writeThread && !writeThread->isRunning())
-        delete writeThread;
-    if (readThread && !readThread->isRunning())
-        delete readThread;
-    delete translator;
 }
 
 bool NativeMessagingHost::event(QEvent* event)
@@ -63,8 +91,11 @@ bool NativeMessagingHost::event(QEvent* event)
 void NativeMessagingHost::abandonOperations()
 {
     TerminatingFlag::set();
-    if (auto* protocol = qobject_cast<NativeMessaging1*>(nativeMessagingAdapter); protocol && protocol->instance())
+    if (auto* protocol = qobject_cast<NativeMessaging1*>(nativeMessagingAdapter); protocol && protocol->instance()) {
         protocol->instance()->abandonOperation();
+        // Gone at once, also when the process waits for a worker before it ends.
+        protocol->instance()->window()->hide();
+    }
     // Also the worker of an instance that was replaced and is still finishing.
     if (auto* launcher = findChild<PinFormLauncher*>(QString(), Qt::FindDirectChildrenOnly))
         launcher->closeDialogs();
@@ -93,9 +124,18 @@ void NativeMessagingHost::startThreads()
         readThread->start(QThread::InheritPriority);
         writeThread = new WriteThread;
         writeThread->start(QThread::InheritPriority);
+        auto* stops = new StopSignals(this);
+        connect(stops, &StopSignals::stopRequestedSignal, this, &NativeMessagingHost::onStopSignal);
     } catch (const AppException& e) {
         qWarning().noquote() << "Unable to start Threads: " + e.toString(true);
     }
+}
+
+void NativeMessagingHost::onStopSignal(int signalNumber)
+{
+    // Whoever started the host wants it gone: the same end as when the browser closes the pipe.
+    qWarning().noquote() << QStringLiteral("Ending on signal SIG%1").arg(QLatin1String(sigabbrev_np(signalNumber)));
+    QCoreApplication::quit();
 }
 
 void NativeMessagingHost::processMessage(QJsonObject obj)

@@ -129,6 +129,10 @@ private slots:
         SecretPin::wipe(text);
         QVERIFY(text.isEmpty());
         QCOMPARE(sharer, QString(8, QChar(0)));
+        // An end without destructors still reaches every PIN alive, also one that was moved.
+        const SecretPin kept(std::move(pin = SecretPin::fromText(u"5678")));
+        SecretPin::wipeAll();
+        QCOMPARE(QByteArray(reinterpret_cast<const char*>(kept.utf8()), 4), QByteArray(4, '\0'));
     }
 
     void logWritesOnlyWhileItsFileExists()

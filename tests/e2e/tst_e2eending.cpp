@@ -1,9 +1,12 @@
 #include "tokenhost.h"
 #include "virtualdisplay.h"
 
+#include <QElapsedTimer>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
+
+#include <csignal>
 
 // The browser goes away (closes the host's input, sends Terminate, or creates a new instance) while
 // a token operation runs, wherever it is: the operation gets no answer and the host ends normally.
@@ -94,6 +97,57 @@ private slots:
         // Long enough for any orderly ending; a host that waits for a user or a dead pipe exceeds it.
         QVERIFY2(th.host().endedNormally(20000), "the host did not end normally");
         QVERIFY(th.host().logContains("Application quits with exit code: 0"));
+    }
+
+    // A module call that never returns (a reader driver waiting on a dead daemon), or a PIN form
+    // nobody answers, must not keep the host once the browser has gone or sent a signal.
+    void hostEndsWhileNothingReturns_data()
+    {
+        QTest::addColumn<QString>("heldCall"); // in GetSlots, held for ever; empty: a GenerateCsr's PIN form waits
+        QTest::addColumn<bool>("terminateFirst");
+        QTest::addColumn<int>("signal"); // 0: the input closes
+        QTest::newRow("closed input") << "C_GetSlotList" << false << 0;
+        QTest::newRow("Terminate, closed input") << "C_GetSlotList" << true << 0;
+        for (const auto& [name, signal] : {std::pair("SIGTERM", SIGTERM), {"SIGINT", SIGINT}, {"SIGHUP", SIGHUP}})
+            QTest::newRow(name) << "C_GetSlotList" << false << signal;
+        QTest::newRow("PIN form open, SIGTERM") << "" << false << SIGTERM;
+    }
+
+    void hostEndsWhileNothingReturns()
+    {
+        QFETCH(QString, heldCall);
+        QFETCH(bool, terminateFirst);
+        QFETCH(int, signal);
+        TokenHost th;
+        QTemporaryDir gates;
+        QVERIFY(th.configureTestModule("hold_dir=" + gates.path().toUtf8() + "\nhold_calls=" + heldCall.toUtf8() + "\n"));
+        th.host().environment().insert("DISPLAY", display.name());
+        th.host().environment().insert("QT_QPA_PLATFORM", "xcb");
+        th.host().enableLog();
+        QVERIFY2(th.start(), qPrintable(th.lastError()));
+        const QString request = heldCall.isEmpty() ? "generatecsr-2026" : "getslots-2026";
+        th.send(request, th.argument(request, TokenHost::onTestModule()));
+        QVERIFY(!display.waitForWindow(heldCall.isEmpty() ? formTitle : "^Corvant Scriva").isEmpty());
+        if (!heldCall.isEmpty())
+            QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(gates.filePath(heldCall + ".entered")), 30000);
+        if (terminateFirst)
+            QCOMPARE(th.callMethod("Terminate").value("error"), QJsonValue(QJsonValue::Null));
+
+        QElapsedTimer ending;
+        ending.start();
+        if (signal)
+            ::kill(pid_t(th.host().qprocess().processId()), signal);
+        else
+            th.host().closeInput();
+        const bool windowsClosed = QTest::qWaitFor([&] { return display.windows("^Corvant Scriva").isEmpty(); }, 1000);
+        QVERIFY2(th.host().waitForExit(5000), "still running after 5 s");
+        qInfo("ended after %lld ms", ending.elapsed());
+        QVERIFY2(th.host().endedNormally(0), "ended by a signal or with an error");
+        QVERIFY2(windowsClosed, "a window stayed open while the host was ending");
+        // An abandoned call leaves nothing to destroy after the last word.
+        const QStringList log = th.host().logLines();
+        const QString quits = "Application quits with exit code: 0";
+        QVERIFY(heldCall.isEmpty() ? th.host().logContains(quits) : log.value(log.size() - 1).contains(quits));
     }
 };
 

@@ -39,8 +39,8 @@
 //                                 fill the texts (but the serial number) with bytes that are not UTF-8
 //   hold_calls=C_GenerateKeyPair  these calls first create <hold_dir>/<call>.entered, so a test knows
 //   hold_dir=/tmp/gates           the host is inside, then wait until <hold_dir>/<call>.release exists
-// Calls that can be held: C_Finalize, C_OpenSession, C_CloseSession, C_CreateObject,
-// C_GenerateKeyPair. Numbers may be decimal or 0x-prefixed hexadecimal.
+// Calls that can be held, for ever without a release file: C_Finalize, C_GetSlotList, C_OpenSession,
+// C_CloseSession, C_CreateObject, C_GenerateKeyPair. Numbers may be decimal or 0x-prefixed hexadecimal.
 
 #include <p11-kit/pkcs11.h>
 
@@ -207,6 +207,7 @@ CK_RV testFinalize(CK_VOID_PTR reserved)
 
 CK_RV testGetSlotList(CK_BBOOL present, CK_SLOT_ID_PTR list, CK_ULONG_PTR count)
 {
+    pause("C_GetSlotList");
     std::lock_guard<std::mutex> lock(mutex);
     if (slotListGrowths < number("slot_list_grows")) {
         const CK_RV rv = target->C_GetSlotList(present, nullptr, count);
