@@ -87,13 +87,14 @@ inline Outcome attempt(std::function<void()> call)
     return runOnWorker([call] { call(); return QString(); });
 }
 
-// Points the test module at its configuration file in `dir` and keeps both modules loaded for the
-// whole process (SoftHSM does not survive being unloaded and loaded again, and every engine
-// operation unloads its module).
+// Points the test module at its configuration file in `dir` and keeps both modules mapped for the
+// whole process, as the engine opens them (SoftHSM does not survive being unmapped and loaded again).
 inline bool prepareModules(const QTemporaryDir& dir)
 {
     static QLibrary softHsm(SoftHsmToken::softHsmModulePath());
     static QLibrary testModule(SoftHsmToken::testModulePath());
+    softHsm.setLoadHints(QLibrary::PreventUnloadHint);
+    testModule.setLoadHints(QLibrary::PreventUnloadHint);
     qputenv("SCRIVA_TEST_P11_CONFIG", dir.filePath(QStringLiteral("module.conf")).toUtf8());
     return softHsm.load() && testModule.load();
 }

@@ -1,4 +1,5 @@
 #include "hostprocess.h"
+#include "tokenhost.h"
 
 #include <QDir>
 #include <QJsonArray>
@@ -182,6 +183,20 @@ private slots:
         QVERIFY(!host.readAnswer().isEmpty() && !host.readAnswer().isEmpty());
         const int peak = residentKiB();
         QTRY_VERIFY2_WITH_TIMEOUT(residentKiB() < peak - (16 << 10), qPrintable(QString::number(residentKiB())), 5000);
+    }
+
+    // A module whose state outlives each operation in the worker threads, which live on after it:
+    // the next operation and the host's end still find the module's code.
+    void moduleStateOutlivesItsOperations()
+    {
+        SKIP_WITHOUT_DEV_PKI();
+        TokenHost th;
+        QVERIFY(th.configureTestModule("thread_state=1\n"));
+        QVERIFY2(th.start(), qPrintable(th.lastError()));
+        for (int i = 0; i < 2; ++i)
+            QCOMPARE(TokenHost::error(th.call("getslots-2026", TokenHost::onTestModule())), QString());
+        QVERIFY2(th.terminate(), qPrintable(QString("crashed: %1, exit code or signal: %2")
+                                                .arg(th.host().qprocess().exitStatus()).arg(th.host().exitCode())));
     }
 
     void answersIntoAFileAsIntoAPipe()
