@@ -195,8 +195,7 @@ private slots:
         QVERIFY2(th.start(), qPrintable(th.lastError()));
         for (int i = 0; i < 2; ++i)
             QCOMPARE(TokenHost::error(th.call("getslots-2026", TokenHost::onTestModule())), QString());
-        QVERIFY2(th.terminate(), qPrintable(QString("crashed: %1, exit code or signal: %2")
-                                                .arg(th.host().qprocess().exitStatus()).arg(th.host().exitCode())));
+        QVERIFY2(th.terminate(), qPrintable("exit code or signal " + QString::number(th.host().exitCode())));
     }
 
     void answersIntoAFileAsIntoAPipe()
