@@ -3,7 +3,8 @@
 JSON answers on its stdout. On a SoftHSM token made for the demo it lists the slots, reads the
 certificates, generates a key pair with a certificate request, has a demo CA issue a certificate
 for it, stores that on the token and reads it back (--tpm: the same on a tpm2-pkcs11 token on a
-software TPM; --module: only what another module shows). Every request is signed by the build's
+software TPM; --module: only what another module shows, or with --pin all of it on that module's
+first token). Every request is signed by the build's
 development PKI, as the web application's server would sign it; every step is printed."""
 import argparse
 import json
@@ -270,6 +271,7 @@ def main():
                         help="a tpm2-pkcs11 token on a software TPM (swtpm, tpm2-abrmd) instead of SoftHSM")
     parser.add_argument("--module", help="no demo token: only list the slots and certificates that this PKCS#11"
                                          " module shows through the host")
+    parser.add_argument("--pin", help="with --module: every step on the module's first token, whose user PIN this is")
     args = parser.parse_args()
     build = os.path.abspath(args.build)
     if not os.path.exists(os.path.join(build, "devpki", "server-chain2.key")):
@@ -280,7 +282,8 @@ def main():
     host = None
     try:
         if args.module:
-            step(f"1. No demo token: what {args.module} shows, in {work}")
+            step(f"1. No demo token: {'the first token of' if args.pin else 'what'} {args.module}"
+                 f"{'' if args.pin else ' shows'}, in {work}")
             token_env, serial, module = {}, "", args.module
         else:
             step(f"1. A {'tpm2-pkcs11' if args.tpm else 'SoftHSM'} token for the demo, in {work}")
@@ -322,18 +325,21 @@ def main():
             host.send(request.method, argument,
                       shown=f"<base64 CMS SignedData of the document above, {len(argument)} characters>")
             if pin:
-                display.enter_pin(USER_PIN)
+                display.enter_pin(args.pin or USER_PIN)
             answer = host.answer()
             if answer.get("error") and check:
                 raise SystemExit(f"{request.method} failed: {answer['error']}")
             print(f"\n   {request.method} answered: {answer.get('error') or 'no error'}")
             return read_answer(answer["result"], request) if not answer.get("error") else None
 
-        if args.module:
+        if args.module and not args.pin:
             return survey(host, operation)
 
         step("3. GetSlots: the slots with a token")
-        operation(GetSlots())
+        slots = operation(GetSlots())
+        if args.module:
+            first = next(slot.token for slot in slots.slots if slot.token)
+            token = Token(first.serial_number, first.label)
 
         step("4. GetCertificates: the token holds no certificate yet")
         operation(GetCertificates(token))

@@ -82,6 +82,9 @@ Pkcs11Library::~Pkcs11Library()
 void Pkcs11Library::load()
 {
     library = std::make_unique<QLibrary>(path);
+    // The module's code stays mapped while the process lives (RTLD_NODELETE): its runtime may leave
+    // per-thread destructors in the worker threads, which outlive the operation, or exit handlers.
+    library->setLoadHints(QLibrary::PreventUnloadHint);
     if (!library->load()) {
         const QString error = library->errorString();
         library.reset();
@@ -115,7 +118,8 @@ void Pkcs11Library::load()
     initialized = true;
 }
 
-// Unmaps the module; its wrapper objects go with this object, which is being destroyed or not built.
+// Closes the module, whose code stays mapped; its wrapper objects go with this object, which is
+// being destroyed or not built.
 void Pkcs11Library::unload()
 {
     if (library)

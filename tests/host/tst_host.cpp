@@ -1,6 +1,7 @@
 #include "devpki.h"
 #include "hostprocess.h"
 #include "testrequests.h"
+#include "tokenhost.h"
 
 #include <QDir>
 #include <QJsonDocument>
@@ -195,6 +196,19 @@ private slots:
         QVERIFY(!host.readAnswer().isEmpty() && !host.readAnswer().isEmpty());
         const int peak = residentKiB();
         QTRY_VERIFY2_WITH_TIMEOUT(residentKiB() < peak - (16 << 10), qPrintable(QString::number(residentKiB())), 5000);
+    }
+
+    // A module whose state outlives each operation in the worker threads, which live on after it:
+    // the next operation and the host's end still find the module's code.
+    void moduleStateOutlivesItsOperations()
+    {
+        SKIP_WITHOUT_DEV_PKI();
+        TokenHost th;
+        QVERIFY(th.configureTestModule("thread_state=1\n"));
+        QVERIFY2(th.start(), qPrintable(th.lastError()));
+        for (int i = 0; i < 2; ++i)
+            QCOMPARE(TokenHost::error(th.call("getslots-2026", TokenHost::onTestModule())), QString());
+        QVERIFY2(th.terminate(), qPrintable("exit code or signal " + QString::number(th.host().exitCode())));
     }
 
     void answersIntoAFileAsIntoAPipe()

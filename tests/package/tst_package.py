@@ -71,6 +71,16 @@ def main():
     check(named == dict.fromkeys(MANIFESTS, {"path": host, "type": "stdio"}), "the manifests name the installed host",
           named)
     check(".symtab" not in output("readelf", "-S", "-W", root + host), "the host is stripped")
+    # What hardening-check looks for: the imports of the stack protector and of fortified calls,
+    # a read-only relocation segment bound at start-up, a position-independent executable.
+    imports = {line.split()[7].split("@")[0] for line in output("readelf", "--dyn-syms", "-W", root + host).splitlines()
+               if " UND " in line and len(line.split()) > 7}
+    dynamic = output("readelf", "-d", "-W", root + host)
+    hardening = {"stack protector": "__stack_chk_fail" in imports,
+                 "fortify": any(name.startswith("__") and name.endswith("_chk") for name in imports),
+                 "relro": "GNU_RELRO" in output("readelf", "-l", "-W", root + host) and "BIND_NOW" in dynamic,
+                 "pie": "DYN (" in output("readelf", "-h", "-W", root + host) and "PIE" in dynamic}
+    check(all(hardening.values()), "the host is hardened", hardening)
     # A browser's first two messages, each framed by its length.
     messages = [json.dumps({"method": f"ScrivaPkcs11.1.0.0.qt.QES.{method}", "id": method}).encode()
                 for method in ("CreateInstance", "GetVersion")]
