@@ -1,7 +1,7 @@
-#include "tokenhost.h"
+#include "externaltool.h"
+#include "hostprocess.h"
 #include "tpmtoken.h"
 
-#include <QProcess>
 #include <QSslCertificate>
 #include <QTest>
 
@@ -17,11 +17,9 @@ class TestE2eTpm : public QObject
     // What a tool run in the work folder printed, or "failed: " and its errors.
     QString run(const QString& program, const QStringList& arguments)
     {
-        QProcess process;
-        process.setWorkingDirectory(work.path());
-        process.start(program, arguments);
-        const bool ok = process.waitForFinished(60000) && process.exitCode() == 0;
-        return ok ? QString::fromLocal8Bit(process.readAllStandardOutput()) : "failed: " + process.readAllStandardError();
+        QString output;
+        return ExternalTool::run(program, arguments, &output, QProcessEnvironment::systemEnvironment(), work.path())
+                   ? output : "failed: " + output;
     }
 
 private slots:
@@ -29,16 +27,16 @@ private slots:
     {
         SKIP_WITHOUT_DEV_PKI();
         TpmToken tpm;
-        QVERIFY2(tpm.start("Scriva token", TokenHost::userPin, "12345678"), qPrintable(tpm.lastError()));
-        TokenHost th; // made after the token, so the host finds it
-        th.host().environment().insert("SCRIVA_TEST_P11_TARGET", TpmToken::modulePath);
-        QVERIFY(th.configureTestModule("pin_pad_pin=" + QByteArray(TokenHost::userPin) + "\n"));
-        QVERIFY2(th.start(TpmToken::serialNumber), qPrintable(th.lastError()));
-        const QMap<QString, QString> onPinPad = TokenHost::onTestModule();
+        QVERIFY2(tpm.start("Scriva token", HostProcess::userPin, "12345678"), qPrintable(tpm.lastError()));
+        HostProcess th; // made after the token, so the host finds it
+        th.environment().insert("SCRIVA_TEST_P11_TARGET", TpmToken::modulePath);
+        QVERIFY(th.configureTestModule("pin_pad_pin=" + QByteArray(HostProcess::userPin) + "\n"));
+        QVERIFY2(th.startWithToken({}, TpmToken::serialNumber), qPrintable(th.lastError()));
+        const QMap<QString, QString> onPinPad = HostProcess::onTestModule();
 
-        QString document = TokenHost::result(th.call("getslots-2026", onPinPad));
-        QVERIFY2(TokenHost::texts(document, "Label").contains("Scriva token"), qPrintable(document));
-        QVERIFY(TokenHost::texts(document, "SerialNumber").contains(TpmToken::serialNumber));
+        QString document = HostProcess::result(th.call("getslots-2026", onPinPad));
+        QVERIFY2(HostProcess::texts(document, "Label").contains("Scriva token"), qPrintable(document));
+        QVERIFY(HostProcess::texts(document, "SerialNumber").contains(TpmToken::serialNumber));
 
         // The sample template with an id on both keys, without the vendor attribute a TPM's keys lack.
         const QString id = "<ByteArrayAttribute><Attribute>258</Attribute><Value>A1</Value></ByteArrayAttribute>";
@@ -47,8 +45,8 @@ private slots:
         keyPair.insert(onPinPad);
         const QJsonObject answer = th.call("generatecsr-2026", keyPair);
         QFile csr(work.filePath("request.csr"));
-        QVERIFY2(csr.open(QIODevice::WriteOnly) && csr.write(TokenHost::texts(TokenHost::result(answer), "CSR").join("").toUtf8()) > 0,
-                 qPrintable(TokenHost::error(answer)));
+        QVERIFY2(csr.open(QIODevice::WriteOnly) && csr.write(HostProcess::texts(HostProcess::result(answer), "CSR").join("").toUtf8()) > 0,
+                 qPrintable(HostProcess::error(answer)));
         csr.close();
         QCOMPARE(run("openssl", {"req", "-in", "request.csr", "-verify", "-noout"}), QString());
         // The key pair is on the TPM: the token hands out the request's public key.
@@ -65,9 +63,9 @@ private slots:
                                "<BoolAttribute><Attribute>1</Attribute><Value>true</Value></BoolAttribute>"
                                "<UnsignedLongAttribute><Attribute>128</Attribute><Value>0</Value></UnsignedLongAttribute>" + id +
                                "<ByteArrayAttribute><Attribute>17</Attribute><Value>" + issued.toDer().toHex() + "</Value></ByteArrayAttribute>");
-        QCOMPARE(TokenHost::error(th.call("createobject-2026", onPinPad)), QString());
-        document = TokenHost::result(th.call("getcertificates-2026", onPinPad));
-        QCOMPARE(QSslCertificate::fromData(TokenHost::texts(document, "Certificate").join("").toUtf8()), QList<QSslCertificate>{issued});
+        QCOMPARE(HostProcess::error(th.call("createobject-2026", onPinPad)), QString());
+        document = HostProcess::result(th.call("getcertificates-2026", onPinPad));
+        QCOMPARE(QSslCertificate::fromData(HostProcess::texts(document, "Certificate").join("").toUtf8()), QList<QSslCertificate>{issued});
 
         // The host ends cleanly with the module unloaded (in a sanitizer build: nothing leaked).
         QVERIFY(th.terminate());

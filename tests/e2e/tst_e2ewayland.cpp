@@ -1,5 +1,5 @@
-#include "tokenhost.h"
-#include "waylanddisplay.h"
+#include "hostprocess.h"
+#include "virtualdisplay.h"
 
 #include <QStandardPaths>
 #include <QTest>
@@ -10,13 +10,13 @@ class TestE2eWayland : public QObject
 {
     Q_OBJECT
 
-    WaylandDisplay display;
+    VirtualDisplay display{VirtualDisplay::Wayland};
 
 private slots:
     void initTestCase()
     {
         SKIP_WITHOUT_DEV_PKI();
-        QVERIFY(display.start());
+        QVERIFY2(display.start(), qPrintable(display.lastError()));
     }
 
     void pinTypedIntoTheFormReachesTheToken_data()
@@ -28,43 +28,42 @@ private slots:
         // browser's child and gets little of the user's environment.
         QTest::newRow("started as for a sandboxed Firefox")
             << QStringList{SCRIVA_BUILD_DIR "/share/scriva/native-messaging-hosts/firefox/com.corvant.scriva.pkcs11.json",
-                           "scriva-pkcs11@corvant.com"} << TokenHost::userPin;
+                           "scriva-pkcs11@corvant.com"} << HostProcess::userPin;
     }
 
     void pinTypedIntoTheFormReachesTheToken()
     {
         QFETCH(QStringList, firefoxArguments);
         QFETCH(QString, firstPin);
-        TokenHost th;
-        QProcessEnvironment& env = th.host().environment();
+        HostProcess th;
+        QProcessEnvironment& env = th.environment();
         if (!firefoxArguments.isEmpty()) {
             for (const QString& name : env.keys()) // all but HOME and the sanitizers' settings of the test run
                 if (name != "HOME" && !name.endsWith("SAN_OPTIONS"))
                     env.remove(name);
             env.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + display.runtimeDir() + "/bus");
             // In a new session whose leader only waits for the host.
-            th.host().setLauncher(QStandardPaths::findExecutable("setsid"), {"--fork", "--wait"});
+            th.setLauncher(QStandardPaths::findExecutable("setsid"), {"--fork", "--wait"});
         } else {
             env.insert("QT_QPA_PLATFORM", "wayland");
         }
-        env.insert("XDG_RUNTIME_DIR", display.runtimeDir());
-        env.insert("WAYLAND_DISPLAY", display.name());
-        th.host().enableLog();
-        QVERIFY2(th.start(firefoxArguments), qPrintable(th.lastError()));
+        display.addTo(env);
+        th.enableLog();
+        QVERIFY2(th.startWithToken(firefoxArguments), qPrintable(th.lastError()));
 
         // Each window (form; message, form) is a new native one of the host's and takes the keyboard focus.
         const QString hostWindow = "^Corvant Scriva$";
         th.send("createobject-2026", th.argument("createobject-2026"));
-        QVERIFY(display.waitForNewWindow(hostWindow));
-        if (firstPin != TokenHost::userPin) {
-            QVERIFY(display.type(firstPin, "Return") && display.waitForNewWindow(hostWindow));
-            QVERIFY(display.type({}, "Return") && display.waitForNewWindow(hostWindow));
-            QVERIFY(th.host().logContains("CKR_PIN_INCORRECT"));
+        QVERIFY(!display.waitForWindow(hostWindow).isEmpty());
+        if (firstPin != HostProcess::userPin) {
+            QVERIFY(display.type({}, firstPin, "Return") && !display.waitForWindow(hostWindow).isEmpty());
+            QVERIFY(display.type({}, {}, "Return") && !display.waitForWindow(hostWindow).isEmpty());
+            QVERIFY(th.logContains("CKR_PIN_INCORRECT"));
         }
-        QVERIFY(display.type(TokenHost::userPin, "Return"));
-        const QJsonObject answer = th.host().readAnswer(60000);
-        QCOMPARE(TokenHost::error(answer), QString());
-        QCOMPARE(TokenHost::texts(TokenHost::result(answer), "Label"), QStringList("Scriva token"));
+        QVERIFY(display.type({}, HostProcess::userPin, "Return"));
+        const QJsonObject answer = th.readAnswer(60000);
+        QCOMPARE(HostProcess::error(answer), QString());
+        QCOMPARE(HostProcess::texts(HostProcess::result(answer), "Label"), QStringList("Scriva token"));
         QVERIFY(th.terminate());
     }
 };

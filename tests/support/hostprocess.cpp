@@ -2,9 +2,10 @@
 
 #include <QDeadlineTimer>
 #include <QDir>
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QRegularExpression>
+#include <QXmlStreamReader>
 #include <QtEndian>
 
 HostProcess::HostProcess() : env(QProcessEnvironment::systemEnvironment())
@@ -21,11 +22,28 @@ QString HostProcess::executable()
     return SCRIVA_BIN_DIR "/ScrivaPkcs11";
 }
 
+QString HostProcess::operation(const QString& name)
+{
+    for (const char* operation : {"GetSlots", "GetCertificates", "GenerateCsr", "CreateObject"})
+        if (name.contains('-') && name.section('-', 0, 0).compare(QLatin1String(operation), Qt::CaseInsensitive) == 0)
+            return operation;
+    return name;
+}
+
 QByteArray HostProcess::frame(const QByteArray& payload)
 {
     QByteArray bytes(4, '\0');
     qToLittleEndian<quint32>(quint32(payload.size()), bytes.data());
     return bytes + payload;
+}
+
+QStringList HostProcess::texts(const QString& xml, const QString& element)
+{
+    QStringList found;
+    for (QXmlStreamReader reader(xml); !reader.atEnd();)
+        if (reader.readNext() == QXmlStreamReader::StartElement && reader.name() == element)
+            found.append(reader.readElementText(QXmlStreamReader::IncludeChildElements));
+    return found;
 }
 
 void HostProcess::enableLog()
@@ -41,6 +59,13 @@ QStringList HostProcess::logLines() const
     return QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts);
 }
 
+bool HostProcess::configureTestModule(const QByteArray& keyValues)
+{
+    QFile file(homeDir.filePath("scriva-test-p11.conf"));
+    env.insert("SCRIVA_TEST_P11_CONFIG", file.fileName());
+    return file.open(QIODevice::WriteOnly) && file.write(keyValues) == keyValues.size();
+}
+
 bool HostProcess::start(const QStringList& arguments)
 {
     process.setProcessEnvironment(env);
@@ -49,8 +74,37 @@ bool HostProcess::start(const QStringList& arguments)
     return process.waitForStarted(10000);
 }
 
-void HostProcess::send(const QJsonObject& message)
+bool HostProcess::startWithToken(const QStringList& arguments, const QString& serialNumber)
 {
+    serial = serialNumber;
+    if (serial.isEmpty()) {
+        if (!store.isValid() || !store.initToken("Scriva token", "12345678", userPin))
+            return failure = store.lastError(), false;
+        env.insert("SOFTHSM2_CONF", store.configPath());
+        serial = store.serialNumber("Scriva token");
+    }
+    const QJsonObject answer = start(arguments) ? call("CreateInstance") : QJsonObject();
+    failure = "CreateInstance failed: " + error(answer);
+    return !answer.isEmpty() && answer.value("error").isNull();
+}
+
+QString HostProcess::argument(const QString& name, const QMap<QString, QString>& replacements)
+{
+    nonce = result(call("GetNonce"));
+    QMap<QString, QString> all{{"0123456789ABCDEF", serial}, {"{\"reader\":\"any\"}", ""},
+                               {sampleModule, SoftHsmToken::softHsmModulePath()}};
+    all.insert(replacements);
+    return TestRequests::signedXml(QString::fromUtf8(TestRequests::xml(name, nonce, all))
+        .replace(QRegularExpression("<ObjectAttributes>.*</ObjectAttributes>", QRegularExpression::DotMatchesEverythingOption),
+                 "<ObjectAttributes>" + objectAttributes + "</ObjectAttributes>")
+        .toUtf8());
+}
+
+void HostProcess::send(const QString& name, const QString& argument)
+{
+    QJsonObject message{{"method", method(name)}};
+    if (!argument.isNull())
+        message.insert("args", QJsonArray{argument});
     sendRaw(frame(QJsonDocument(message).toJson(QJsonDocument::Compact)));
 }
 
@@ -78,15 +132,6 @@ QJsonObject HostProcess::readAnswer(int timeoutMs)
             return {};
         buffer += more;
     }
-}
-
-QJsonObject HostProcess::call(const QString& shortName, const QString& argument)
-{
-    QJsonObject message{{"method", method(shortName)}};
-    if (!argument.isNull())
-        message.insert("args", QJsonArray{argument});
-    send(message);
-    return readAnswer();
 }
 
 bool HostProcess::waitForExit(int timeoutMs)

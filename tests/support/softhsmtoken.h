@@ -35,11 +35,10 @@ public:
     static QString testModulePath();
 
 private:
-    bool run(const QString& program, const QStringList& arguments, QString* output = nullptr) const;
     // Capture `group` (1 slot id, 2 serial number) of the slot holding the labelled token.
     QString find(const QString& label, int group) const;
 
     QTemporaryDir dir;
     bool valid = false;
-    mutable QString error;
+    QString error;
 };

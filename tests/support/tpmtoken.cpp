@@ -1,12 +1,13 @@
 #include "tpmtoken.h"
 
+#include "externaltool.h"
+
 #include <QFile>
-#include <QProcess>
 
 bool TpmToken::start(const QString& label, const QString& userPin, const QString& soPin)
 {
     QFile variables(dir.filePath(QStringLiteral("env")));
-    if (!run(QStringLiteral("start"), {label, userPin, soPin}) || !variables.open(QIODevice::ReadOnly))
+    if (!run({QStringLiteral("start"), dir.path(), label, userPin, soPin}) || !variables.open(QIODevice::ReadOnly))
         return false;
     for (const QByteArray& line : variables.readAll().split('\n'))
         if (line.contains('='))
@@ -14,14 +15,8 @@ bool TpmToken::start(const QString& label, const QString& userPin, const QString
     return true;
 }
 
-bool TpmToken::run(const QString& command, const QStringList& arguments)
+bool TpmToken::run(const QStringList& arguments)
 {
-    QProcess script;
-    script.setProcessChannelMode(QProcess::MergedChannels);
-    script.start(QStringLiteral("bash"), QStringList{QStringLiteral(SCRIVA_SOURCE_DIR "/scripts/tpm-token.sh"), command,
-                                                     dir.path()} + arguments);
-    const bool done = script.waitForFinished(60000) && script.exitStatus() == QProcess::NormalExit && script.exitCode() == 0;
-    if (!done)
-        error = "tpm-token.sh " + command + " failed: " + QString::fromLocal8Bit(script.readAll()) + script.errorString();
-    return done;
+    return ExternalTool::run(QStringLiteral("bash"), QStringList{QStringLiteral(SCRIVA_SOURCE_DIR "/scripts/tpm-token.sh")} + arguments,
+                             &error);
 }

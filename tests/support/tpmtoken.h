@@ -14,14 +14,14 @@ public:
     static constexpr const char* serialNumber = "0000000000000000";
     static constexpr const char* modulePath = "/usr/lib/x86_64-linux-gnu/pkcs11/libtpm2_pkcs11.so";
 
-    ~TpmToken() { run(QStringLiteral("stop")); }
+    ~TpmToken() { run({QStringLiteral("stop"), dir.path()}); }
 
     // False with lastError() (what the tools said) when a step failed.
     bool start(const QString& label, const QString& userPin, const QString& soPin);
     QString lastError() const { return error; }
 
 private:
-    bool run(const QString& command, const QStringList& arguments = {});
+    bool run(const QStringList& arguments);
 
     QTemporaryDir dir;
     QString error;
