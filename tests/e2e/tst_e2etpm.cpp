@@ -1,6 +1,5 @@
 #include "externaltool.h"
 #include "hostprocess.h"
-#include "tpmtoken.h"
 
 #include <QSslCertificate>
 #include <QTest>
@@ -14,29 +13,23 @@ class TestE2eTpm : public QObject
 
     QTemporaryDir work;
 
-    // What a tool run in the work folder printed, or "failed: " and its errors.
-    QString run(const QString& program, const QStringList& arguments)
-    {
-        QString output;
-        return ExternalTool::run(program, arguments, &output, QProcessEnvironment::systemEnvironment(), work.path())
-                   ? output : "failed: " + output;
-    }
-
 private slots:
     void tokenOperationsOnATpm()
     {
         SKIP_WITHOUT_DEV_PKI();
-        TpmToken tpm;
-        QVERIFY2(tpm.start("Scriva token", HostProcess::userPin, "12345678"), qPrintable(tpm.lastError()));
-        HostProcess th; // made after the token, so the host finds it
-        th.environment().insert("SCRIVA_TEST_P11_TARGET", TpmToken::modulePath);
+        HostProcess th;
         QVERIFY(th.configureTestModule("pin_pad_pin=" + QByteArray(HostProcess::userPin) + "\n"));
-        QVERIFY2(th.startWithToken({}, TpmToken::serialNumber), qPrintable(th.lastError()));
+        QVERIFY2(th.startWithTpmToken(), qPrintable(th.lastError()));
+        // What a tool run in the work folder printed, or "failed: " and its errors.
+        const auto run = [&](const QString& program, const QStringList& arguments) {
+            QString output;
+            return ExternalTool::run(program, arguments, &output, th.environment(), work.path()) ? output : "failed: " + output;
+        };
         const QMap<QString, QString> onPinPad = HostProcess::onTestModule();
 
         QString document = HostProcess::result(th.call("getslots-2026", onPinPad));
         QVERIFY2(HostProcess::texts(document, "Label").contains("Scriva token"), qPrintable(document));
-        QVERIFY(HostProcess::texts(document, "SerialNumber").contains(TpmToken::serialNumber));
+        QVERIFY(HostProcess::texts(document, "SerialNumber").contains(HostProcess::tpmSerialNumber));
 
         // The sample template with an id on both keys, without the vendor attribute a TPM's keys lack.
         const QString id = "<ByteArrayAttribute><Attribute>258</Attribute><Value>A1</Value></ByteArrayAttribute>";
@@ -50,7 +43,7 @@ private slots:
         csr.close();
         QCOMPARE(run("openssl", {"req", "-in", "request.csr", "-verify", "-noout"}), QString());
         // The key pair is on the TPM: the token hands out the request's public key.
-        QCOMPARE(run("pkcs11-tool", {"--module", TpmToken::modulePath, "--read-object", "--type", "pubkey", "--id", "a1", "-o", "token.der"}),
+        QCOMPARE(run("pkcs11-tool", {"--module", HostProcess::tpmModulePath, "--read-object", "--type", "pubkey", "--id", "a1", "-o", "token.der"}),
                  QString());
         QCOMPARE(run("openssl", {"pkey", "-pubin", "-inform", "DER", "-in", "token.der"}),
                  run("openssl", {"req", "-in", "request.csr", "-pubkey", "-noout"}));

@@ -1,5 +1,7 @@
 #include "hostprocess.h"
 
+#include "externaltool.h"
+
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QJsonArray>
@@ -8,6 +10,8 @@
 #include <QXmlStreamReader>
 #include <QtEndian>
 
+static const QString tpmScript = QStringLiteral(SCRIVA_SOURCE_DIR "/scripts/tpm-token.sh");
+
 HostProcess::HostProcess() : env(QProcessEnvironment::systemEnvironment())
 {
     env.insert("HOME", homeDir.path());
@@ -15,6 +19,13 @@ HostProcess::HostProcess() : env(QProcessEnvironment::systemEnvironment())
     env.insert("XDG_RUNTIME_DIR", homeDir.path());
     if (!env.contains("QT_QPA_PLATFORM"))
         env.insert("QT_QPA_PLATFORM", "offscreen");
+}
+
+HostProcess::~HostProcess()
+{
+    process.kill(), process.waitForFinished(5000);
+    if (!tpmDir.isEmpty())
+        ExternalTool::run("bash", {tpmScript, "stop", tpmDir});
 }
 
 QString HostProcess::executable()
@@ -86,6 +97,19 @@ bool HostProcess::startWithToken(const QStringList& arguments, const QString& se
     const QJsonObject answer = start(arguments) ? call("CreateInstance") : QJsonObject();
     failure = "CreateInstance failed: " + error(answer);
     return !answer.isEmpty() && answer.value("error").isNull();
+}
+
+bool HostProcess::startWithTpmToken()
+{
+    tpmDir = homeDir.filePath("tpm");
+    QFile variables(tpmDir + "/env");
+    if (!QDir().mkpath(tpmDir) || !ExternalTool::run("bash", {tpmScript, "start", tpmDir, "Scriva token", userPin, "12345678"}, &failure)
+        || !variables.open(QIODevice::ReadOnly))
+        return false;
+    for (const QString& line : QString::fromLocal8Bit(variables.readAll()).split('\n', Qt::SkipEmptyParts))
+        env.insert(line.section('=', 0, 0), line.section('=', 1));
+    env.insert("SCRIVA_TEST_P11_TARGET", tpmModulePath);
+    return startWithToken({}, tpmSerialNumber);
 }
 
 QString HostProcess::argument(const QString& name, const QMap<QString, QString>& replacements)

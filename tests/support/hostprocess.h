@@ -20,8 +20,12 @@ public:
     // The replacement that sends a request to the forwarding test module.
     static QMap<QString, QString> onTestModule() { return {{sampleModule, SoftHsmToken::testModulePath()}}; }
 
+    // tpm2-pkcs11 reports this serial number for every token; only the label tells them apart.
+    static constexpr const char* tpmSerialNumber = "0000000000000000";
+    static constexpr const char* tpmModulePath = "/usr/lib/x86_64-linux-gnu/pkcs11/libtpm2_pkcs11.so";
+
     HostProcess();
-    ~HostProcess() { process.kill(), process.waitForFinished(5000); }
+    ~HostProcess();
 
     static QString executable();
     // The operation a request file's name names ("getslots-2022" is GetSlots); other names unchanged.
@@ -48,6 +52,10 @@ public:
     // Makes the token (unless one made elsewhere with the sample requests' label has this serial
     // number), starts the host and creates the instance; false with lastError().
     bool startWithToken(const QStringList& arguments = {}, const QString& serialNumber = {});
+    // The same on a tpm2-pkcs11 token on a software TPM behind the test module, made by
+    // scripts/tpm-token.sh in the host's HOME (swtpm on its own ports of 127.0.0.1, a private D-Bus
+    // bus with tpm2-abrmd on it, the token store); its processes end with the host.
+    bool startWithTpmToken();
     QString serialNumber() const { return serial; }
     QString lastNonce() const { return nonce; }
     QString lastError() const { return failure; }
@@ -81,6 +89,7 @@ public:
 
 private:
     QTemporaryDir homeDir;
+    QString tpmDir;
     SoftHsmToken store;
     QProcessEnvironment env;
     QProcess process;
