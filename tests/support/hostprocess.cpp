@@ -89,7 +89,7 @@ bool HostProcess::startWithToken(const QStringList& arguments, const QString& se
 {
     serial = serialNumber;
     if (serial.isEmpty()) {
-        if (!store.isValid() || !store.initToken("Scriva token", "12345678", userPin))
+        if (!store.initToken("Scriva token", "12345678", userPin))
             return failure = store.lastError(), false;
         env.insert("SOFTHSM2_CONF", store.configPath());
         serial = store.serialNumber("Scriva token");
@@ -141,21 +141,15 @@ void HostProcess::sendRaw(const QByteArray& bytes)
 QJsonObject HostProcess::readAnswer(int timeoutMs)
 {
     QDeadlineTimer deadline(timeoutMs);
-    for (;;) {
-        const quint32 length = buffer.size() >= 4 ? qFromLittleEndian<quint32>(buffer.constData()) : 0;
-        if (buffer.size() >= 4 && quint32(buffer.size()) >= 4 + length) {
-            const QByteArray payload = buffer.mid(4, int(length));
-            buffer.remove(0, int(4 + length));
-            return QJsonDocument::fromJson(payload).object();
-        }
-        const bool running = process.state() != QProcess::NotRunning;
-        if (running && !deadline.hasExpired())
-            process.waitForReadyRead(int(qMax<qint64>(1, deadline.remainingTime())));
-        const QByteArray more = process.readAllStandardOutput();
-        if (more.isEmpty() && (!running || deadline.hasExpired()))
+    // A frame is its length (4 bytes, little-endian), then that many bytes of JSON.
+    while ((buffer += process.readAllStandardOutput()).size() < 4
+           || quint32(buffer.size() - 4) < qFromLittleEndian<quint32>(buffer.constData()))
+        if (!process.waitForReadyRead(int(qMax<qint64>(1, deadline.remainingTime()))) && !process.bytesAvailable())
             return {};
-        buffer += more;
-    }
+    const int length = int(qFromLittleEndian<quint32>(buffer.constData()));
+    const QJsonObject answer = QJsonDocument::fromJson(buffer.mid(4, length)).object();
+    buffer.remove(0, 4 + length);
+    return answer;
 }
 
 bool HostProcess::waitForExit(int timeoutMs)

@@ -9,14 +9,12 @@
 SoftHsmToken::SoftHsmToken()
 {
     QFile config(configPath());
-    if (!dir.isValid() || !QDir(dir.path()).mkpath(QStringLiteral("tokens")) || !config.open(QIODevice::WriteOnly)) {
+    QDir(dir.path()).mkpath(QStringLiteral("tokens"));
+    if (!config.open(QIODevice::WriteOnly)) // then every tool fails
         error = QStringLiteral("Unable to write ") + configPath();
-        return;
-    }
     config.write("directories.tokendir = " + QFile::encodeName(dir.path()) + "/tokens\nobjectstore.backend = file\n"
                  "log.level = ERROR\n");
     qputenv("SOFTHSM2_CONF", QFile::encodeName(configPath()));
-    valid = true;
 }
 
 QProcessEnvironment SoftHsmToken::environment() const

@@ -13,10 +13,8 @@ class SoftHsmToken
 public:
     SoftHsmToken();
 
-    bool isValid() const { return valid; }
     // What the last failing step reported (the tool's output).
     QString lastError() const { return error; }
-    QString directory() const { return dir.path(); }
     QString configPath() const { return dir.filePath(QStringLiteral("softhsm2.conf")); }
     // The system environment with the variable pointing at this store, for child processes.
     QProcessEnvironment environment() const;
@@ -39,6 +37,5 @@ private:
     QString find(const QString& label, int group) const;
 
     QTemporaryDir dir;
-    bool valid = false;
     QString error;
 };
