@@ -21,6 +21,11 @@ class TestE2ePinForm : public QObject
     QTemporaryDir work;
     const QString formTitle = "^Corvant Scriva$"; // the form and the wrong-PIN message
     const char* wrongPin = "Hm3rT9vB";
+#ifdef __SANITIZE_ADDRESS__
+    const bool dumped = false; // a dump would hold tens of gigabytes of the sanitizer's reserved memory
+#else
+    const bool dumped = true;
+#endif
 
     // What of the PINs the running host keeps (empty when nothing); gdb reads no debug information.
     QString pinsLeft(HostProcess& host)
@@ -78,6 +83,8 @@ private slots:
         QFETCH(QString, answer);
         QFETCH(QString, error);
         QFETCH(QStringList, firefoxArguments);
+        if (!dumped && !onWayland)
+            QSKIP("these rows are there for the dump");
         const VirtualDisplay& display = onWayland ? wayland : x11;
         HostProcess th;
         QProcessEnvironment& env = th.environment();
@@ -119,7 +126,7 @@ private slots:
             QCOMPARE(HostProcess::error(th.readAnswer(60000)), error);
         }
         // Run from setsid the host is a grandchild, which this test cannot dump.
-        if (firefoxArguments.isEmpty())
+        if (dumped && firefoxArguments.isEmpty())
             QCOMPARE(pinsLeft(th), QString());
         QVERIFY(QFile(gates.filePath("C_Finalize.release")).open(QIODevice::WriteOnly));
         QVERIFY(answer == "terminate" ? th.endedNormally(20000) : th.terminate());
