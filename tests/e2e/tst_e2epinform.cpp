@@ -33,10 +33,12 @@ class TestE2ePinForm : public QObject
         QFile core(work.filePath("core"));
         QString found;
         if (!ExternalTool::run("gdb", {"--batch", "-nx", "--readnever", "-iex", "set auto-solib-add off", "-p",
-                                       QString::number(host.qprocess().processId()), "-ex", "gcore " + core.fileName()}, &found)
-            || !core.open(QIODevice::ReadOnly))
+                                       QString::number(host.qprocess().processId()), "-ex", "gcore " + core.fileName()}, &found))
             return "no dump: " + found;
-        const QByteArray dump = QByteArray::fromRawData(reinterpret_cast<const char*>(core.map(0, core.size())), core.size());
+        const uchar* mapped = core.open(QIODevice::ReadOnly) ? core.map(0, core.size()) : nullptr;
+        if (!mapped)
+            return "dump unreadable: " + core.errorString();
+        const QByteArray dump = QByteArray::fromRawData(reinterpret_cast<const char*>(mapped), core.size());
         found.clear();
         for (const QString& pin : {QString(HostProcess::userPin), QString(wrongPin)}) {
             int copies = host.logLines().filter(pin).size();
