@@ -36,10 +36,10 @@ void VirtualDisplay::addTo(QProcessEnvironment& environment) const
 
 bool VirtualDisplay::tool(const QStringList& arguments, QString* output) const
 {
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert("DISPLAY", display);
     if (kind == Wayland)
         return ExternalTool::run("python3", QStringList{swayScript, arguments.first(), dir.path()} + arguments.mid(1), output);
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("DISPLAY", display);
     return ExternalTool::run("xdotool", arguments, output, environment, {}, 10000);
 }
 
