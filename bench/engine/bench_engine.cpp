@@ -18,7 +18,7 @@
 #include "../common/pipepeer.h"
 #include "softhsmtoken.h"
 #include "testrequests.h"
-#include "tokenhost.h"
+#include "hostprocess.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -255,7 +255,7 @@ void compareWithFloor(int rounds)
     const QString module = SoftHsmToken::softHsmModulePath();
     const QMap<QString, QString> aimed{{QStringLiteral("0123456789ABCDEF"), serial},
                                        {QStringLiteral("{\"reader\":\"any\"}"), QString()},
-                                       {QString::fromLatin1(TokenHost::sampleModule), module}};
+                                       {QString::fromLatin1(HostProcess::sampleModule), module}};
     // Signed once for a nonce the host never gave: refused after the whole check.
     const QByteArray stale = message("GetSlots", TestRequests::signedArgument(QStringLiteral("getslots-2026"),
                                                                              QStringLiteral("0f8fad5b-d9cb-469f-a165-70867728950e"), aimed));

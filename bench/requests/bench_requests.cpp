@@ -3,7 +3,6 @@
 // resident memory after 1,000 and 10,000 parses. Then hostile shapes beside a plain request of the
 // same size (time to record or refusal), and the parse of a signed request of about 16 MiB.
 // Usage: bench_requests [parses instead of 1,000 and 10,000, e.g. for a run under callgrind]
-#include "devpki.h"
 #include "appexception.h"
 #include "pkcs11/XmlParser/OperationData/OperationSpecific/createobjectoperationdata.h"
 #include "pkcs11/XmlParser/OperationData/OperationSpecific/getcertificatesoperationdata.h"
@@ -84,7 +83,7 @@ int main(int argc, char** argv)
     Q_INIT_RESOURCE(scriva);
     // The parse logs each step; a benchmark measures the work, not the console.
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
-    if (!DevPki::isAvailable()) {
+    if (!TestRequests::canSign()) {
         std::printf("this build trusts real anchors; no request can be signed here\n");
         return 0;
     }

@@ -2,8 +2,7 @@
 // with a fresh nonce: operations per second and the host's resident memory (VmRSS) after 100
 // and after all operations, which should stay flat. Usage: bench_soak [operations, default 1000]
 // SCRIVA_BENCH_LAUNCHER runs the host under a tool, e.g. "valgrind --tool=callgrind".
-#include "devpki.h"
-#include "tokenhost.h"
+#include "hostprocess.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -32,19 +31,19 @@ int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     const int operations = argc > 1 ? std::max(100, QByteArray(argv[1]).toInt()) : 1000;
-    if (!DevPki::isAvailable()) {
+    if (!TestRequests::canSign()) {
         std::printf("this build trusts real anchors; no request can be signed here\n");
         return 0;
     }
-    TokenHost th;
+    HostProcess th;
     const QStringList launcher = QString::fromLocal8Bit(qgetenv("SCRIVA_BENCH_LAUNCHER")).split(QLatin1Char(' '), Qt::SkipEmptyParts);
     if (!launcher.isEmpty())
-        th.host().setLauncher(launcher.first(), launcher.mid(1));
-    if (!th.start()) {
+        th.setLauncher(launcher.first(), launcher.mid(1));
+    if (!th.startWithToken()) {
         std::fprintf(stderr, "%s\n", qPrintable(th.lastError()));
         return 1;
     }
-    const qint64 pid = th.host().qprocess().processId();
+    const qint64 pid = th.qprocess().processId();
     const long startKiB = residentKiB(pid);
     long at100KiB = -1;
     std::vector<qint64> latenciesUs;
@@ -58,12 +57,12 @@ int main(int argc, char** argv)
         QElapsedTimer timer;
         timer.start();
         th.send(QStringLiteral("getslots-2026"), argument);
-        const QJsonObject answer = th.host().readAnswer(60000);
+        const QJsonObject answer = th.readAnswer(60000);
         operationNs += timer.nsecsElapsed();
         latenciesUs.push_back(timer.nsecsElapsed() / 1000);
-        if (answer.isEmpty() || !TokenHost::error(answer).isEmpty()
-            || !TokenHost::texts(TokenHost::result(answer), QStringLiteral("SerialNumber")).contains(th.serialNumber())) {
-            std::fprintf(stderr, "operation %d failed: %s\n", i, qPrintable(TokenHost::error(answer)));
+        if (answer.isEmpty() || !HostProcess::error(answer).isEmpty()
+            || !HostProcess::texts(HostProcess::result(answer), QStringLiteral("SerialNumber")).contains(th.serialNumber())) {
+            std::fprintf(stderr, "operation %d failed: %s\n", i, qPrintable(HostProcess::error(answer)));
             return 1;
         }
         if (i == 100)
@@ -80,7 +79,7 @@ int main(int argc, char** argv)
                 latenciesUs[latenciesUs.size() * 99 / 100] / 1000.0);
     std::printf("  host resident memory: %ld KiB at start, %ld KiB after 100, %ld KiB after %d (%+ld KiB)\n", startKiB,
                 at100KiB, endKiB, operations, endKiB - at100KiB);
-    th.callMethod(QStringLiteral("Terminate"));
-    th.host().waitForExit(10000);
+    th.call(QStringLiteral("Terminate"));
+    th.waitForExit(10000);
     return 0;
 }

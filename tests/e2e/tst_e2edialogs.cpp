@@ -1,5 +1,5 @@
 #include "testrequests.h"
-#include "tokenhost.h"
+#include "hostprocess.h"
 #include "virtualdisplay.h"
 
 #include <QElapsedTimer>
@@ -17,16 +17,16 @@ class TestE2eDialogs : public QObject
 
     VirtualDisplay display;
     QProcess accessibilityBus;
-    TokenHost th;
+    HostProcess th;
     // The PIN form and the message after a wrong PIN both carry the application's name alone.
     const QString formTitle = "^Corvant Scriva$";
     const QString fileDialogTitle = "^Select the PKCS#11 library of your token$";
-    const QMap<QString, QString> onPinPad{{TokenHost::sampleModule, SoftHsmToken::testModulePath()}};
-    const QMap<QString, QString> noUsableModule{{TokenHost::sampleModule, "/nonexistent/libpkcs11.so"},
+    const QMap<QString, QString> onPinPad{{HostProcess::sampleModule, SoftHsmToken::testModulePath()}};
+    const QMap<QString, QString> noUsableModule{{HostProcess::sampleModule, "/nonexistent/libpkcs11.so"},
                                                 {"<Path>opensc-pkcs11.so", "<Path>/nonexistent/opensc-pkcs11.so"},
                                                 {"<AllowManualSelection>false", "<AllowManualSelection>true"}};
 
-    QString setDisplayTime() { return TokenHost::error(th.host().call("SetProperty", "{\"MinimalWindowDisplayTime\": 2000}")); }
+    QString setDisplayTime() { return HostProcess::error(th.call("SetProperty", "{\"MinimalWindowDisplayTime\": 2000}")); }
 
     // Starts a CreateObject, which needs a login, and returns the PIN form it opens (empty when none shows).
     QString startLoginOperation(const QMap<QString, QString>& replacements = {})
@@ -35,13 +35,13 @@ class TestE2eDialogs : public QObject
         return display.waitForWindow(formTitle);
     }
 
-    int formsSetUp() { return th.host().logLines().filter("Setting up slot and token info").size(); }
+    int formsSetUp() { return th.logLines().filter("Setting up slot and token info").size(); }
 
     // The method and error of the next answer.
     QString nextAnswer()
     {
-        const QJsonObject answer = th.host().readAnswer(60000);
-        return answer.value("method").toString().section('.', -1) + ": " + TokenHost::error(answer);
+        const QJsonObject answer = th.readAnswer(60000);
+        return answer.value("method").toString().section('.', -1) + ": " + HostProcess::error(answer);
     }
 
 private slots:
@@ -49,29 +49,29 @@ private slots:
     {
         SKIP_WITHOUT_DEV_PKI();
         QVERIFY2(display.start(), qPrintable(display.lastError()));
-        th.host().environment().insert("DISPLAY", display.name());
-        th.host().environment().insert("QT_QPA_PLATFORM", "xcb");
+        th.environment().insert("DISPLAY", display.name());
+        th.environment().insert("QT_QPA_PLATFORM", "xcb");
         // The session's accessibility bus, on which a screen reader hears the host: private to this
         // run, in the host's runtime directory, ended when its input closes.
-        accessibilityBus.setProcessEnvironment(th.host().environment());
+        accessibilityBus.setProcessEnvironment(th.environment());
         accessibilityBus.start("dbus-run-session", {"--", "sh", "-c", "echo $DBUS_SESSION_BUS_ADDRESS; /usr/libexec/at-spi-bus-launcher "
                                                     "--launch-immediately & read -r _; kill $!"});
         QVERIFY(accessibilityBus.waitForReadyRead(10000));
-        th.host().environment().insert("DBUS_SESSION_BUS_ADDRESS", accessibilityBus.readLine().trimmed());
-        th.host().environment().insert("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1");
-        th.host().enableLog();
+        th.environment().insert("DBUS_SESSION_BUS_ADDRESS", accessibilityBus.readLine().trimmed());
+        th.environment().insert("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1");
+        th.enableLog();
         // Only requests that name the test module see these; the sample requests ask for the
         // vendor attribute that some tokens give their public keys.
-        QVERIFY(th.configureTestModule("pin_pad_pin=" + QByteArray(TokenHost::userPin) + "\nkov_data_hex=3003020101\n"));
-        QVERIFY2(th.start(), qPrintable(th.lastError()));
+        QVERIFY(th.configureTestModule("pin_pad_pin=" + QByteArray(HostProcess::userPin) + "\nkov_data_hex=3003020101\n"));
+        QVERIFY2(th.startWithToken(), qPrintable(th.lastError()));
     }
 
     void requestWithAnotherNonceIsRefused()
     {
         // The host has given out a nonce, and the request carries another.
-        QVERIFY(!TokenHost::result(th.host().call("GetNonce")).isEmpty());
+        QVERIFY(!HostProcess::result(th.call("GetNonce")).isEmpty());
         const QString old = TestRequests::signedArgument("getslots-2026", "00000000-0000-0000-0000-000000000000");
-        QCOMPARE(TokenHost::error(th.host().call("GetSlots", old)), "CommunicationMismatchNonce");
+        QCOMPARE(HostProcess::error(th.call("GetSlots", old)), "CommunicationMismatchNonce");
     }
 
     void operations_data()
@@ -92,30 +92,30 @@ private slots:
         QFETCH(QString, element);
         QFETCH(QString, text);
         const QJsonObject answer = th.call(request, onPinPad);
-        QCOMPARE(answer.value("method").toString(), HostProcess::method(TokenHost::operation(request)));
+        QCOMPARE(answer.value("method").toString(), HostProcess::method(request));
         QCOMPARE(answer.value("error"), QJsonValue(QJsonValue::Null));
-        const QString document = TokenHost::result(answer);
-        QCOMPARE(TokenHost::texts(document, "Nonce"), QStringList(th.lastNonce()));
-        QCOMPARE(TokenHost::texts(document, "Pkcs11LibraryPath"), QStringList(SoftHsmToken::testModulePath()));
-        QVERIFY(TokenHost::texts(document, "SerialNumber").contains(th.serialNumber()));
-        QVERIFY2(QRegularExpression(text).match(TokenHost::texts(document, element).value(0, "missing")).hasMatch(),
+        const QString document = HostProcess::result(answer);
+        QCOMPARE(HostProcess::texts(document, "Nonce"), QStringList(th.lastNonce()));
+        QCOMPARE(HostProcess::texts(document, "Pkcs11LibraryPath"), QStringList(SoftHsmToken::testModulePath()));
+        QVERIFY(HostProcess::texts(document, "SerialNumber").contains(th.serialNumber()));
+        QVERIFY2(QRegularExpression(text).match(HostProcess::texts(document, element).value(0, "missing")).hasMatch(),
                  qPrintable(document));
         // The PIN pad logged in: no PIN form was ever set up.
-        QVERIFY(!th.host().logContains("Setting up slot and token info"));
+        QVERIFY(!th.logContains("Setting up slot and token info"));
         // With the log on, the request and its signer are logged, each on one line.
-        QVERIFY(th.host().logContains("CMS content: <?xml version=\"1.0\" encoding=\"UTF-8\"?>\\n<ScrivaOperation"));
-        QVERIFY(th.host().logContains("Server certificate: -----BEGIN CERTIFICATE-----\\n"));
+        QVERIFY(th.logContains("CMS content: <?xml version=\"1.0\" encoding=\"UTF-8\"?>\\n<ScrivaOperation"));
+        QVERIFY(th.logContains("Server certificate: -----BEGIN CERTIFICATE-----\\n"));
     }
 
     void windowStaysForTheMinimalDisplayTime()
     {
         // The window is titled with the request's signer.
-        const QSslCertificate signer = QSslCertificate::fromPath(DevPki::file(DevPki::defaultSigner + QStringLiteral(".pem"))).value(0);
+        const QSslCertificate signer = QSslCertificate::fromPath(TestRequests::pkiFile(TestRequests::defaultSigner + QStringLiteral(".pem"))).value(0);
         const QString hostWindow = QRegularExpression::escape(signer.subjectInfo(QSslCertificate::CommonName).value(0)) + "$";
         QCOMPARE(setDisplayTime(), QString());
         QElapsedTimer sent;
         sent.start();
-        QCOMPARE(TokenHost::error(th.call("getslots-2026")), QString());
+        QCOMPARE(HostProcess::error(th.call("getslots-2026")), QString());
         QVERIFY(!display.windows(hostWindow).isEmpty());
         QCOMPARE(setDisplayTime(), "Properties cannot be modified while application window is visible");
         QTRY_COMPARE_WITH_TIMEOUT(setDisplayTime(), QString(), 20000);
@@ -129,14 +129,14 @@ private slots:
     void screenReaderHearsTheFormsAndTheWrongPinMessage()
     {
         QProcess reader;
-        reader.setProcessEnvironment(th.host().environment());
+        reader.setProcessEnvironment(th.environment());
         reader.start("/usr/bin/python3", {SCRIVA_SOURCE_DIR "/tests/e2e/screenreader.py"});
         QString heard;
         // Each window is read before the keys go on.
         const auto heardFocus = [&](int times) { return QTest::qWaitFor([&] { return (heard += reader.readAll()).count("focus: ") >= times; }, 20000); };
         QVERIFY(reader.waitForReadyRead(20000) && th.configureTestModule("user_pin_flags=final_try\n"));
         const QString first = startLoginOperation(onPinPad);
-        QTRY_VERIFY(th.host().logContains("The token warns: last PIN try"));
+        QTRY_VERIFY(th.logContains("The token warns: last PIN try"));
         for (const int times : {1, 2, 3})
             QVERIFY(heardFocus(times) && display.type(first, {}, times < 3 ? "Tab" : "Escape"));
         QCOMPARE(nextAnswer(), "CreateObject: OperationCanceled");
@@ -151,7 +151,7 @@ private slots:
         QVERIFY(heardFocus(5) && display.type(message, {}, "Return"));
         const QString again = display.waitForWindow(formTitle, {form, message});
         QCOMPARE(formsSetUp(), formsBefore + 2);
-        QVERIFY(heardFocus(6) && display.type(again, TokenHost::userPin, "Return"));
+        QVERIFY(heardFocus(6) && display.type(again, HostProcess::userPin, "Return"));
         QCOMPARE(nextAnswer(), "CreateObject: ");
         reader.close();
         QFile expected(SCRIVA_TEST_DATA_DIR "/ui/screenreader-final-try.txt");
@@ -189,8 +189,8 @@ private slots:
     void whileTheFormWaitsOtherRequestsAreAnsweredOrRefused()
     {
         const QString form = startLoginOperation();
-        QCOMPARE(TokenHost::error(th.call("getslots-2022")), "Another asynchronous method is already running");
-        QCOMPARE(TokenHost::result(th.host().call("GetVersion")), "2.6.1 (qt)");
+        QCOMPARE(HostProcess::error(th.call("getslots-2022")), "Another asynchronous method is already running");
+        QCOMPARE(HostProcess::result(th.call("GetVersion")), "2.6.1 (qt)");
         // The waiting operation was not disturbed: it is still the user's to cancel.
         QVERIFY(display.type(form, {}, "Escape"));
         QCOMPARE(nextAnswer(), "CreateObject: OperationCanceled");
@@ -201,12 +201,12 @@ private slots:
         // Without manual selection no dialog is offered.
         QMap<QString, QString> noModule = noUsableModule;
         noModule.remove("<AllowManualSelection>false");
-        QCOMPARE(TokenHost::error(th.host().call("GetSlots", th.argument("getslots-2026", noModule))), "NoUsablePkcs11LibraryFound");
+        QCOMPARE(HostProcess::error(th.call("GetSlots", th.argument("getslots-2026", noModule))), "NoUsablePkcs11LibraryFound");
         th.send("getslots-2026", th.argument("getslots-2026", noUsableModule));
         QVERIFY(display.type(display.waitForWindow(fileDialogTitle), SoftHsmToken::softHsmModulePath(), "Return"));
-        const QString document = TokenHost::result(th.host().readAnswer(60000));
-        QCOMPARE(TokenHost::texts(document, "Pkcs11LibraryPath"), QStringList{SoftHsmToken::softHsmModulePath()});
-        QVERIFY(TokenHost::texts(document, "SerialNumber").contains(th.serialNumber()));
+        const QString document = HostProcess::result(th.readAnswer(60000));
+        QCOMPARE(HostProcess::texts(document, "Pkcs11LibraryPath"), QStringList{SoftHsmToken::softHsmModulePath()});
+        QVERIFY(HostProcess::texts(document, "SerialNumber").contains(th.serialNumber()));
 
         th.send("getcertificates-2022", th.argument("getcertificates-2022", noUsableModule));
         QVERIFY(display.type(display.waitForWindow(fileDialogTitle), {}, "Escape"));

@@ -1,4 +1,4 @@
-#include "tokenhost.h"
+#include "hostprocess.h"
 #include "virtualdisplay.h"
 
 #include <QElapsedTimer>
@@ -39,7 +39,7 @@ private slots:
                 {QString("slow ") + tokenWork, tokenWork, true}, {"token work done", "C_CloseSession", true}};
             for (const auto& [point, heldCall, pinTyped] : points)
                 for (const char* ending : {"input", "Terminate", "CreateInstance"})
-                    QTest::addRow("%s, %s, %s", qPrintable(TokenHost::operation(request)), qPrintable(point), ending)
+                    QTest::addRow("%s, %s, %s", qPrintable(HostProcess::operation(request)), qPrintable(point), ending)
                         << QString(request) << heldCall << pinTyped << QString(ending);
         }
     }
@@ -50,43 +50,43 @@ private slots:
         QFETCH(QString, heldCall);
         QFETCH(bool, pinTyped);
         QFETCH(QString, ending);
-        TokenHost th;
+        HostProcess th;
         QTemporaryDir gates;
         QVERIFY(th.configureTestModule("kov_data_hex=3003020101\nhold_dir=" + gates.path().toUtf8()
                                        + "\nhold_calls=" + heldCall.toUtf8() + "\n"));
-        th.host().environment().insert("DISPLAY", display.name());
-        th.host().environment().insert("QT_QPA_PLATFORM", "xcb");
-        th.host().enableLog();
-        QVERIFY2(th.start(), qPrintable(th.lastError()));
-        th.send(request, th.argument(request, TokenHost::onTestModule()));
+        th.environment().insert("DISPLAY", display.name());
+        th.environment().insert("QT_QPA_PLATFORM", "xcb");
+        th.enableLog();
+        QVERIFY2(th.startWithToken(), qPrintable(th.lastError()));
+        th.send(request, th.argument(request, HostProcess::onTestModule()));
 
         QString form;
         if (heldCall.isEmpty() || pinTyped)
             QVERIFY(!(form = display.waitForWindow(formTitle)).isEmpty());
         if (pinTyped)
-            QVERIFY(display.type(form, TokenHost::userPin, "Return"));
+            QVERIFY(display.type(form, HostProcess::userPin, "Return"));
         if (!heldCall.isEmpty())
             QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(gates.filePath(heldCall + ".entered")), 30000);
 
         if (ending == "input") {
-            th.host().closeInput();
-            QTRY_VERIFY_WITH_TIMEOUT(th.host().logContains("End of file reached"), 10000);
+            th.closeInput();
+            QTRY_VERIFY_WITH_TIMEOUT(th.logContains("End of file reached"), 10000);
         } else {
-            const QJsonObject answer = th.callMethod(ending);
+            const QJsonObject answer = th.call(ending);
             QCOMPARE(answer.value("method").toString(), HostProcess::method(ending));
             QCOMPARE(answer.value("error"), QJsonValue(QJsonValue::Null));
             // Nobody is left to answer the form: the host closes it itself.
             if (!form.isEmpty() && !pinTyped)
                 QVERIFY2(display.waitUntilGone(form), "the PIN form stayed open");
             if (ending == "CreateInstance" && !heldCall.isEmpty())
-                QCOMPARE(TokenHost::error(th.call("getslots-2026")), "Another asynchronous method is already running");
+                QCOMPARE(HostProcess::error(th.call("getslots-2026")), "Another asynchronous method is already running");
         }
 
         // The token call returns; the old operation must go no further than its next step.
         QVERIFY(QFile(gates.filePath(heldCall + ".release")).open(QIODevice::WriteOnly));
         if (ending == "CreateInstance") {
             // The discarded operation ends without asking anybody; then the new instance may use the token.
-            QTRY_VERIFY2_WITH_TIMEOUT(th.host().logContains("Unloading PKCS#11 library"),
+            QTRY_VERIFY2_WITH_TIMEOUT(th.logContains("Unloading PKCS#11 library"),
                                       "the discarded operation did not end", 10000);
             QVERIFY(display.windows(formTitle).isEmpty());
             QCOMPARE(th.call("getslots-2026").value("method").toString(), HostProcess::method("GetSlots"));
@@ -95,8 +95,8 @@ private slots:
         }
 
         // Long enough for any orderly ending; a host that waits for a user or a dead pipe exceeds it.
-        QVERIFY2(th.host().endedNormally(20000), "the host did not end normally");
-        QVERIFY(th.host().logContains("Application quits with exit code: 0"));
+        QVERIFY2(th.endedNormally(20000), "the host did not end normally");
+        QVERIFY(th.logContains("Application quits with exit code: 0"));
     }
 
     // A module call that never returns (a reader driver waiting on a dead daemon), or a PIN form

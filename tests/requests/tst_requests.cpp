@@ -1,5 +1,4 @@
 #include "appexception.h"
-#include "devpki.h"
 #include "pkcs11/XmlParser/pkcs11operationdataparser.h"
 #include "pkcs11/XmlParser/scrivanamespaces.h"
 #include "pkcs11/XmlParser/scrivapkcs11inputxmlparser.h"
@@ -406,16 +405,16 @@ private slots:
 
     void parseOpensOnlyAnEnvelopeFromATrustedSigner()
     {
-        if (!DevPki::isAvailable())
+        if (!TestRequests::canSign())
             QSKIP("this build trusts real anchors");
         X509Certificate2Ultra signer;
         const std::unique_ptr<ScrivaPkcs11OperationData<GetCertificatesOperationData>> record(
-            ScrivaPkcs11InputXmlParser<GetCertificatesOperationData>::parse(DevPki::signedArgument(edited("getcertificates-2026").toUtf8()), &signer));
+            ScrivaPkcs11InputXmlParser<GetCertificatesOperationData>::parse(TestRequests::signedXml(edited("getcertificates-2026").toUtf8()), &signer));
         QCOMPARE(describe(*record->getOperationData()), "0123456789ABCDEF/Scriva token");
         QVERIFY(!signer.isNull());
         // An untrusted signer is refused before the document is even validated.
         const QString bogus = edited("getslots-2022", "<GetSlots/>", "<Bogus/>");
-        QCOMPARE(thrown([&] { delete ScrivaPkcs11InputXmlParser<GetSlotsOperationData>::parse(DevPki::signedArgument(bogus.toUtf8(), "signer-unknown-root")); }),
+        QCOMPARE(thrown([&] { delete ScrivaPkcs11InputXmlParser<GetSlotsOperationData>::parse(TestRequests::signedXml(bogus.toUtf8(), "signer-unknown-root")); }),
                  "CommunicationMismatchUnstrustedServer");
     }
 };

@@ -1,11 +1,16 @@
 #include "hostprocess.h"
 
+#include "externaltool.h"
+
 #include <QDeadlineTimer>
 #include <QDir>
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QRegularExpression>
+#include <QXmlStreamReader>
 #include <QtEndian>
+
+static const QString tpmScript = QStringLiteral(SCRIVA_SOURCE_DIR "/scripts/tpm-token.sh");
 
 HostProcess::HostProcess() : env(QProcessEnvironment::systemEnvironment())
 {
@@ -16,9 +21,24 @@ HostProcess::HostProcess() : env(QProcessEnvironment::systemEnvironment())
         env.insert("QT_QPA_PLATFORM", "offscreen");
 }
 
+HostProcess::~HostProcess()
+{
+    process.kill(), process.waitForFinished(5000);
+    if (!tpmDir.isEmpty())
+        ExternalTool::run("bash", {tpmScript, "stop", tpmDir});
+}
+
 QString HostProcess::executable()
 {
     return SCRIVA_BIN_DIR "/ScrivaPkcs11";
+}
+
+QString HostProcess::operation(const QString& name)
+{
+    for (const char* operation : {"GetSlots", "GetCertificates", "GenerateCsr", "CreateObject"})
+        if (name.contains('-') && name.section('-', 0, 0).compare(QLatin1String(operation), Qt::CaseInsensitive) == 0)
+            return operation;
+    return name;
 }
 
 QByteArray HostProcess::frame(const QByteArray& payload)
@@ -26,6 +46,15 @@ QByteArray HostProcess::frame(const QByteArray& payload)
     QByteArray bytes(4, '\0');
     qToLittleEndian<quint32>(quint32(payload.size()), bytes.data());
     return bytes + payload;
+}
+
+QStringList HostProcess::texts(const QString& xml, const QString& element)
+{
+    QStringList found;
+    for (QXmlStreamReader reader(xml); !reader.atEnd();)
+        if (reader.readNext() == QXmlStreamReader::StartElement && reader.name() == element)
+            found.append(reader.readElementText(QXmlStreamReader::IncludeChildElements));
+    return found;
 }
 
 void HostProcess::enableLog()
@@ -41,6 +70,13 @@ QStringList HostProcess::logLines() const
     return QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts);
 }
 
+bool HostProcess::configureTestModule(const QByteArray& keyValues)
+{
+    QFile file(homeDir.filePath("scriva-test-p11.conf"));
+    env.insert("SCRIVA_TEST_P11_CONFIG", file.fileName());
+    return file.open(QIODevice::WriteOnly) && file.write(keyValues) == keyValues.size();
+}
+
 bool HostProcess::start(const QStringList& arguments)
 {
     process.setProcessEnvironment(env);
@@ -49,8 +85,50 @@ bool HostProcess::start(const QStringList& arguments)
     return process.waitForStarted(10000);
 }
 
-void HostProcess::send(const QJsonObject& message)
+bool HostProcess::startWithToken(const QStringList& arguments, const QString& serialNumber)
 {
+    serial = serialNumber;
+    if (serial.isEmpty()) {
+        if (!store.initToken("Scriva token", "12345678", userPin))
+            return failure = store.lastError(), false;
+        env.insert("SOFTHSM2_CONF", store.configPath());
+        serial = store.serialNumber("Scriva token");
+    }
+    const QJsonObject answer = start(arguments) ? call("CreateInstance") : QJsonObject();
+    failure = "CreateInstance failed: " + error(answer);
+    return !answer.isEmpty() && answer.value("error").isNull();
+}
+
+bool HostProcess::startWithTpmToken()
+{
+    tpmDir = homeDir.filePath("tpm");
+    QFile variables(tpmDir + "/env");
+    if (!QDir().mkpath(tpmDir) || !ExternalTool::run("bash", {tpmScript, "start", tpmDir, "Scriva token", userPin, "12345678"}, &failure)
+        || !variables.open(QIODevice::ReadOnly))
+        return false;
+    for (const QString& line : QString::fromLocal8Bit(variables.readAll()).split('\n', Qt::SkipEmptyParts))
+        env.insert(line.section('=', 0, 0), line.section('=', 1));
+    env.insert("SCRIVA_TEST_P11_TARGET", tpmModulePath);
+    return startWithToken({}, tpmSerialNumber);
+}
+
+QString HostProcess::argument(const QString& name, const QMap<QString, QString>& replacements)
+{
+    nonce = result(call("GetNonce"));
+    QMap<QString, QString> all{{"0123456789ABCDEF", serial}, {"{\"reader\":\"any\"}", ""},
+                               {sampleModule, SoftHsmToken::softHsmModulePath()}};
+    all.insert(replacements);
+    return TestRequests::signedXml(QString::fromUtf8(TestRequests::xml(name, nonce, all))
+        .replace(QRegularExpression("<ObjectAttributes>.*</ObjectAttributes>", QRegularExpression::DotMatchesEverythingOption),
+                 "<ObjectAttributes>" + objectAttributes + "</ObjectAttributes>")
+        .toUtf8());
+}
+
+void HostProcess::send(const QString& name, const QString& argument)
+{
+    QJsonObject message{{"method", method(name)}};
+    if (!argument.isNull())
+        message.insert("args", QJsonArray{argument});
     sendRaw(frame(QJsonDocument(message).toJson(QJsonDocument::Compact)));
 }
 
@@ -63,30 +141,15 @@ void HostProcess::sendRaw(const QByteArray& bytes)
 QJsonObject HostProcess::readAnswer(int timeoutMs)
 {
     QDeadlineTimer deadline(timeoutMs);
-    for (;;) {
-        const quint32 length = buffer.size() >= 4 ? qFromLittleEndian<quint32>(buffer.constData()) : 0;
-        if (buffer.size() >= 4 && quint32(buffer.size()) >= 4 + length) {
-            const QByteArray payload = buffer.mid(4, int(length));
-            buffer.remove(0, int(4 + length));
-            return QJsonDocument::fromJson(payload).object();
-        }
-        const bool running = process.state() != QProcess::NotRunning;
-        if (running && !deadline.hasExpired())
-            process.waitForReadyRead(int(qMax<qint64>(1, deadline.remainingTime())));
-        const QByteArray more = process.readAllStandardOutput();
-        if (more.isEmpty() && (!running || deadline.hasExpired()))
+    // A frame is its length (4 bytes, little-endian), then that many bytes of JSON.
+    while ((buffer += process.readAllStandardOutput()).size() < 4
+           || quint32(buffer.size() - 4) < qFromLittleEndian<quint32>(buffer.constData()))
+        if (!process.waitForReadyRead(int(qMax<qint64>(1, deadline.remainingTime()))) && !process.bytesAvailable())
             return {};
-        buffer += more;
-    }
-}
-
-QJsonObject HostProcess::call(const QString& shortName, const QString& argument)
-{
-    QJsonObject message{{"method", method(shortName)}};
-    if (!argument.isNull())
-        message.insert("args", QJsonArray{argument});
-    send(message);
-    return readAnswer();
+    const int length = int(qFromLittleEndian<quint32>(buffer.constData()));
+    const QJsonObject answer = QJsonDocument::fromJson(buffer.mid(4, length)).object();
+    buffer.remove(0, 4 + length);
+    return answer;
 }
 
 bool HostProcess::waitForExit(int timeoutMs)

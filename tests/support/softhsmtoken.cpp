@@ -1,21 +1,20 @@
 #include "softhsmtoken.h"
 
+#include "externaltool.h"
+
 #include <QDir>
 #include <QFile>
-#include <QProcess>
 #include <QRegularExpression>
 
 SoftHsmToken::SoftHsmToken()
 {
     QFile config(configPath());
-    if (!dir.isValid() || !QDir(dir.path()).mkpath(QStringLiteral("tokens")) || !config.open(QIODevice::WriteOnly)) {
+    QDir(dir.path()).mkpath(QStringLiteral("tokens"));
+    if (!config.open(QIODevice::WriteOnly)) // then every tool fails
         error = QStringLiteral("Unable to write ") + configPath();
-        return;
-    }
     config.write("directories.tokendir = " + QFile::encodeName(dir.path()) + "/tokens\nobjectstore.backend = file\n"
                  "log.level = ERROR\n");
     qputenv("SOFTHSM2_CONF", QFile::encodeName(configPath()));
-    valid = true;
 }
 
 QProcessEnvironment SoftHsmToken::environment() const
@@ -25,26 +24,10 @@ QProcessEnvironment SoftHsmToken::environment() const
     return environment;
 }
 
-bool SoftHsmToken::run(const QString& program, const QStringList& arguments, QString* output) const
-{
-    QProcess process;
-    process.setProcessEnvironment(environment());
-    process.setProcessChannelMode(output ? QProcess::SeparateChannels : QProcess::MergedChannels);
-    process.start(program, arguments);
-    const bool finished = process.waitForFinished(60000);
-    const QString text = QString::fromLocal8Bit(process.readAllStandardOutput());
-    if (output)
-        *output = text;
-    if (finished && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0)
-        return true;
-    error = program + QStringLiteral(" failed: ") + text + process.errorString();
-    return false;
-}
-
 QString SoftHsmToken::find(const QString& label, int group) const
 {
     QString listing;
-    run(QStringLiteral("softhsm2-util"), {QStringLiteral("--show-slots")}, &listing);
+    ExternalTool::run(QStringLiteral("softhsm2-util"), {QStringLiteral("--show-slots")}, &listing, environment());
     // One block per slot: "Slot <id>", then among its lines "Serial number: ..." and "Label: ...".
     static const QRegularExpression slot(QStringLiteral("^Slot (\\d+)\\s*$(?:(?!^Slot )[\\s\\S])*?Serial number:[ \\t]*(\\S*)"
                                                         "(?:(?!^Slot )[\\s\\S])*?Label:[ \\t]*([^\\n]*?)\\s*$"),
@@ -59,14 +42,14 @@ QString SoftHsmToken::find(const QString& label, int group) const
 
 bool SoftHsmToken::initToken(const QString& label, const QString& soPin, const QString& userPin)
 {
-    return run("softhsm2-util", {"--init-token", "--free", "--label", label, "--so-pin", soPin, "--pin", userPin});
+    return ExternalTool::run("softhsm2-util", {"--init-token", "--free", "--label", label, "--so-pin", soPin, "--pin", userPin}, &error, environment());
 }
 
 bool SoftHsmToken::generateRsaKeyPair(const QString& label, const QString& userPin, const QString& idHex,
                                       const QString& objectLabel)
 {
-    return run("pkcs11-tool", {"--module", softHsmModulePath(), "--token-label", label, "--login", "--pin", userPin,
-                               "--keypairgen", "--key-type", "rsa:2048", "--id", idHex, "--label", objectLabel});
+    return ExternalTool::run("pkcs11-tool", {"--module", softHsmModulePath(), "--token-label", label, "--login", "--pin", userPin,
+                               "--keypairgen", "--key-type", "rsa:2048", "--id", idHex, "--label", objectLabel}, &error, environment());
 }
 
 QString SoftHsmToken::softHsmModulePath()

@@ -13,10 +13,8 @@ class SoftHsmToken
 public:
     SoftHsmToken();
 
-    bool isValid() const { return valid; }
     // What the last failing step reported (the tool's output).
     QString lastError() const { return error; }
-    QString directory() const { return dir.path(); }
     QString configPath() const { return dir.filePath(QStringLiteral("softhsm2.conf")); }
     // The system environment with the variable pointing at this store, for child processes.
     QProcessEnvironment environment() const;
@@ -35,11 +33,9 @@ public:
     static QString testModulePath();
 
 private:
-    bool run(const QString& program, const QStringList& arguments, QString* output = nullptr) const;
     // Capture `group` (1 slot id, 2 serial number) of the slot holding the labelled token.
     QString find(const QString& label, int group) const;
 
     QTemporaryDir dir;
-    bool valid = false;
-    mutable QString error;
+    QString error;
 };

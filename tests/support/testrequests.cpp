@@ -1,9 +1,32 @@
 #include "testrequests.h"
 
 #include "appexception.h"
-#include "devpki.h"
+#include "requestsigner.h"
 
+#include <QDir>
 #include <QFile>
+
+bool TestRequests::canSign() { return QFileInfo(pkiFile(QStringLiteral("complete"))).isFile(); }
+
+QString TestRequests::pkiFile(const QString& name) { return QDir(QStringLiteral(SCRIVA_DEV_PKI_DIR)).filePath(name); }
+
+QByteArray TestRequests::signedCms(const QByteArray& content, const QStringList& signers, bool detached)
+{
+    RequestSigner signer;
+    signer.setDetached(detached);
+    for (const QString& name : signers)
+        if (!signer.addSigner(pkiFile(name + QStringLiteral(".key")), pkiFile(name + QStringLiteral(".pem"))))
+            qFatal("Development signer %s unusable: %s", qPrintable(name), qPrintable(signer.errorString()));
+    const QByteArray cms = signer.sign(content);
+    if (cms.isEmpty())
+        qFatal("Signing failed: %s", qPrintable(signer.errorString()));
+    return cms;
+}
+
+QString TestRequests::signedXml(const QByteArray& xml, const QString& signer)
+{
+    return QString::fromLatin1(signedCms(xml, {signer}).toBase64());
+}
 
 QByteArray TestRequests::xml(const QString& name, const QString& nonce, const QMap<QString, QString>& replacements)
 {
@@ -18,10 +41,8 @@ QByteArray TestRequests::xml(const QString& name, const QString& nonce, const QM
 
 QString TestRequests::signedArgument(const QString& name, const QString& nonce, const QMap<QString, QString>& replacements)
 {
-    return DevPki::signedArgument(xml(name, nonce, replacements));
+    return signedXml(xml(name, nonce, replacements));
 }
-
-QString TestRequests::signedXml(const QByteArray& xml, const QString& signer) { return DevPki::signedArgument(xml, signer); }
 
 QString TestRequests::refusal(const std::function<void()>& step)
 {

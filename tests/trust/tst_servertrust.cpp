@@ -1,5 +1,4 @@
 // Server-signed requests: the CMS envelope, the signer's chain, policy and validity period.
-#include "devpki.h"
 #include "ownedresource.h"
 #include "responsecryptoprocessor.h"
 #include "testrequests.h"
@@ -18,7 +17,7 @@ const auto thrown = TestRequests::refusal;
 
 X509Certificate2Ultra devCertificate(const QString& name)
 {
-    return X509Certificate2Ultra(QSslCertificate::fromPath(DevPki::file(name + ".pem")).value(0));
+    return X509Certificate2Ultra(QSslCertificate::fromPath(TestRequests::pkiFile(name + ".pem")).value(0));
 }
 
 QList<X509Certificate2Ultra> anchor(int chain) { return TrustAnchors::builtIn().chains().at(chain).second; }
@@ -31,7 +30,7 @@ class tst_ServerTrust : public QObject
 private slots:
     void initTestCase()
     {
-        if (!DevPki::isAvailable())
+        if (!TestRequests::canSign())
             QSKIP("the build trusts configured anchors");
         QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false"));
     }
@@ -81,7 +80,7 @@ private slots:
             QTest::failOnWarning(QRegularExpression(QStringLiteral(".*")));
 
             ResponseCryptoProcessor processor;
-            const QString message = thrown([&] { processor.processBase64CmsSignedData(DevPki::signedArgument(request, signer)); });
+            const QString message = thrown([&] { processor.processBase64CmsSignedData(TestRequests::signedXml(request, signer)); });
             QCOMPARE(message, acceptingChain < 0 ? "CommunicationMismatchUnstrustedServer" : QString());
             QCOMPARE(processor.getCmsContent(), QString::fromUtf8(request));
             QCOMPARE(processor.getServerCertificate(), devCertificate(signer));
@@ -93,12 +92,12 @@ private slots:
     {
         QTest::addColumn<QString>("argument");
         QTest::addColumn<QString>("expected");
-        const QByteArray signedRequest = DevPki::signedCms(request);
+        const QByteArray signedRequest = TestRequests::signedCms(request);
         QTest::newRow("not base64") << "this is %% not base64 !" << "Unable to parse CMS: ";
         const auto base64 = [](const QByteArray& der) { return QString::fromLatin1(der.toBase64()); };
         QTest::newRow("tampered content") << base64(QByteArray(signedRequest).replace("<Slot>", "<Slit>")) << "CMS signature is not valid: ";
-        QTest::newRow("detached content") << base64(DevPki::signedCms(request, {DevPki::defaultSigner}, true)) << "Unable to get CMS content: ";
-        QTest::newRow("two valid signers") << base64(DevPki::signedCms(request, {"server-chain1", "server-chain2"}))
+        QTest::newRow("detached content") << base64(TestRequests::signedCms(request, {TestRequests::defaultSigner}, true)) << "Unable to get CMS content: ";
+        QTest::newRow("two valid signers") << base64(TestRequests::signedCms(request, {"server-chain1", "server-chain2"}))
                                            << "CMS does not contain exactly one signing certificate";
     }
 
@@ -137,7 +136,7 @@ private slots:
     void judgesValidityPeriodInWholeSeconds()
     {
         // Effective or expiring in the current second: not valid. Retried if the clock ticks meanwhile.
-        const Owned<BIO, BIO_free> bio(BIO_new_file(qPrintable(DevPki::file(QStringLiteral("server-chain2.key"))), "r"));
+        const Owned<BIO, BIO_free> bio(BIO_new_file(qPrintable(TestRequests::pkiFile(QStringLiteral("server-chain2.key"))), "r"));
         const Owned<EVP_PKEY, EVP_PKEY_free> key(PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr));
         for (qint64 second = 0; second != QDateTime::currentSecsSinceEpoch();) {
             second = QDateTime::currentSecsSinceEpoch();
@@ -157,7 +156,7 @@ private slots:
         QTemporaryFile input;
         QVERIFY(input.open() && input.write(request) == request.size() && input.flush());
         QProcess signing;
-        signing.start(SCRIVA_BIN_DIR "/scriva-sign-request", {input.fileName(), DevPki::file("server-chain1.key"), DevPki::file("server-chain1.pem")});
+        signing.start(SCRIVA_BIN_DIR "/scriva-sign-request", {input.fileName(), TestRequests::pkiFile("server-chain1.key"), TestRequests::pkiFile("server-chain1.pem")});
         QVERIFY(signing.waitForFinished(30000) && signing.exitCode() == 0);
         const QByteArray argument = signing.readAllStandardOutput().trimmed();
         QVERIFY(!argument.contains('\n'));
