@@ -165,7 +165,7 @@ private slots:
     void formAfterAWrongPinWarnsAsTheTokenNow()
     {
         QProcess reader;
-        reader.setProcessEnvironment(th.host().environment());
+        reader.setProcessEnvironment(th.environment());
         reader.start("/usr/bin/python3", {SCRIVA_SOURCE_DIR "/tests/e2e/screenreader.py"});
         QString heard;
         const auto heardFocus = [&](int times) { return QTest::qWaitFor([&] { return (heard += reader.readAll()).count("focus: ") >= times; }, 20000); };
@@ -177,7 +177,7 @@ private slots:
             QVERIFY(heardFocus(form + 1) && display.type(windows.last(), {}, "Return"));
             windows << display.waitForWindow(formTitle, windows);
         }
-        QVERIFY(heardFocus(5) && display.type(windows.last(), TokenHost::userPin, "Return"));
+        QVERIFY(heardFocus(5) && display.type(windows.last(), HostProcess::userPin, "Return"));
         QCOMPARE(nextAnswer(), "CreateObject: ");
         reader.close();
         QCOMPARE(heard.split('\n').filter("focus: password text"),

@@ -118,36 +118,36 @@ private slots:
         QFETCH(QString, heldCall);
         QFETCH(bool, terminateFirst);
         QFETCH(int, signal);
-        TokenHost th;
+        HostProcess th;
         QTemporaryDir gates;
         QVERIFY(th.configureTestModule("hold_dir=" + gates.path().toUtf8() + "\nhold_calls=" + heldCall.toUtf8() + "\n"));
-        th.host().environment().insert("DISPLAY", display.name());
-        th.host().environment().insert("QT_QPA_PLATFORM", "xcb");
-        th.host().enableLog();
-        QVERIFY2(th.start(), qPrintable(th.lastError()));
+        th.environment().insert("DISPLAY", display.name());
+        th.environment().insert("QT_QPA_PLATFORM", "xcb");
+        th.enableLog();
+        QVERIFY2(th.startWithToken(), qPrintable(th.lastError()));
         const QString request = heldCall.isEmpty() ? "generatecsr-2026" : "getslots-2026";
-        th.send(request, th.argument(request, TokenHost::onTestModule()));
+        th.send(request, th.argument(request, HostProcess::onTestModule()));
         QVERIFY(!display.waitForWindow(heldCall.isEmpty() ? formTitle : "^Corvant Scriva").isEmpty());
         if (!heldCall.isEmpty())
             QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(gates.filePath(heldCall + ".entered")), 30000);
         if (terminateFirst)
-            QCOMPARE(th.callMethod("Terminate").value("error"), QJsonValue(QJsonValue::Null));
+            QCOMPARE(th.call("Terminate").value("error"), QJsonValue(QJsonValue::Null));
 
         QElapsedTimer ending;
         ending.start();
         if (signal)
-            ::kill(pid_t(th.host().qprocess().processId()), signal);
+            ::kill(pid_t(th.qprocess().processId()), signal);
         else
-            th.host().closeInput();
+            th.closeInput();
         const bool windowsClosed = QTest::qWaitFor([&] { return display.windows("^Corvant Scriva").isEmpty(); }, 1000);
-        QVERIFY2(th.host().waitForExit(5000), "still running after 5 s");
+        QVERIFY2(th.waitForExit(5000), "still running after 5 s");
         qInfo("ended after %lld ms", ending.elapsed());
-        QVERIFY2(th.host().endedNormally(0), "ended by a signal or with an error");
+        QVERIFY2(th.endedNormally(0), "ended by a signal or with an error");
         QVERIFY2(windowsClosed, "a window stayed open while the host was ending");
         // An abandoned call leaves nothing to destroy after the last word.
-        const QStringList log = th.host().logLines();
+        const QStringList log = th.logLines();
         const QString quits = "Application quits with exit code: 0";
-        QVERIFY(heldCall.isEmpty() ? th.host().logContains(quits) : log.value(log.size() - 1).contains(quits));
+        QVERIFY(heldCall.isEmpty() ? th.logContains(quits) : log.value(log.size() - 1).contains(quits));
     }
 };
 

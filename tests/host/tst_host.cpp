@@ -1,7 +1,5 @@
-#include "devpki.h"
 #include "hostprocess.h"
 #include "testrequests.h"
-#include "tokenhost.h"
 
 #include <QDir>
 #include <QJsonDocument>
@@ -66,7 +64,7 @@ private slots:
         // "${<tests/data/requests name> signed by <signer>}" in a request: signed by the development PKI.
         static const QRegularExpression signedRequest("\\$\\{([\\w-]+) signed by ([\\w-]+)\\}");
         for (const QString& conversation : written.split("\n== ").mid(1)) {
-            if (conversation.contains(signedRequest) && !DevPki::isAvailable())
+            if (conversation.contains(signedRequest) && !TestRequests::canSign())
                 continue;
             QStringList lines = conversation.split('\n', Qt::SkipEmptyParts), arguments, answers, log;
             const QString name = lines.takeFirst();
@@ -203,12 +201,12 @@ private slots:
     void moduleStateOutlivesItsOperations()
     {
         SKIP_WITHOUT_DEV_PKI();
-        TokenHost th;
+        HostProcess th;
         QVERIFY(th.configureTestModule("thread_state=1\n"));
-        QVERIFY2(th.start(), qPrintable(th.lastError()));
+        QVERIFY2(th.startWithToken(), qPrintable(th.lastError()));
         for (int i = 0; i < 2; ++i)
-            QCOMPARE(TokenHost::error(th.call("getslots-2026", TokenHost::onTestModule())), QString());
-        QVERIFY2(th.terminate(), qPrintable("exit code or signal " + QString::number(th.host().exitCode())));
+            QCOMPARE(HostProcess::error(th.call("getslots-2026", HostProcess::onTestModule())), QString());
+        QVERIFY2(th.terminate(), qPrintable("exit code or signal " + QString::number(th.exitCode())));
     }
 
     void answersIntoAFileAsIntoAPipe()

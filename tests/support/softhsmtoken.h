@@ -16,6 +16,8 @@ public:
     // What the last failing step reported (the tool's output).
     QString lastError() const { return error; }
     QString configPath() const { return dir.filePath(QStringLiteral("softhsm2.conf")); }
+    // Where the store keeps its files: one per token and one per object on it.
+    QString directory() const { return dir.path(); }
     // The system environment with the variable pointing at this store, for child processes.
     QProcessEnvironment environment() const;
 
