@@ -225,35 +225,6 @@ private slots:
         QCOMPARE(askPin(launcher), "4321");
     }
 
-    // On the GUI thread the form opens directly, over the host window; the keyboard alone answers
-    // it: the PIN field has the focus when it opens, Enter is OK.
-    void keyboardAnswersTheForm_data()
-    {
-        QTest::addColumn<int>("key");
-        QTest::newRow("Enter accepts") << int(Qt::Key_Return);
-        QTest::newRow("keypad Enter accepts") << int(Qt::Key_Enter);
-        QTest::newRow("Escape cancels") << int(Qt::Key_Escape);
-    }
-
-    void keyboardAnswersTheForm()
-    {
-        QFETCH(int, key);
-        MainWindowPkcs11 window;
-        window.show();
-        PinFormLauncher launcher;
-        bool focused = false;
-        answerWhenOpen(this, [&](PinForm* form) {
-            auto* field = form->findChild<QLineEdit*>(QStringLiteral("lePin"));
-            focused = form->parentWidget() == &window && QTest::qWaitFor([&] { return QApplication::focusWidget() == field; });
-            if (!focused)
-                return form->reject();
-            QTest::keyClicks(QApplication::focusWidget(), QStringLiteral("2468"));
-            QTest::keyClick(QApplication::focusWidget(), Qt::Key(key));
-        });
-        QCOMPARE(askPin(launcher), key == Qt::Key_Escape ? QString() : "2468");
-        QVERIFY(focused);
-    }
-
     // The whole form as the user sees it, with the warning of the token's own count of wrong PINs
     // (the last try outweighs the earlier ones); long names and a language switched while it is open
     // widen it. A screen reader hears it in the language shown, the warning with the PIN field.
