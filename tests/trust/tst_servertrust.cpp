@@ -158,10 +158,10 @@ private slots:
             const Owned<BIO, BIO_free> bio(BIO_new_file(qPrintable(DevPki::file(name)), "r"));
             return Owned<EVP_PKEY, EVP_PKEY_free>(PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr));
         };
-        const Owned<X509, X509_free> leaf(X509_new());
+        const Owned<X509, X509_free> leaf(X509_new()), root(anchor(0).first().toX509());
         const time_t now = time(nullptr);
         QVERIFY(ASN1_TIME_set(X509_getm_notBefore(leaf.get()), now - 60) && ASN1_TIME_set(X509_getm_notAfter(leaf.get()), now + 2)
-                && X509_set_issuer_name(leaf.get(), X509_get_subject_name(anchor(0).first().toX509()))
+                && X509_set_issuer_name(leaf.get(), X509_get_subject_name(root.get()))
                 && X509_set_pubkey(leaf.get(), key("server-chain1.key").get()) && X509_sign(leaf.get(), key("chain1-root.key").get(), EVP_sha256()));
         const X509Certificate2Ultra signer(leaf.get());
         signer.verifyIssuer(anchor(0));
