@@ -150,6 +150,23 @@ private slots:
         }
     }
 
+    // A verified chain is trusted again only while every member of it is still valid.
+    void trustEndsWhenAChainMemberExpires()
+    {
+        const auto key = [](const char* name) {
+            const Owned<BIO, BIO_free> bio(BIO_new_file(qPrintable(TestRequests::pkiFile(name)), "r"));
+            return Owned<EVP_PKEY, EVP_PKEY_free>(PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr));
+        };
+        const Owned<X509, X509_free> leaf(X509_new()), root(anchor(0).first().toX509());
+        const time_t now = time(nullptr);
+        QVERIFY(ASN1_TIME_set(X509_getm_notBefore(leaf.get()), now - 60) && ASN1_TIME_set(X509_getm_notAfter(leaf.get()), now + 2)
+                && X509_set_issuer_name(leaf.get(), X509_get_subject_name(root.get()))
+                && X509_set_pubkey(leaf.get(), key("server-chain1.key").get()) && X509_sign(leaf.get(), key("chain1-root.key").get(), EVP_sha256()));
+        const X509Certificate2Ultra signer(leaf.get());
+        signer.verifyIssuer(anchor(0));
+        QTRY_COMPARE_WITH_TIMEOUT(thrown([&] { signer.verifyIssuer(anchor(0)); }), QStringLiteral("IssuerInvalid"), 10000);
+    }
+
     // The tool the web application's server developers sign requests with makes the one-line argument the host trusts.
     void signingToolMakesAnArgumentTheHostTrusts()
     {
