@@ -37,6 +37,22 @@ class TestE2eDialogs : public QObject
 
     int formsSetUp() { return th.logLines().filter("Setting up slot and token info").size(); }
 
+    // A screen reader on the host's accessibility bus, and what it has heard.
+    QProcess reader;
+    QString heard;
+    bool startReader()
+    {
+        heard.clear();
+        reader.setProcessEnvironment(th.environment());
+        reader.start("/usr/bin/python3", {SCRIVA_SOURCE_DIR "/tests/e2e/screenreader.py"});
+        return reader.waitForReadyRead(20000);
+    }
+    // Each window is read before the keys go on.
+    bool heardFocus(int times)
+    {
+        return QTest::qWaitFor([&] { return (heard += reader.readAll()).count("focus: ") >= times; }, 20000);
+    }
+
     // The method and error of the next answer.
     QString nextAnswer()
     {
@@ -128,13 +144,7 @@ private slots:
     // cancels; after a wrong PIN a message says so, then the form comes again for the right one.
     void screenReaderHearsTheFormsAndTheWrongPinMessage()
     {
-        QProcess reader;
-        reader.setProcessEnvironment(th.environment());
-        reader.start("/usr/bin/python3", {SCRIVA_SOURCE_DIR "/tests/e2e/screenreader.py"});
-        QString heard;
-        // Each window is read before the keys go on.
-        const auto heardFocus = [&](int times) { return QTest::qWaitFor([&] { return (heard += reader.readAll()).count("focus: ") >= times; }, 20000); };
-        QVERIFY(reader.waitForReadyRead(20000) && th.configureTestModule("user_pin_flags=final_try\n"));
+        QVERIFY(startReader() && th.configureTestModule("user_pin_flags=final_try\n"));
         const QString first = startLoginOperation(onPinPad);
         QTRY_VERIFY(th.logContains("The token warns: last PIN try"));
         for (const int times : {1, 2, 3})
@@ -164,12 +174,7 @@ private slots:
     // the last try. The right PIN at the last try still logs in.
     void formAfterAWrongPinWarnsAsTheTokenNow()
     {
-        QProcess reader;
-        reader.setProcessEnvironment(th.environment());
-        reader.start("/usr/bin/python3", {SCRIVA_SOURCE_DIR "/tests/e2e/screenreader.py"});
-        QString heard;
-        const auto heardFocus = [&](int times) { return QTest::qWaitFor([&] { return (heard += reader.readAll()).count("focus: ") >= times; }, 20000); };
-        QVERIFY(reader.waitForReadyRead(20000) && th.configureTestModule("pin_tries=3\n"));
+        QVERIFY(startReader() && th.configureTestModule("pin_tries=3\n"));
         QStringList windows{startLoginOperation(onPinPad)};
         for (const int form : {1, 3}) { // a wrong PIN into the form, then the message dismissed
             QVERIFY(heardFocus(form) && display.type(windows.last(), "9999", "Return"));
