@@ -149,7 +149,7 @@ CkAttributeList someAttributes()
 } // namespace
 
 // Request documents: what the schemas and the reader accept and make of them, what they refuse
-// and why, attribute values, the records' own checks and ownership, and the signed envelope.
+// and why, attribute values, copies of the records, and the signed envelope.
 class tst_Requests : public QObject
 {
     Q_OBJECT
@@ -237,33 +237,12 @@ private slots:
         QCOMPARE(readElement(&reader), expected);
     }
 
-    // Validation refuses what it has nothing to check with.
-    void validationNeedsADocumentAndAKnownNamespace()
+    // Copies made by the records' copying constructors hold buffers of their own (the sanitizer
+    // build sees a double free or a read after free otherwise).
+    void copiesOwnTheirBuffers()
     {
-        const Pkcs11OperationDataParser parser;
-        QCOMPARE(warned(parser.validate({}, ScrivaNamespaces::version20260204())), "XML is null or empty!");
-        QCOMPARE(warned(parser.validate("<GetSlots/>", {})), "XML namespace is null or empty!");
-        QCOMPARE(warned(parser.validate("<GetSlots/>", "urn:other")), "Unable to find XSD schema for provided XML namespace!");
-    }
-
-    void recordsRefuseAndCopiesOwnTheirBuffers()
-    {
-        const QList<Location> locations{Location("a.so", Location::Architecture::x64)};
-        QCOMPARE(thrown([] { Pkcs11LibraryData({}, "1", "2", true, true, {}); }), "No PKCS#11 library location provided!");
-        QCOMPARE(thrown([&] { Pkcs11LibraryData(locations, "", "2", true, true, {}); }), "Pin2Name is null or empty!");
-        QCOMPARE(thrown([&] { Pkcs11LibraryData(locations, "1", "", true, true, {}); }), "Pin2Name is null or empty!");
-        QCOMPARE(thrown([] { GetCertificatesOperationData("", "label"); }), "Token serial number is null or empty!");
-        // A refused record still frees the buffers it was handed (the sanitizer build checks).
-        QCOMPARE(thrown([] { CreateObjectOperationData("01", "", {}); }), "No CK_ATTRIBUTE provided!");
-        QCOMPARE(thrown([] { CreateObjectOperationData("", "", someAttributes()); }), "TokenSerialNumber is null or empty!");
-        for (int fault = 0; fault < 5; ++fault) // each of the five inputs left empty in turn
-            QCOMPARE(thrown([=] { GenerateCsrOperationData(fault == 2 ? "" : "01", "", 0, 1, 592, CsrType::PKCS10, fault == 3 ? "" : "30",
-                                                           fault == 4 ? "" : "p", fault == 0 ? CkAttributeList() : someAttributes(),
-                                                           fault == 1 ? CkAttributeList() : someAttributes(), false); }),
-                     "No CK_ATTRIBUTE provided!");
-
         auto original = std::make_unique<ScrivaPkcs11OperationData<GenerateCsrOperationData>>(
-            new Pkcs11LibraryData(locations, "1", "2", true, false, "ext"),
+            new Pkcs11LibraryData({Location("a.so", Location::Architecture::x64)}, "1", "2", true, false, "ext"),
             new GenerateCsrOperationData("01", "label", 3, 1, 592, CsrType::PKCS10, "30", "p", someAttributes(), someAttributes(), true),
             ScrivaNamespaces::version20221229(), requestNonce);
         ScrivaPkcs11OperationData<GenerateCsrOperationData> copy(original.get());
@@ -274,10 +253,6 @@ private slots:
         const CreateObjectOperationData objectCopy(object.get());
         object.reset();
         QCOMPARE(describe(objectCopy), "01/label 3=01,3=6c6162656c");
-        const GetCertificatesOperationData certificates("01", "label");
-        QCOMPARE(describe(GetCertificatesOperationData(&certificates)), "01/label");
-        const Location location(&locations.first());
-        QCOMPARE(location.getPath() + QString::number(int(location.getArchitecture())), "a.so2");
     }
 
     // A host that is quitting stops checking a request between its stages.
