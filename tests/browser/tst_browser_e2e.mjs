@@ -1,10 +1,8 @@
 #!/usr/bin/env node
-// What only a real browser shows, in Chromium or Firefox (--browser), beyond the portal recipe's
-// enrolment: the demo page calls the host through the extension, which the browser starts from the
-// build's manifest registered in the browser's private profile or HOME, on a SoftHSM token behind
-// the test token, whose PIN the token refuses. The page's error categories, the retries they
-// allow, pages of two origins kept apart, requests over 16 MiB stopped in the extension. What the
-// pages see is gathered into one record and compared as a whole with tests/data/browser/e2e-record.json.
+// What only a real browser (--browser chromium or firefox) shows beyond the portal recipe's enrolment:
+// the demo page's error categories and the retries they allow, pages of two origins kept apart,
+// requests over 16 MiB stopped in the extension. What the pages see is one record, compared as a
+// whole with tests/data/browser/e2e-record.json.
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import fs from "node:fs";
@@ -42,10 +40,10 @@ tool("softhsm2-util", ["--init-token", "--free", "--label", LABEL, "--so-pin", "
 // Runs an async expression in the page, with the page's `client`; its value, or a rejection's category and word.
 const call = (page, expression) => page.evaluate(`(async (client) => ${expression})(scrivaDemo.client)
     .catch((e) => e.code ? e.category + ' ' + e.code : String(e))`);
-// A request signed by the demo server for the page; with a nonce the host never gave out, or another token, if given.
-const signed = (operation, nonce = "client.getNonce()", token = "scrivaDemo.state.token") => `Promise.resolve(${nonce})
-    .then((nonce) => fetch('/api/request', { method: 'POST', body: JSON.stringify({ operation: '${operation}', nonce,
-      token: ${token} }) })).then((r) => r.json()).then((r) => r.argument)`;
+// A request signed by the demo server for the page; with a nonce the host never gave out, if given.
+const signed = (operation, nonce = "client.getNonce()") => `Promise.resolve(${nonce}).then((nonce) => fetch('/api/request',
+    { method: 'POST', body: JSON.stringify({ operation: '${operation}', nonce, token: scrivaDemo.state.token }) }))
+    .then((r) => r.json()).then((r) => r.argument)`;
 
 // The host processes of this build that the browser started for this test's token.
 const program = fs.realpathSync(path.join(args.build, "bin", "ScrivaPkcs11"));
@@ -82,8 +80,6 @@ async function exercise(session, url) {
   seen.connect = await call(page, "scrivaDemo.connect().then((c) => `${c.host} ${c.extension}`)");
   seen["GenerateCsr, the login cancelled"] = await call(page,
       "scrivaDemo.listSlots(0).then(() => scrivaDemo.generateCsr('Scriva Browser Test', 0))");
-  seen["GetCertificates of a token not connected"] = await call(page,
-      `${signed("GetCertificates", undefined, "{ serial: 'F00D', label: 'Absent' }")}.then((s) => client.getCertificates(s))`);
   // A frame gets no content script: its demo page tells the user what is missing.
   seen["the demo in a frame"] = await call(page, `new Promise((resolve) => document.body.append(Object.assign(
       document.createElement('iframe'), { src: location.href, onload: (event) => resolve(event.target.contentWindow) })))
