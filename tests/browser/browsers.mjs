@@ -39,7 +39,6 @@ export class BrowserSession {
     const profile = path.join(work, "profile"), home = path.join(work, "home");
     // Chromium's singleton socket lives in TMPDIR, and a socket path has room for 107 bytes only.
     session.tmp = fs.mkdtempSync(path.join(os.tmpdir(), `scriva-${name}-`));
-    // Where each browser looks for a user's host manifests.
     const folder = name === "chromium" ? path.join(profile, "NativeMessagingHosts")
                                        : path.join(home, ".mozilla", "native-messaging-hosts");
     for (const made of [profile, home, folder])
@@ -60,12 +59,11 @@ export class BrowserSession {
     return session;
   }
 
-  // Registers `program` under the host's name, as the build's manifest does for the real host.
+  // Registers `program` under the host's name.
   registerHost(program) {
     fs.writeFileSync(this.manifest, JSON.stringify({ ...this.original, path: program }));
   }
 
-  // Opens `url` in a new tab once the page has loaded; the puppeteer page.
   async open(url) {
     const page = await this.browser.newPage();
     page.on("console", (message) => this.log(`page console: ${message.text()}`));
