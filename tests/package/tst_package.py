@@ -11,16 +11,9 @@ import subprocess
 import sys
 
 PREFIX = "/opt/scriva"
-HOST = "com.corvant.scriva.pkcs11.json"
-MANIFESTS = {f"{folder}/native-messaging-hosts/{HOST}" for folder in ("/etc/chromium", "/etc/opt/chrome", "/etc/opt/edge",
-                                                                      "/usr/lib/mozilla")}
-EXPECTED = MANIFESTS | {PREFIX + path for path in (
-    "/bin/ScrivaPkcs11", "/share/translations/Scriva_en.qm", "/share/translations/Scriva_cs.qm",
-    "/share/scriva/extension/manifest.json", "/share/scriva/extension/background.js",
-    "/share/scriva/extension/content.js", "/share/scriva/extension/origin.js", "/share/scriva/client/scriva-client.js",
-    "/share/scriva/install-host.sh", "/share/scriva/server/scriva_server/__main__.py",
-    "/share/scriva/server/scriva_server/schemas/ScrivaOperation-2026-02-04.xsd")} | {
-    "/usr/share/doc/scriva-pkcs11/copyright", "/usr/share/doc/scriva-pkcs11/changelog.Debian.gz"}
+EXPECTED = {line for line in open(os.path.join(os.path.dirname(__file__), "..", "data", "package-files.txt")).read()
+            .splitlines() if line.startswith("/")}
+MANIFESTS = {path for path in EXPECTED if "/native-messaging-hosts/" in path}
 parser = argparse.ArgumentParser()
 parser.add_argument("--build", required=True)
 parser.add_argument("--work", required=True)
