@@ -50,12 +50,10 @@ export class BrowserSession {
       userDataDir: profile, env: { ...process.env, HOME: home, TMPDIR: session.tmp,
         XDG_CONFIG_HOME: path.join(home, ".config"), XDG_CACHE_HOME: path.join(home, ".cache"),
         XDG_DATA_HOME: path.join(home, ".local", "share"), ...LAUNCH[name].env, ...env } });
-    try {
-      await session.browser.installExtension(path.resolve(extension));
-    } catch (error) {
+    await session.browser.installExtension(path.resolve(extension)).catch(async (error) => {
       await session.close();
       throw error;
-    }
+    });
     return session;
   }
 
@@ -69,15 +67,12 @@ export class BrowserSession {
     page.on("console", (message) => this.log(`page console: ${message.text()}`));
     page.on("pageerror", (error) => this.log(`page error: ${error.message}`));
     await page.goto(url, { waitUntil: "load" });
+    await page.evaluate("scrivaDemo.ready"); // the demo page has found the extension, or given up
     return page;
   }
 
   async close() {
-    try {
-      await this.browser?.close();
-    } finally {
-      fs.rmSync(this.tmp, { recursive: true, force: true });
-    }
+    await Promise.resolve(this.browser?.close()).finally(() => fs.rmSync(this.tmp, { recursive: true, force: true }));
   }
 }
 
