@@ -39,7 +39,6 @@ export class BrowserSession {
     const profile = path.join(work, "profile"), home = path.join(work, "home");
     // Chromium's singleton socket lives in TMPDIR, and a socket path has room for 107 bytes only.
     session.tmp = fs.mkdtempSync(path.join(os.tmpdir(), `scriva-${name}-`));
-    // Where each browser looks for a user's host manifests.
     const folder = name === "chromium" ? path.join(profile, "NativeMessagingHosts")
                                        : path.join(home, ".mozilla", "native-messaging-hosts");
     for (const made of [profile, home, folder])
@@ -51,35 +50,29 @@ export class BrowserSession {
       userDataDir: profile, env: { ...process.env, HOME: home, TMPDIR: session.tmp,
         XDG_CONFIG_HOME: path.join(home, ".config"), XDG_CACHE_HOME: path.join(home, ".cache"),
         XDG_DATA_HOME: path.join(home, ".local", "share"), ...LAUNCH[name].env, ...env } });
-    try {
-      await session.browser.installExtension(path.resolve(extension));
-    } catch (error) {
+    await session.browser.installExtension(path.resolve(extension)).catch(async (error) => {
       await session.close();
       throw error;
-    }
+    });
     return session;
   }
 
-  // Registers `program` under the host's name, as the build's manifest does for the real host.
+  // Registers `program` under the host's name.
   registerHost(program) {
     fs.writeFileSync(this.manifest, JSON.stringify({ ...this.original, path: program }));
   }
 
-  // Opens `url` in a new tab once the page has loaded; the puppeteer page.
   async open(url) {
     const page = await this.browser.newPage();
     page.on("console", (message) => this.log(`page console: ${message.text()}`));
     page.on("pageerror", (error) => this.log(`page error: ${error.message}`));
     await page.goto(url, { waitUntil: "load" });
+    await page.evaluate("scrivaDemo.ready"); // the demo page has found the extension, or given up
     return page;
   }
 
   async close() {
-    try {
-      await this.browser?.close();
-    } finally {
-      fs.rmSync(this.tmp, { recursive: true, force: true });
-    }
+    await Promise.resolve(this.browser?.close()).finally(() => fs.rmSync(this.tmp, { recursive: true, force: true }));
   }
 }
 

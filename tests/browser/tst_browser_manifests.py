@@ -10,16 +10,13 @@ import subprocess
 import tempfile
 
 HOST_NAME = "com.corvant.scriva.pkcs11"
-USER_FOLDERS = [".config/chromium/NativeMessagingHosts", ".config/google-chrome/NativeMessagingHosts",
-                ".config/BraveSoftware/Brave-Browser/NativeMessagingHosts", ".config/vivaldi/NativeMessagingHosts",
-                ".config/microsoft-edge/NativeMessagingHosts", ".mozilla/native-messaging-hosts"]
-# Brave and Vivaldi read Chrome's system folder.
-SYSTEM_FOLDERS = ["etc/chromium/native-messaging-hosts", "etc/opt/chrome/native-messaging-hosts",
-                  "etc/opt/edge/native-messaging-hosts", "usr/lib/mozilla/native-messaging-hosts"]
 parser = argparse.ArgumentParser()
 parser.add_argument("--source", required=True)
 parser.add_argument("--build", required=True)
 args = parser.parse_args()
+folders = [line.split() for line in open(os.path.join(args.source, "tests/data/browser/manifest-folders.txt"))
+           if not line.startswith("#")]
+USER_FOLDERS, SYSTEM_FOLDERS = ([folder for scope, folder in folders if scope == kind] for kind in ("user", "system"))
 load = lambda *path: json.load(open(os.path.join(*path)))  # noqa: E731
 files_under = lambda root: sorted(os.path.relpath(os.path.join(folder, name), root)  # noqa: E731
                                   for folder, _, names in os.walk(root) for name in names)

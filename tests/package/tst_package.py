@@ -11,90 +11,77 @@ import subprocess
 import sys
 
 PREFIX = "/opt/scriva"
-HOST = "com.corvant.scriva.pkcs11.json"
-MANIFESTS = {f"{folder}/native-messaging-hosts/{HOST}" for folder in ("/etc/chromium", "/etc/opt/chrome", "/etc/opt/edge",
-                                                                      "/usr/lib/mozilla")}
-EXPECTED = MANIFESTS | {PREFIX + path for path in (
-    "/bin/ScrivaPkcs11", "/share/translations/Scriva_en.qm", "/share/translations/Scriva_cs.qm",
-    "/share/scriva/extension/manifest.json", "/share/scriva/extension/background.js",
-    "/share/scriva/extension/content.js", "/share/scriva/extension/origin.js", "/share/scriva/client/scriva-client.js",
-    "/share/scriva/install-host.sh", "/share/scriva/server/scriva_server/__main__.py",
-    "/share/scriva/server/scriva_server/schemas/ScrivaOperation-2026-02-04.xsd")} | {
-    "/usr/share/doc/scriva-pkcs11/copyright", "/usr/share/doc/scriva-pkcs11/changelog.Debian.gz"}
+EXPECTED = {line for line in open(os.path.join(os.path.dirname(__file__), "..", "data", "package-files.txt")).read()
+            .splitlines() if line.startswith("/")}
+MANIFESTS = {path for path in EXPECTED if "/native-messaging-hosts/" in path}
+parser = argparse.ArgumentParser()
+parser.add_argument("--build", required=True)
+parser.add_argument("--work", required=True)
+args = parser.parse_args()
 failures = []
 
 
 def check(condition, what, detail=""):
     print(("ok   " if condition else "FAIL ") + what + ("" if condition else f"  ({detail})"), flush=True)
-    if not condition:
-        failures.append(what)
+    failures.extend([] if condition else [what])
 
 
 def output(*arguments):
     return subprocess.run(arguments, capture_output=True, text=True, check=True).stdout
 
 
-def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--build", required=True)
-    parser.add_argument("--work", required=True)
-    args = parser.parse_args()
-    shutil.rmtree(args.work, ignore_errors=True)
-    os.makedirs(args.work)
+shutil.rmtree(args.work, ignore_errors=True)
+os.makedirs(args.work)
 
-    subprocess.run(["cpack", "-G", "DEB", "-B", args.work], cwd=args.build, check=True)
-    packages = glob.glob(os.path.join(args.work, "scriva-pkcs11_*.deb"))
-    check(len(packages) == 1, "cpack writes one package", packages)
-    package = packages[0]
+subprocess.run(["cpack", "-G", "DEB", "-B", args.work], cwd=args.build, check=True)
+packages = glob.glob(os.path.join(args.work, "scriva-pkcs11_*.deb"))
+check(len(packages) == 1, "cpack writes one package", packages)
+package = packages[0]
 
-    # The version is the program's with a package revision, the dependencies follow the linked libraries.
-    fields = {name: output("dpkg-deb", "-f", package, name).strip() for name in ("Package", "Version", "Depends")}
-    seen = (fields["Package"], fields["Version"].split("-")[0],
-            *(name in fields["Depends"] for name in ("libqt6widgets6", "libssl3")))
-    check(seen == ("scriva-pkcs11", "2.6.1", True, True), "the package's name, version and dependencies", fields)
-    conffiles = set(output("dpkg-deb", "-I", package, "conffiles").split())
-    check(conffiles == {path for path in MANIFESTS if path.startswith("/etc/")}, "the manifests in /etc are conffiles",
-          conffiles)
+# The version is the program's with a package revision, the dependencies follow the linked libraries.
+fields = {name: output("dpkg-deb", "-f", package, name).strip() for name in ("Package", "Version", "Depends")}
+seen = (fields["Package"], fields["Version"].split("-")[0],
+        *(name in fields["Depends"] for name in ("libqt6widgets6", "libssl3")))
+check(seen == ("scriva-pkcs11", "2.6.1", True, True), "the package's name, version and dependencies", fields)
+conffiles = set(output("dpkg-deb", "-I", package, "conffiles").split())
+check(conffiles == {path for path in MANIFESTS if path.startswith("/etc/")}, "the manifests in /etc are conffiles",
+      conffiles)
 
-    listing = {line.split()[-1].lstrip(".") for line in output("dpkg-deb", "-c", package).splitlines()}
-    check(EXPECTED <= listing, "the package holds the expected files", sorted(EXPECTED - listing))
-    stray = [path for path in listing if not path.startswith((PREFIX, "/etc/chromium", "/etc/opt", "/usr/lib/mozilla",
-                                                                 "/usr/share/doc/", "/usr/share/lintian/"))
-             and path not in ("/", "/etc/", "/usr/", "/usr/lib/", "/usr/share/", "/opt/")]
-    check(not stray, "nothing lies outside the prefix but the browser and Debian folders", stray)
+listing = {line.split()[-1].lstrip(".") for line in output("dpkg-deb", "-c", package).splitlines()}
+check(EXPECTED <= listing, "the package holds the expected files", sorted(EXPECTED - listing))
+stray = [path for path in listing if not path.startswith((PREFIX, "/etc/chromium", "/etc/opt", "/usr/lib/mozilla",
+                                                             "/usr/share/doc/", "/usr/share/lintian/"))
+         and path not in ("/", "/etc/", "/usr/", "/usr/lib/", "/usr/share/", "/opt/")]
+check(not stray, "nothing lies outside the prefix but the browser and Debian folders", stray)
 
-    root = os.path.join(args.work, "root")
-    subprocess.run(["dpkg", "-x", package, root], check=True)
-    host = PREFIX + "/bin/ScrivaPkcs11"
-    named = {path: {key: value for key, value in json.load(open(root + path)).items() if key in ("path", "type")}
-             for path in MANIFESTS}
-    check(named == dict.fromkeys(MANIFESTS, {"path": host, "type": "stdio"}), "the manifests name the installed host",
-          named)
-    check(".symtab" not in output("readelf", "-S", "-W", root + host), "the host is stripped")
-    # What hardening-check looks for: the imports of the stack protector and of fortified calls,
-    # a read-only relocation segment bound at start-up, a position-independent executable.
-    imports = {line.split()[7].split("@")[0] for line in output("readelf", "--dyn-syms", "-W", root + host).splitlines()
-               if " UND " in line and len(line.split()) > 7}
-    dynamic = output("readelf", "-d", "-W", root + host)
-    hardening = {"stack protector": "__stack_chk_fail" in imports,
-                 "fortify": any(name.startswith("__") and name.endswith("_chk") for name in imports),
-                 "relro": "GNU_RELRO" in output("readelf", "-l", "-W", root + host) and "BIND_NOW" in dynamic,
-                 "pie": "DYN (" in output("readelf", "-h", "-W", root + host) and "PIE" in dynamic}
-    check(all(hardening.values()), "the host is hardened", hardening)
-    # A browser's first two messages, each framed by its length.
-    messages = [json.dumps({"method": f"ScrivaPkcs11.1.0.0.qt.QES.{method}", "id": method}).encode()
-                for method in ("CreateInstance", "GetVersion")]
-    answer = subprocess.run([root + host, "chrome-extension://test/"], capture_output=True, timeout=60,
-                            input=b"".join(struct.pack("<I", len(data)) + data for data in messages),
-                            env=dict(os.environ, QT_QPA_PLATFORM="offscreen")).stdout
-    check(b'"result":"2.6.1 (qt)"' in answer, "the unpacked host answers", answer)
+root = os.path.join(args.work, "root")
+subprocess.run(["dpkg", "-x", package, root], check=True)
+host = PREFIX + "/bin/ScrivaPkcs11"
+named = {path: {key: value for key, value in json.load(open(root + path)).items() if key in ("path", "type")}
+         for path in MANIFESTS}
+check(named == dict.fromkeys(MANIFESTS, {"path": host, "type": "stdio"}), "the manifests name the installed host",
+      named)
+check(".symtab" not in output("readelf", "-S", "-W", root + host), "the host is stripped")
+# What hardening-check looks for: the imports of the stack protector and of fortified calls,
+# a read-only relocation segment bound at start-up, a position-independent executable.
+imports = {line.split()[7].split("@")[0] for line in output("readelf", "--dyn-syms", "-W", root + host).splitlines()
+           if " UND " in line and len(line.split()) > 7}
+dynamic = output("readelf", "-d", "-W", root + host)
+hardening = {"stack protector": "__stack_chk_fail" in imports,
+             "fortify": any(name.startswith("__") and name.endswith("_chk") for name in imports),
+             "relro": "GNU_RELRO" in output("readelf", "-l", "-W", root + host) and "BIND_NOW" in dynamic,
+             "pie": "DYN (" in output("readelf", "-h", "-W", root + host) and "PIE" in dynamic}
+check(all(hardening.values()), "the host is hardened", hardening)
+# A browser's first two messages, each framed by its length.
+messages = [json.dumps({"method": f"ScrivaPkcs11.1.0.0.qt.QES.{method}", "id": method}).encode()
+            for method in ("CreateInstance", "GetVersion")]
+answer = subprocess.run([root + host, "chrome-extension://test/"], capture_output=True, timeout=60,
+                        input=b"".join(struct.pack("<I", len(data)) + data for data in messages),
+                        env=dict(os.environ, QT_QPA_PLATFORM="offscreen")).stdout
+check(b'"result":"2.6.1 (qt)"' in answer, "the unpacked host answers", answer)
 
-    if shutil.which("lintian"):
-        lint = subprocess.run(["lintian", "--fail-on", "error,warning", package], capture_output=True, text=True)
-        check(lint.returncode == 0, "lintian accepts the package", lint.stdout + lint.stderr)
-    print(f"{len(failures)} failed" if failures else "all checks passed")
-    return 1 if failures else 0
-
-
-if __name__ == "__main__":
-    sys.exit(main())
+if shutil.which("lintian"):
+    lint = subprocess.run(["lintian", "--fail-on", "error,warning", package], capture_output=True, text=True)
+    check(lint.returncode == 0, "lintian accepts the package", lint.stdout + lint.stderr)
+print(f"{len(failures)} failed" if failures else "all checks passed")
+sys.exit(1 if failures else 0)
