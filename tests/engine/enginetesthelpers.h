@@ -13,7 +13,7 @@
 #include <QTest>
 #include <QtConcurrent>
 
-#include <functional>
+#include <type_traits>
 
 namespace EngineTest {
 
@@ -65,28 +65,26 @@ private:
 };
 
 // What an engine call on a worker thread ended with: the exception's message and its cause's (empty
-// on success), and what the call returned.
+// on success), and the text the call returned.
 struct Outcome
 {
     QString error, cause, document;
 };
 
 // Runs the call on a pool thread, as the host's instance does.
-inline Outcome runOnWorker(std::function<QString()> call)
+template<typename Call>
+Outcome attempt(Call call)
 {
     return QtConcurrent::run([call] {
                try {
-                   return Outcome{{}, {}, call()};
+                   if constexpr (std::is_void_v<decltype(call())>)
+                       return call(), Outcome();
+                   else
+                       return Outcome{{}, {}, call()};
                } catch (const AppException& e) {
                    return Outcome{e.getMessage(), e.getCause() ? e.getCause()->getMessage() : QString(), {}};
                }
            }).result();
-}
-
-// The same for a call that returns nothing.
-inline Outcome attempt(std::function<void()> call)
-{
-    return runOnWorker([call] { call(); return QString(); });
 }
 
 // Points the test module at its configuration file in `dir`. The engine keeps each module it opens

@@ -89,7 +89,7 @@ private slots:
         QTest::newRow("locking refused once") << SoftHsmToken::testModulePath() << QStringList("cant_lock_once=1") << ""
             << "^$" << QStringList({"  Flags: 2", "C_Initialize returned 10 (CKR_CANT_LOCK)", "  Flags: 0",
                                   "C_Initialize returned 0 (CKR_OK)", "C_Finalize returned 0 (CKR_OK)"});
-        QTest::newRow("initialisation fails") << SoftHsmToken::testModulePath() << QStringList("initialize_rv=0x191")
+        QTest::newRow("initialisation fails") << SoftHsmToken::testModulePath() << QStringList("fail_calls=C_Initialize:0x191")
             << "PKCS#11 method C_Initialize returned error CKR_CRYPTOKI_ALREADY_INITIALIZED (0x00000191)" << "^$"
             << QStringList({"  Flags: 2", "C_Initialize returned 401 (CKR_CRYPTOKI_ALREADY_INITIALIZED)"});
         QTest::newRow("no file") << work.filePath("none.so") << QStringList() << "UnableToLoad"
@@ -142,7 +142,7 @@ private slots:
         QFETCH(QString, found);
         open({config});
         TraceSwitch::set(true);
-        const Outcome outcome = runOnWorker([&] { return QString::number(library->getSlots(CK_TRUE).size()); });
+        const Outcome outcome = attempt([&] { return QString::number(library->getSlots(CK_TRUE).size()); });
         QCOMPARE(outcome.error + outcome.document, found);
         QStringList trace = TraceSwitch::trace();
         QCOMPARE(trace.count(" pSlotList: (nil)"), trace.count("Going to call C_GetSlotList"));
@@ -168,9 +168,9 @@ private slots:
         QTest::newRow("cancel is an error") << none << "" << true << cancel << "OperationCanceled" << form;
         QTest::newRow("cancel goes on without login") << none << "" << false << cancel << "" << form;
         QTest::newRow("PIN pad") << QStringList("pin_pad_pin=" + userPin) << "" << true << none << "" << none;
-        QTest::newRow("cancelled on the PIN pad") << QStringList({"pin_pad_pin=" + userPin, "cancel_calls=C_Login"}) << ""
+        QTest::newRow("cancelled on the PIN pad") << QStringList({"pin_pad_pin=" + userPin, "fail_calls=C_Login:0x50"}) << ""
                                                   << true << none << "OperationCanceled" << none;
-        QTest::newRow("cancelled on the PIN pad, going on") << QStringList({"pin_pad_pin=" + userPin, "cancel_calls=C_Login"})
+        QTest::newRow("cancelled on the PIN pad, going on") << QStringList({"pin_pad_pin=" + userPin, "fail_calls=C_Login:0x50"})
                                                             << "" << false << none << "" << none;
         QTest::newRow("token fails the login") << QStringList("fail_calls=C_Login:0x30") << "" << true << QStringList("pin:" + userPin)
             << "PKCS#11 method C_Login returned error CKR_DEVICE_ERROR (0x00000030)" << form;
@@ -211,61 +211,89 @@ private slots:
         QCOMPARE(library->isUserLoggedIn(session), error.isEmpty() && cancelIsError);
     }
 
-    void contextLoginRemembersASavedPinOnlyForItsType_data()
+    // Signatures one after the other, each ending with its own word. A context PIN is remembered only
+    // when saved and only for its signature type; a wrong one is forgotten.
+    void signingAsksForTheContextPinAsItsTypeSays_data()
     {
         QTest::addColumn<int>("signatureType");
+        QTest::addColumn<QStringList>("config"); // of the test module, with always_authenticate=1
+        QTest::addColumn<int>("mechanism");
+        QTest::addColumn<QStringList>("answers");
+        QTest::addColumn<int>("endsAt"); // the host ends at this PIN request (counted from 1), 0: never
+        QTest::addColumn<QStringList>("results"); // of each signature
         QTest::addColumn<QStringList>("shown");
-        QTest::addColumn<QString>("lastError"); // of a third signature, when the host ends at its form
-        const QString wrong = pinIncorrect.arg("Signature PIN");
-        QTest::newRow("remembered context PIN") << int(Pkcs11Library::SignatureTypeCachedContextPin)
-                                                << QStringList({"form", "context form", wrong, "context form"}) << "";
-        QTest::newRow("context PIN at every signature") << int(Pkcs11Library::SignatureTypeDefault)
-            << QStringList({"form", "form", wrong, "form", "form", "form"}) << "Scriva is terminating";
+        const int cached = Pkcs11Library::SignatureTypeCachedContextPin, plain = Pkcs11Library::SignatureTypeDefault;
+        const QString wrong = pinIncorrect.arg("Signature PIN"), pad = "pin_pad_pin=" + userPin;
+        const QStringList saving({"pin:" + userPin, "pin:bad:save", "ok", "pin:ctx-2:save", "pin:ctx-2", "pin:ctx-2"});
+        const QStringList three(3, ""), padded({pad, "context_pin=ctx-2", "pin_tries=2"});
+        QTest::newRow("remembered context PIN") << cached << QStringList("context_pin=ctx-2") << int(CKM_RSA_PKCS) << saving
+                                                << 0 << three << QStringList({"form", "context form", wrong, "context form"});
+        QTest::newRow("context PIN at every signature, host ending at the third")
+            << plain << QStringList("context_pin=ctx-2") << int(CKM_RSA_PKCS) << saving << 5
+            << QStringList({"", "", "Scriva is terminating"}) << QStringList({"form", "form", wrong, "form", "form", "form"});
+        QTest::newRow("unsaved context PIN asked again until the token locks") << cached << padded << int(CKM_SHA256_RSA_PKCS)
+            << QStringList({"pin:ctx-2", "pin:ctx-2", "pin:bad", "ok", "pin:bad", "ok", "pin:ctx-2"}) << 0
+            << QStringList({"", "", "PinBlocked"}) << QStringList({"context form", "context form", "context form", wrong,
+                                                                  "context form (final try)", wrong, "context form"});
+        QTest::newRow("mechanism refused") << cached << padded << int(CKM_SHA256) << QStringList() << 0
+            << QStringList("PKCS#11 method C_SignInit returned error CKR_MECHANISM_INVALID (0x00000070)") << QStringList();
+        QTest::newRow("context form cancelled") << cached << padded << int(CKM_SHA256_RSA_PKCS) << QStringList("cancel") << 0
+                                                << QStringList("OperationCanceled") << QStringList("context form");
+        for (const char* call : {"C_SignInit", "C_LoginContext", "C_Sign"})
+            QTest::addRow("cancelled at %s on the PIN pad", call) << plain << QStringList({pad, QStringLiteral("fail_calls=%1:0x50").arg(call)})
+                << int(CKM_SHA256_RSA_PKCS) << QStringList() << 0 << QStringList("OperationCanceled") << QStringList();
     }
 
-    void contextLoginRemembersASavedPinOnlyForItsType()
+    void signingAsksForTheContextPinAsItsTypeSays()
     {
         QFETCH(int, signatureType);
+        QFETCH(QStringList, config);
+        QFETCH(int, mechanism);
+        QFETCH(QStringList, answers);
+        QFETCH(int, endsAt);
+        QFETCH(QStringList, results);
         QFETCH(QStringList, shown);
-        QFETCH(QString, lastError);
         QVERIFY(store->generateRsaKeyPair("Engine Token", userPin, "01", "Signing Key"));
-        open({"always_authenticate=1", "context_pin=ctx-pin-2"}, Pkcs11Library::SignatureType(signatureType));
-        user.script({"pin:" + userPin, "pin:bad:save", "ok", "pin:ctx-pin-2:save", "pin:ctx-pin-2", "pin:ctx-pin-2"});
-        QList<QByteArray> signatures;
-        CK_MECHANISM rsa = {CKM_RSA_PKCS, nullptr, 0};
+        open(config << "always_authenticate=1", Pkcs11Library::SignatureType(signatureType));
+        int requests = 0;
+        connect(library.get(), &Pkcs11Library::pinRequestedSignal, this, [&] {
+            if (++requests == endsAt)
+                TerminatingFlag::set();
+        }, Qt::DirectConnection);
+        user.script(answers);
+        CK_MECHANISM sign = {CK_MECHANISM_TYPE(mechanism), nullptr, 0}, digest = {CKM_SHA256, nullptr, 0};
         TraceSwitch::set(true);
-        const Outcome outcome = runOnWorker([&] {
-            library->login(session, slotInfo, tokenInfo, true);
-            const CK_OBJECT_HANDLE key = findOne(CKO_PRIVATE_KEY);
-            const bool always = library->getCkaAlwaysAuthenticateValue(session, key);
-            CK_MECHANISM digest = {CKM_SHA256, nullptr, 0};
-            const QByteArray hash = library->computeHash(session, &digest, "to be signed");
-            for (int round = 0; round < 2; ++round)
-                signatures << library->signHash(session, key, &rsa, hash, always, slotInfo, tokenInfo);
-            return QString::fromLatin1(hash.toHex());
-        });
-        QCOMPARE(outcome.error, QString());
-        QCOMPARE(outcome.document, QCryptographicHash::hash("to be signed", QCryptographicHash::Sha256).toHex());
-        // Every length goes in as 0 to be asked, then with the size the module answered.
-        const QString sign = "| *pulSignatureLen: 0| *pulSignatureLen: 256| *pulSignatureLen: 256| *pulSignatureLen: 256";
-        QCOMPARE(TraceSwitch::trace().filter(QRegularExpression("^ +(\\*pul\\w+|ulValueLen): ")).join('|'),
-                 "   ulValueLen: 8| *pulObjectCount: 0| *pulObjectCount: 1|   ulValueLen: 0|   ulValueLen: 1|   ulValueLen: 1|"
-                 "   ulValueLen: 1| *pulDigestLen: 0| *pulDigestLen: 32| *pulDigestLen: 32| *pulDigestLen: 32" + sign + sign);
-        // The host ends while a context form is open: the PIN typed there never reaches the token.
-        connect(library.get(), &Pkcs11Library::pinRequestedSignal, this, [] { TerminatingFlag::set(); }, Qt::DirectConnection);
-        QCOMPARE(attempt([&] {
-                     library->signHash(session, findOne(CKO_PRIVATE_KEY), &rsa, outcome.document.toLatin1(), true, slotInfo, tokenInfo);
-                 }).error, lastError);
+        QStringList ends;
+        while (ends.size() < results.size())
+            ends << attempt([&] {
+                library->login(session, slotInfo, tokenInfo, true);
+                const CK_OBJECT_HANDLE key = findOne(CKO_PRIVATE_KEY);
+                const bool always = library->getCkaAlwaysAuthenticateValue(session, key);
+                const QByteArray hash = mechanism == CKM_RSA_PKCS ? library->computeHash(session, &digest, "to be signed") : "data";
+                library->signHash(session, key, &sign, hash, always, slotInfo, tokenInfo);
+            }).error;
+        QCOMPARE(ends, results);
         QCOMPARE(user.seen(), shown);
-        QCOMPARE(signatures, QList<QByteArray>(2, signatures.value(0)));
+        if (QTest::currentDataTag() != QLatin1String("remembered context PIN"))
+            return;
+        // Every length goes in as 0 to be asked, then with the size the module answered: the key's search,
+        // its CKA_ALWAYS_AUTHENTICATE, the digest and the signature, for each signature.
+        const QString lengths = " *pulObjectCount: 0| *pulObjectCount: 1|   ulValueLen: 0|   ulValueLen: 1|   ulValueLen: 1|   ulValueLen: 1|"
+                                " *pulDigestLen: 0| *pulDigestLen: 32| *pulDigestLen: 32| *pulDigestLen: 32| *pulSignatureLen: 0|"
+                                " *pulSignatureLen: 256| *pulSignatureLen: 256| *pulSignatureLen: 256";
+        QCOMPARE(TraceSwitch::trace().filter(QRegularExpression("^ +(\\*pul\\w+|ulValueLen): ")).join('|'),
+                 QStringList(3, "   ulValueLen: 8|" + lengths).join('|'));
     }
 
-    // A key without context login, an unreadable object, and an unavailable value asked again without a buffer.
+    // A key without context login, a context login before signing, an unreadable object, and an unavailable value asked again without a buffer.
     void readsAttributesOrSaysWhyNot()
     {
         QVERIFY(store->generateRsaKeyPair("Engine Token", userPin, "01", "Signing Key"));
         open({"pin_pad_pin=" + userPin});
         QCOMPARE(attempt([&] { library->login(session, slotInfo, tokenInfo, true); }).error, QString());
+        // Not after a signing start: the token refuses the context login itself.
+        QCOMPARE(attempt([&] { library->contextLogin(session, slotInfo, tokenInfo); }).error,
+                 "PKCS#11 method C_Login returned error CKR_OPERATION_NOT_INITIALIZED (0x00000091)");
         QVERIFY(!library->getCkaAlwaysAuthenticateValue(session, findOne(CKO_PRIVATE_KEY)));
         QVERIFY(!library->getCkaAlwaysAuthenticateValue(session, 0xdead));
         QCOMPARE(attempt([&] { library->getAttributeValue(session, 0xdead, CKA_VALUE); }).error,
@@ -278,42 +306,6 @@ private slots:
         // Asked twice, each time for the one attribute (in and out).
         QCOMPARE(TraceSwitch::trace().filter(QRegularExpression("^(Going to call| ulCount:)")).join('|'),
                  "Going to call C_GetAttributeValue| ulCount: 1| ulCount: 1|Going to call C_GetAttributeValue| ulCount: 1| ulCount: 1");
-    }
-
-    // Cancelled, locked or refused: each signature ends with its own word. An unsaved context PIN is asked again.
-    void signingEndsWithItsOwnWord()
-    {
-        QVERIFY(store->generateRsaKeyPair("Engine Token", userPin, "01", "Signing Key"));
-        CK_MECHANISM rsa = {CKM_SHA256_RSA_PKCS, nullptr, 0}, digest = {CKM_SHA256, nullptr, 0};
-        const auto sign = [&](const QStringList& answers, CK_MECHANISM* mechanism) {
-            user.script(answers);
-            return attempt([&] {
-                library->login(session, slotInfo, tokenInfo, true);
-                const CK_OBJECT_HANDLE key = findOne(CKO_PRIVATE_KEY);
-                const bool always = library->getCkaAlwaysAuthenticateValue(session, key);
-                library->signHash(session, key, mechanism, "data", always, slotInfo, tokenInfo);
-            }).error;
-        };
-        const QString pad = "pin_pad_pin=" + userPin;
-        for (const char* call : {"C_SignInit", "C_LoginContext", "C_Sign"}) { // in turn, on the PIN pad
-            open({pad, "always_authenticate=1", QStringLiteral("cancel_calls=") + call});
-            QCOMPARE(sign({}, &rsa), "OperationCanceled");
-        }
-        const QStringList config{pad, "always_authenticate=1", "context_pin=ctx-2", "pin_tries=2"};
-        open(config, Pkcs11Library::SignatureTypeCachedContextPin);
-        QCOMPARE(sign({"pin:ctx-2"}, &rsa), QString());
-        QCOMPARE(sign({"pin:ctx-2"}, &rsa), QString()); // not saved: asked again
-        QCOMPARE(sign({"pin:bad", "ok", "pin:bad", "ok", "pin:ctx-2"}, &rsa), "PinBlocked");
-        const QString wrong = pinIncorrect.arg("Signature PIN");
-        QCOMPARE(user.seen(), QStringList({"context form", wrong, "context form (final try)", wrong, "context form"}));
-        open(config, Pkcs11Library::SignatureTypeCachedContextPin);
-        QCOMPARE(sign({}, &digest), "PKCS#11 method C_SignInit returned error CKR_MECHANISM_INVALID (0x00000070)");
-        QCOMPARE(sign({"cancel"}, &rsa), "OperationCanceled");
-        // Not after a signing start: the token refuses the context login itself.
-        open({});
-        user.script({"pin:" + userPin});
-        QCOMPARE(attempt([&] { library->contextLogin(session, slotInfo, tokenInfo); }).error,
-                 "PKCS#11 method C_Login returned error CKR_OPERATION_NOT_INITIALIZED (0x00000091)");
     }
 
     // Each C_FindObjects is asked with a count of 0 and answers how many of at most eight it gave.
