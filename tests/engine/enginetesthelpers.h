@@ -101,4 +101,48 @@ inline bool configureModule(const QTemporaryDir& dir, const QStringList& config)
     return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(config.join('\n').toUtf8() + '\n') > 0;
 }
 
+// The rows of the current test function from tests/data/engine-cases.txt, in the columns its first line names.
+inline void rowsFrom()
+{
+    const char* function = QTest::currentTestFunction();
+    QFile file(QStringLiteral(SCRIVA_TEST_DATA_DIR "/engine-cases.txt"));
+    QVERIFY2(file.open(QIODevice::ReadOnly | QIODevice::Text), qPrintable(file.fileName()));
+    const QString text = "\n" + QString::fromUtf8(file.readAll());
+    static QList<QByteArray> names; // the test table keeps pointers to its column names
+    QStringList kinds; // of each column: "[]", "?", "#" or ""
+    for (const QString& line : text.section("\n== " + QLatin1String(function) + "\n", 1).section("\n== ", 0, 0).split('\n')) {
+        QStringList values = line.split('|');
+        for (QString& value : values)
+            value = value.trimmed();
+        const QString name = values.takeFirst();
+        if (line.isEmpty() || line.startsWith('#')) {
+            continue;
+        } else if (kinds.isEmpty()) {
+            for (const QString& column : values) {
+                const qsizetype end = column.indexOf(QRegularExpression("[][?#]"));
+                kinds << (end < 0 ? QString() : column.mid(end));
+                names << column.left(end).toUtf8();
+                QTest::addColumnInternal(kinds.last() == "[]" ? QMetaType::QStringList : kinds.last() == "?" ? QMetaType::Bool
+                                         : kinds.last() == "#" ? QMetaType::Int : QMetaType::QString, names.last().constData());
+            }
+            continue;
+        }
+        QTestData& row = QTest::addRow("%s", qPrintable(name));
+        for (qsizetype i = 0; i < kinds.size(); ++i) {
+            QStringList items = values.value(i).isEmpty() ? QStringList() : values.value(i).split(';');
+            for (QString& item : items)
+                item = item.trimmed();
+            if (kinds[i] == "[]")
+                row << items;
+            else if (kinds[i] == "?")
+                row << (values.value(i) == "true");
+            else if (kinds[i] == "#")
+                row << values.value(i).toInt();
+            else
+                row << values.value(i);
+        }
+    }
+    QVERIFY2(!kinds.isEmpty(), function);
+}
+
 } // namespace EngineTest

@@ -123,17 +123,7 @@ private slots:
 
     // Every second call gets a buffer, an empty one without slots. A token that arrives between the
     // two calls makes the list too small: it is read again from the first call, three times at most.
-    void slotListIsReadIntoABufferOfTheCount_data()
-    {
-        QTest::addColumn<QString>("config");
-        QTest::addColumn<QString>("counts"); // *pulCount in and out, in call order
-        QTest::addColumn<QString>("found"); // slots found, or the error
-        QTest::newRow("no slots") << "no_slots=1" << "0 0 0 0" << "0";
-        QTest::newRow("token arrives once") << "slot_list_grows=1" << "0 1 1 0 2 2 2" << "2";
-        QTest::newRow("token arrives twice") << "slot_list_grows=2" << "0 1 1 0 1 1 0 2 2 2" << "2";
-        QTest::newRow("token arrives three times") << "slot_list_grows=3" << "0 1 1 0 1 1 0 1 1"
-            << "PKCS#11 method C_GetSlotList returned error CKR_BUFFER_TOO_SMALL (0x00000150)";
-    }
+    void slotListIsReadIntoABufferOfTheCount_data() { rowsFrom(); }
 
     void slotListIsReadIntoABufferOfTheCount()
     {
@@ -149,36 +139,7 @@ private slots:
         QCOMPARE(trace.filter(" *pulCount: ").replaceInStrings(" *pulCount: ", "").join(' '), counts);
     }
 
-    void pinDialogue_data()
-    {
-        QTest::addColumn<QStringList>("config");
-        QTest::addColumn<QString>("terminating"); // the host ends "before" the dialogue or "during" the form
-        QTest::addColumn<bool>("cancelIsError");
-        QTest::addColumn<QStringList>("answers");
-        QTest::addColumn<QString>("error");
-        QTest::addColumn<QStringList>("shown");
-        const QString wrong = pinIncorrect.arg("User PIN");
-        const QStringList none, form("form"), cancel("cancel");
-        QTest::newRow("wrong PIN, then the right one") << none << "" << true
-            << QStringList({"pin:wrong-pin", "ok", "pin:" + userPin}) << "" << QStringList({"form", wrong, "form (count low)"});
-        // Each form shows what the token reports after the wrong PIN (SoftHSM itself: count low).
-        QTest::newRow("wrong PINs until the token locks") << QStringList("pin_tries=3") << "" << true
-            << QStringList({"pin:bad-1", "ok", "pin:bad-2", "ok", "pin:bad-3", "ok", "pin:" + userPin}) << "PinBlocked"
-            << QStringList({"form", wrong, "form (count low)", wrong, "form (final try)", wrong, "form (count low)"});
-        QTest::newRow("cancel is an error") << none << "" << true << cancel << "OperationCanceled" << form;
-        QTest::newRow("cancel goes on without login") << none << "" << false << cancel << "" << form;
-        QTest::newRow("PIN pad") << QStringList("pin_pad_pin=" + userPin) << "" << true << none << "" << none;
-        QTest::newRow("cancelled on the PIN pad") << QStringList({"pin_pad_pin=" + userPin, "fail_calls=C_Login:0x50"}) << ""
-                                                  << true << none << "OperationCanceled" << none;
-        QTest::newRow("cancelled on the PIN pad, going on") << QStringList({"pin_pad_pin=" + userPin, "fail_calls=C_Login:0x50"})
-                                                            << "" << false << none << "" << none;
-        QTest::newRow("token fails the login") << QStringList("fail_calls=C_Login:0x30") << "" << true << QStringList("pin:" + userPin)
-            << "PKCS#11 method C_Login returned error CKR_DEVICE_ERROR (0x00000030)" << form;
-        QTest::newRow("host ending") << none << "before" << true << none << "Scriva is terminating" << none;
-        // The PIN typed into the form never reaches the token.
-        QTest::newRow("host ending while the form is open") << none << "during" << true << QStringList("pin:" + userPin)
-                                                            << "Scriva is terminating" << form;
-    }
+    void pinDialogue_data() { rowsFrom(); }
 
     void pinDialogue()
     {
@@ -213,40 +174,11 @@ private slots:
 
     // Signatures one after the other, each ending with its own word. A context PIN is remembered only
     // when saved and only for its signature type; a wrong one is forgotten.
-    void signingAsksForTheContextPinAsItsTypeSays_data()
-    {
-        QTest::addColumn<int>("signatureType");
-        QTest::addColumn<QStringList>("config"); // of the test module, with always_authenticate=1
-        QTest::addColumn<int>("mechanism");
-        QTest::addColumn<QStringList>("answers");
-        QTest::addColumn<int>("endsAt"); // the host ends at this PIN request (counted from 1), 0: never
-        QTest::addColumn<QStringList>("results"); // of each signature
-        QTest::addColumn<QStringList>("shown");
-        const int cached = Pkcs11Library::SignatureTypeCachedContextPin, plain = Pkcs11Library::SignatureTypeDefault;
-        const QString wrong = pinIncorrect.arg("Signature PIN"), pad = "pin_pad_pin=" + userPin;
-        const QStringList saving({"pin:" + userPin, "pin:bad:save", "ok", "pin:ctx-2:save", "pin:ctx-2", "pin:ctx-2"});
-        const QStringList three(3, ""), padded({pad, "context_pin=ctx-2", "pin_tries=2"});
-        QTest::newRow("remembered context PIN") << cached << QStringList("context_pin=ctx-2") << int(CKM_RSA_PKCS) << saving
-                                                << 0 << three << QStringList({"form", "context form", wrong, "context form"});
-        QTest::newRow("context PIN at every signature, host ending at the third")
-            << plain << QStringList("context_pin=ctx-2") << int(CKM_RSA_PKCS) << saving << 5
-            << QStringList({"", "", "Scriva is terminating"}) << QStringList({"form", "form", wrong, "form", "form", "form"});
-        QTest::newRow("unsaved context PIN asked again until the token locks") << cached << padded << int(CKM_SHA256_RSA_PKCS)
-            << QStringList({"pin:ctx-2", "pin:ctx-2", "pin:bad", "ok", "pin:bad", "ok", "pin:ctx-2"}) << 0
-            << QStringList({"", "", "PinBlocked"}) << QStringList({"context form", "context form", "context form", wrong,
-                                                                  "context form (final try)", wrong, "context form"});
-        QTest::newRow("mechanism refused") << cached << padded << int(CKM_SHA256) << QStringList() << 0
-            << QStringList("PKCS#11 method C_SignInit returned error CKR_MECHANISM_INVALID (0x00000070)") << QStringList();
-        QTest::newRow("context form cancelled") << cached << padded << int(CKM_SHA256_RSA_PKCS) << QStringList("cancel") << 0
-                                                << QStringList("OperationCanceled") << QStringList("context form");
-        for (const char* call : {"C_SignInit", "C_LoginContext", "C_Sign"})
-            QTest::addRow("cancelled at %s on the PIN pad", call) << plain << QStringList({pad, QStringLiteral("fail_calls=%1:0x50").arg(call)})
-                << int(CKM_SHA256_RSA_PKCS) << QStringList() << 0 << QStringList("OperationCanceled") << QStringList();
-    }
+    void signingAsksForTheContextPinAsItsTypeSays_data() { rowsFrom(); }
 
     void signingAsksForTheContextPinAsItsTypeSays()
     {
-        QFETCH(int, signatureType);
+        QFETCH(bool, cachedContextPin);
         QFETCH(QStringList, config);
         QFETCH(int, mechanism);
         QFETCH(QStringList, answers);
@@ -254,7 +186,8 @@ private slots:
         QFETCH(QStringList, results);
         QFETCH(QStringList, shown);
         QVERIFY(store->generateRsaKeyPair("Engine Token", userPin, "01", "Signing Key"));
-        open(config << "always_authenticate=1", Pkcs11Library::SignatureType(signatureType));
+        open(config << "always_authenticate=1",
+             cachedContextPin ? Pkcs11Library::SignatureTypeCachedContextPin : Pkcs11Library::SignatureTypeDefault);
         int requests = 0;
         connect(library.get(), &Pkcs11Library::pinRequestedSignal, this, [&] {
             if (++requests == endsAt)
