@@ -165,12 +165,7 @@ private slots:
     // Both tokens and SoftHSM's empty token in its free slot; the one whose information cannot be
     // read is listed too. Only those two reads may fail: a platform that cannot be read (SoftHSM's
     // empty token cannot be opened) fails the list.
-    void getSlotsAnswersEveryTokenInTheRequestVersion_data()
-    {
-        QTest::addColumn<QString>("request");
-        QTest::newRow("2022-12-29") << "getslots-2022";
-        QTest::newRow("2026-02-04") << "getslots-2026";
-    }
+    void getSlotsAnswersEveryTokenInTheRequestVersion_data() { rowsFrom(); }
 
     void getSlotsAnswersEveryTokenInTheRequestVersion()
     {
