@@ -14,6 +14,7 @@
 using namespace EngineTest;
 
 // The module wrapper against a SoftHSM token, through the test module where the token must misbehave.
+// The cases of the tests with data rows are in tests/data/engine-cases.txt.
 class TestPkcs11Library : public QObject
 {
     Q_OBJECT
@@ -101,8 +102,6 @@ private slots:
                      .replaceInStrings(QRegularExpression("^ +"), ""), trace);
     }
 
-    // Every second call gets a buffer, an empty one without slots. A token that arrives between the
-    // two calls makes the list too small: it is read again from the first call, three times at most.
     void slotListIsReadIntoABufferOfTheCount_data() { rowsFrom(); }
 
     void slotListIsReadIntoABufferOfTheCount()
@@ -152,8 +151,6 @@ private slots:
         QCOMPARE(library->isUserLoggedIn(session), error.isEmpty() && cancelIsError);
     }
 
-    // Signatures one after the other, each ending with its own word. A context PIN is remembered only
-    // when saved and only for its signature type; a wrong one is forgotten.
     void signingAsksForTheContextPinAsItsTypeSays_data() { rowsFrom(); }
 
     void signingAsksForTheContextPinAsItsTypeSays()
@@ -198,7 +195,8 @@ private slots:
                  QStringList(3, "   ulValueLen: 8|" + lengths).join('|'));
     }
 
-    // A key without context login, a context login before signing, an unreadable object, and an unavailable value asked again without a buffer.
+    // A key without context login, a context login before signing, an unreadable object, and an
+    // unavailable value asked again without a buffer.
     void readsAttributesOrSaysWhyNot()
     {
         QVERIFY(store->generateRsaKeyPair("Engine Token", userPin, "01", "Signing Key"));

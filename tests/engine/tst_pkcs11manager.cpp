@@ -74,7 +74,8 @@ QString sorted(QString xml, const QString& name)
 
 } // namespace
 
-// The four operations, from module choice to answer documents that the schema accepts.
+// The four operations, from module choice to answer documents that the schema accepts. The cases of
+// the tests with data rows are in tests/data/engine-cases.txt.
 class TestPkcs11Manager : public QObject
 {
     Q_OBJECT
@@ -162,9 +163,6 @@ private slots:
         QCOMPARE(Pkcs11Manager::findUsablePkcs11Library(data), chosen.isEmpty() ? QString() : work.filePath(chosen));
     }
 
-    // Both tokens and SoftHSM's empty token in its free slot; the one whose information cannot be
-    // read is listed too. Only those two reads may fail: a platform that cannot be read (SoftHSM's
-    // empty token cannot be opened) fails the list.
     void getSlotsAnswersEveryTokenInTheRequestVersion_data() { rowsFrom(); }
 
     void getSlotsAnswersEveryTokenInTheRequestVersion()
@@ -211,9 +209,6 @@ private slots:
         QCOMPARE(TraceSwitch::trace().count("Going to call C_Finalize"), 1);
     }
 
-    // A request is signed on the token by its new key, with the requested digest, subject and
-    // KovData, and the keys stay. One that fails once its key pair exists takes both keys back off the
-    // token, in the same session, and answers as it would have; keys that cannot go are only logged.
     void generateCsrKeepsItsKeysOnlyWhenSigned_data() { rowsFrom(); }
 
     void generateCsrKeepsItsKeysOnlyWhenSigned()
@@ -264,9 +259,6 @@ private slots:
                  qPrintable(text));
     }
 
-    // A call that answers more than the host asked or allows fails as a general error, logged, and is
-    // traced no further than the host's buffer. A smaller second answer is used; texts that are not
-    // UTF-8 still make a well-formed answer.
     void lyingModuleCallsFailAsGeneralErrors_data() { rowsFrom(); }
 
     void lyingModuleCallsFailAsGeneralErrors()
@@ -302,8 +294,6 @@ private slots:
                                                          : line.section('(', 1).size() - 1 <= 2 * held), qPrintable(line));
     }
 
-    // Cancelling the form is the wrapper's concern; here only who asks for the PIN. Sessions are
-    // closed and the module finalised whichever way it ended; the PIN is never logged.
     void showPinFormDecidesWhoAsksForThePin_data() { rowsFrom(); }
 
     void showPinFormDecidesWhoAsksForThePin()

@@ -1,9 +1,7 @@
 // A PKCS#11 module for tests. It forwards every call to a real module (SoftHSM unless
-// SCRIVA_TEST_P11_TARGET names another) and adds what the real module cannot be made to do.
-// The additions are configured by a key=value file named in SCRIVA_TEST_P11_CONFIG, read again
-// at every C_Initialize (an absent file or variable means plain forwarding). Numbers may be
-// decimal or 0x-prefixed hexadecimal.
-//
+// SCRIVA_TEST_P11_TARGET names another) and adds what the real module cannot be made to do, as the
+// key=value file named in SCRIVA_TEST_P11_CONFIG says (read at every C_Initialize; none: plain
+// forwarding). Numbers may be decimal or 0x-prefixed hexadecimal.
 //   fail_calls=C_Sign:0x50,...    these calls answer that value without forwarding (C_Sign: only into
 //                                 a buffer; C_LoginContext: only the context-specific logins)
 //   hold_calls=C_GenerateKeyPair  these calls (any but C_Initialize) first create <hold_dir>/<call>.entered,
@@ -11,33 +9,27 @@
 //   cant_lock_once=1              the first C_Initialize that asks for OS locking answers CKR_CANT_LOCK
 //   thread_state=1                C_Initialize leaves state in the calling thread that this module's
 //                                 code frees when the thread ends, as some modules' runtimes do
-//   pin_pad_pin=1234              the token reports a protected authentication path, and a
-//                                 C_Login without a PIN logs in with this PIN
-//   pin_tries=3                   the PINs take that many wrong tries, as real tokens count them: after
-//                                 a wrong one C_GetTokenInfo reports CKF_USER_PIN_COUNT_LOW, with one
-//                                 try left CKF_USER_PIN_FINAL_TRY, then CKF_USER_PIN_LOCKED, and every
-//                                 C_Login answers CKR_PIN_LOCKED; a right PIN starts the count again
-//   user_pin_flags=count_low      C_GetTokenInfo adds CKF_USER_PIN_COUNT_LOW, final_try adds
-//                                 CKF_USER_PIN_FINAL_TRY (both: count_low,final_try)
+//   pin_pad_pin=1234              the token has a protected authentication path: C_Login without a PIN uses this
+//   pin_tries=3                   the PINs take that many wrong tries: after a wrong one the token info
+//                                 reports CKF_USER_PIN_COUNT_LOW, with one try left CKF_USER_PIN_FINAL_TRY,
+//                                 then CKF_USER_PIN_LOCKED and C_Login answers CKR_PIN_LOCKED; a right PIN
+//                                 starts the count again
+//   user_pin_flags=count_low      the token info always adds CKF_USER_PIN_COUNT_LOW (final_try: ..._FINAL_TRY)
 //   token_info_fail_label=Broken  C_GetTokenInfo of the token with this label answers CKR_DEVICE_ERROR
-//   always_authenticate=1         private keys read CKA_ALWAYS_AUTHENTICATE = true, and signing
-//                                 needs a CKU_CONTEXT_SPECIFIC login ...
-//   context_pin=5678              ... with this PIN (a null PIN is accepted with a PIN pad)
-//   token_platform=Platform text  vendor attribute 0x80001070 of object handle 0, whose length query
-//                                 answers more than the text fills
+//   always_authenticate=1         private keys read CKA_ALWAYS_AUTHENTICATE = true, and signing needs a
+//   context_pin=5678              CKU_CONTEXT_SPECIFIC login with this PIN (or a null PIN with a PIN pad)
+//   token_platform=Platform text  vendor attribute 0x80001070 of object handle 0 (its length query answers more)
 //   kov_data_hex=3003020101       vendor attribute 0x80000007 of public keys
 //   unavailable_type=0x122        this attribute of any object answers CKR_OK with an unavailable length
 //   no_slots=1                    C_GetSlotList reports no slots
-//   slot_list_grows=2             a token arrives between the two C_GetSlotList calls that many times:
-//                                 the count asked without a buffer leaves a slot out, and the call with
-//                                 the buffer answers CKR_BUFFER_TOO_SMALL with the whole count
-//   lie=C_Sign:grow               the call answers CKR_OK with a count or length it does not mean:
-//                                 grow: 6 more than the buffer it filled; shrink: one fewer;
-//                                 huge: 2^40 when asked without a buffer (C_GetSlotList,
-//                                 C_GetAttributeValue, C_Digest, C_Sign). C_FindObjects:forever
-//                                 finds made-up objects without end, C_FindObjects:overflow 5 more
-//                                 than asked for; C_GetSlotInfo:garbage and C_GetTokenInfo:garbage
-//                                 fill the texts (but the serial number) with bytes that are not UTF-8
+//   slot_list_grows=2             that many times a token arrives between the two C_GetSlotList calls: the
+//                                 count leaves a slot out, the call into the buffer answers CKR_BUFFER_TOO_SMALL
+//   lie=C_Sign:grow               the call answers CKR_OK with a count or length it does not mean: grow: 6
+//                                 more than the buffer it filled; shrink: one fewer; huge: 2^40 when asked
+//                                 without a buffer (C_GetSlotList, C_GetAttributeValue, C_Digest, C_Sign).
+//                                 C_FindObjects:forever finds made-up objects without end, :overflow 5 more
+//                                 than asked for; C_GetSlotInfo:garbage and C_GetTokenInfo:garbage fill the
+//                                 texts (but the serial number) with bytes that are not UTF-8
 
 #include <p11-kit/pkcs11.h>
 
