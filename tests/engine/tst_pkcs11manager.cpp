@@ -278,20 +278,11 @@ private slots:
             : operation == "getcertificates"           ? run(&Pkcs11Manager::getCertificates, request)
             : operation == "generatecsr"               ? run(&Pkcs11Manager::generateCsr, request)
                                                        : run(&Pkcs11Manager::createObject, request, certificate);
-        const QString function = claim.section(' ', 0, 0);
-        QCOMPARE(outcome.error, claim.isEmpty() ? QString() : Pkcs11Exception::detailText(function, CKR_GENERAL_ERROR));
+        QCOMPARE(outcome.error, claim.isEmpty() ? QString() : Pkcs11Exception::detailText(claim.section(' ', 0, 0), CKR_GENERAL_ERROR));
         const QString log = TraceSwitch::text();
         QVERIFY2(claim.isEmpty() ? !log.contains(" answered ") : log.contains(" - W - " + claim), qPrintable(claim));
         QCOMPARE(outcome.document.count("<Slot>"), slotCount);
-        const QStringList trace = TraceSwitch::trace();
-        QCOMPARE(trace.count("C_Finalize returned 0 (CKR_OK)"), 1);
-        // The trace shows the module's number but dumps no more than the buffer held.
-        const int held = QRegularExpression("into a buffer for (\\d+)$").match(claim).captured(1).toInt();
-        const QString dump = QMap<QString, QString>{{"C_GetSlotList", " pSlotList["}, {"C_Digest", " *pDigest: "},
-                                                    {"C_Sign", " *pSignature: "}}.value(function, "-");
-        for (const QString& line : trace.filter(dump))
-            QVERIFY2(held == 0 || (dump == " pSlotList[" ? line.section(QRegularExpression("[][]"), 1, 1).toInt() < held
-                                                         : line.section('(', 1).size() - 1 <= 2 * held), qPrintable(line));
+        QCOMPARE(TraceSwitch::trace().count("C_Finalize returned 0 (CKR_OK)"), 1);
     }
 
     void showPinFormDecidesWhoAsksForThePin_data() { rowsFrom(); }
