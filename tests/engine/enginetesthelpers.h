@@ -25,22 +25,10 @@ namespace EngineTest {
 class ScriptedUser : public PinPrompt
 {
 public:
-    void script(QStringList next)
-    {
-        QMutexLocker locker(&mutex);
-        steps = std::move(next);
-        shown.clear();
-    }
-    QStringList seen()
-    {
-        QMutexLocker locker(&mutex);
-        return shown;
-    }
+    void script(QStringList next) { QMutexLocker locker(&mutex); steps = std::move(next); shown.clear(); }
+    QStringList seen() { QMutexLocker locker(&mutex); return shown; }
     SecretPin requestPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo& token, const QString&) override { return answer("form", &token); }
-    SecretPin requestContextPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo& token, const QString&, bool* save) override
-    {
-        return answer("context form", &token, save);
-    }
+    SecretPin requestContextPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo& token, const QString&, bool* save) override { return answer("context form", &token, save); }
     void showPinIncorrect(const QString& title, const QString& text) override { answer("box: " + title + ": " + text); }
     void closeDialogs() override {}
     bool isClosed() const override { return false; }
@@ -111,13 +99,11 @@ inline void rowsFrom()
     static QList<QByteArray> names; // the test table keeps pointers to its column names
     QStringList kinds; // of each column: "[]", "?", "#" or ""
     for (const QString& line : text.section("\n== " + QLatin1String(function) + "\n", 1).section("\n== ", 0, 0).split('\n')) {
-        QStringList values = line.split('|');
-        for (QString& value : values)
-            value = value.trimmed();
+        QStringList values = line.trimmed().split(QRegularExpression("\\s*\\|\\s*"));
         const QString name = values.takeFirst();
-        if (line.isEmpty() || line.startsWith('#')) {
+        if (line.isEmpty() || line.startsWith('#'))
             continue;
-        } else if (kinds.isEmpty()) {
+        if (kinds.isEmpty()) {
             for (const QString& column : values) {
                 const qsizetype end = column.indexOf(QRegularExpression("[][?#]"));
                 kinds << (end < 0 ? QString() : column.mid(end));
@@ -129,11 +115,8 @@ inline void rowsFrom()
         }
         QTestData& row = QTest::addRow("%s", qPrintable(name));
         for (qsizetype i = 0; i < kinds.size(); ++i) {
-            QStringList items = values.value(i).isEmpty() ? QStringList() : values.value(i).split(';');
-            for (QString& item : items)
-                item = item.trimmed();
             if (kinds[i] == "[]")
-                row << items;
+                row << (values.value(i).isEmpty() ? QStringList() : values.value(i).split(QRegularExpression("\\s*;\\s*")));
             else if (kinds[i] == "?")
                 row << (values.value(i) == "true");
             else if (kinds[i] == "#")
