@@ -74,20 +74,17 @@ bool listed(const char* key, const std::string& item)
     return ("," + text(key) + ",").find("," + item + ",") != std::string::npos;
 }
 
-// The value the call is configured to fail with, or CKR_OK.
-CK_RV failure(const std::string& call)
+// What the comma-separated "<call>:<value>" list under the key gives the call, or "".
+std::string valueFor(const char* key, const std::string& call)
 {
-    const std::string list = "," + text("fail_calls");
-    const std::size_t at = list.find("," + call + ":");
-    return at == std::string::npos ? CKR_OK : std::strtoul(list.c_str() + at + call.size() + 2, nullptr, 0);
+    const std::string list = "," + text(key) + ",";
+    const std::size_t at = list.find("," + call + ":"), start = at + call.size() + 2;
+    return at == std::string::npos ? "" : list.substr(start, list.find(',', start) - start);
 }
 
-// The lie configured for this call ("grow", "huge", ...), or "".
-std::string lie(const char* call)
-{
-    const std::string configured = text("lie");
-    return configured.rfind(std::string(call) + ":", 0) == 0 ? configured.substr(configured.find(':') + 1) : "";
-}
+CK_RV failure(const std::string& call) { return std::strtoul(valueFor("fail_calls", call).c_str(), nullptr, 0); }
+
+std::string lie(const char* call) { return valueFor("lie", call); }
 
 // Applies the configured lie to the count a call answered; the module wrote only what fits.
 CK_RV lieAbout(const char* call, bool buffer, CK_ULONG* count, CK_RV rv)
