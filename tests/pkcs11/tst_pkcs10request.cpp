@@ -24,6 +24,8 @@ void countedFree(void* p, const char*, int) { std::free(p); }
 // Before OpenSSL's first allocation.
 const bool counting = CRYPTO_set_mem_functions(countedMalloc, countedRealloc, countedFree);
 
+const auto refusal = &TestRequests::refusal;
+
 QByteArray number(const EVP_PKEY* key, const char* name)
 {
     BIGNUM* value = nullptr;
@@ -102,27 +104,27 @@ private slots:
     {
         Pkcs10Request builder;
         for (const char* subject : {"30zz", "300"})
-            QCOMPARE(TestRequests::refusal([&] { builder.setSubject(subject); }), QStringLiteral("Unable to HEX decode subject"));
+            QCOMPARE(refusal([&] { builder.setSubject(subject); }), QStringLiteral("Unable to HEX decode subject"));
         for (const char* subject : {"", "0401aa", "3000ff"})
-            QCOMPARE(TestRequests::refusal([&] { builder.setSubject(subject); }), QStringLiteral("Unable to DER decode subject"));
-        QCOMPARE(TestRequests::refusal([&] { builder.setSignature("x", CKM_SHA224, CKM_RSA_PKCS); }), "Digesting mechanism 597 is not supported");
-        QCOMPARE(TestRequests::refusal([&] { builder.setSignature("x", CKM_SHA256, CKM_ECDSA); }), "Signing mechanism 4161 is not supported");
-        QCOMPARE(TestRequests::refusal([&] { Pkcs10Request::createPkcs1DigestInfo("x", CKM_MD5); }), QStringLiteral("AlgorithmNotSupported"));
+            QCOMPARE(refusal([&] { builder.setSubject(subject); }), QStringLiteral("Unable to DER decode subject"));
+        QCOMPARE(refusal([&] { builder.setSignature("x", CKM_SHA224, CKM_RSA_PKCS); }), "Digesting mechanism 597 is not supported");
+        QCOMPARE(refusal([&] { builder.setSignature("x", CKM_SHA256, CKM_ECDSA); }), "Signing mechanism 4161 is not supported");
+        QCOMPARE(refusal([&] { Pkcs10Request::createPkcs1DigestInfo("x", CKM_MD5); }), QStringLiteral("AlgorithmNotSupported"));
 
         // Each part in its turn, and only once; a refused attempt sets nothing.
-        QCOMPARE(TestRequests::refusal([&] { builder.getDerEncodedCertificationRequestInfo(); }), QStringLiteral("EVP_PKEY is not set"));
+        QCOMPARE(refusal([&] { builder.getDerEncodedCertificationRequestInfo(); }), QStringLiteral("EVP_PKEY is not set"));
         builder.setRsaPublicKey(number(key.get(), "n"), number(key.get(), "e"));
-        QCOMPARE(TestRequests::refusal([&] { builder.setRsaPublicKey("\1", "\3"); }), QStringLiteral("EVP_PKEY is already set"));
-        QCOMPARE(TestRequests::refusal([&] { builder.getDerEncodedCertificationRequestInfo(); }), QStringLiteral("X509_NAME is not set"));
+        QCOMPARE(refusal([&] { builder.setRsaPublicKey("\1", "\3"); }), QStringLiteral("EVP_PKEY is already set"));
+        QCOMPARE(refusal([&] { builder.getDerEncodedCertificationRequestInfo(); }), QStringLiteral("X509_NAME is not set"));
         builder.setSubject(QStringLiteral("3000"));
-        QCOMPARE(TestRequests::refusal([&] { builder.setSubject(QStringLiteral("3000")); }), QStringLiteral("X509_NAME is already set"));
+        QCOMPARE(refusal([&] { builder.setSubject(QStringLiteral("3000")); }), QStringLiteral("X509_NAME is already set"));
         builder.setKovDataAttibute(QByteArray::fromHex("3000"));
-        QCOMPARE(TestRequests::refusal([&] { builder.setKovDataAttibute("\x30"); }), "X509_ATTRIBUTE is already set for KovData attribute");
+        QCOMPARE(refusal([&] { builder.setKovDataAttibute("\x30"); }), "X509_ATTRIBUTE is already set for KovData attribute");
         builder.setEnrollmentCspProviderAttribute(QStringLiteral("A"));
-        QCOMPARE(TestRequests::refusal([&] { builder.setEnrollmentCspProviderAttribute("B"); }), "X509_ATTRIBUTE is already set for EnrollmentCspProvider attribute");
-        QCOMPARE(TestRequests::refusal([&] { builder.getPemEncodedRequest(); }), QStringLiteral("X509_REQ is not set"));
+        QCOMPARE(refusal([&] { builder.setEnrollmentCspProviderAttribute("B"); }), "X509_ATTRIBUTE is already set for EnrollmentCspProvider attribute");
+        QCOMPARE(refusal([&] { builder.getPemEncodedRequest(); }), QStringLiteral("X509_REQ is not set"));
         QVERIFY(!builder.getDerEncodedCertificationRequestInfo().isEmpty());
-        QCOMPARE(TestRequests::refusal([&] { builder.getDerEncodedCertificationRequestInfo(); }), QStringLiteral("X509_REQ is already set"));
+        QCOMPARE(refusal([&] { builder.getDerEncodedCertificationRequestInfo(); }), QStringLiteral("X509_REQ is already set"));
     }
 
     // Out of memory at each of OpenSSL's allocations in turn: each step that cannot go on fails with
@@ -142,7 +144,7 @@ private slots:
         QStringList messages;
         for (failAt = 1;; ++failAt) {
             allocations = 0;
-            const QString failure = TestRequests::refusal(build);
+            const QString failure = refusal(build);
             if (allocations < failAt)
                 break;
             if (!failure.isEmpty() && !messages.contains(failure))
