@@ -1,7 +1,7 @@
 #pragma once
 
 // What the engine's test programs share: a user who answers PIN requests and wrong-PIN messages, engine
-// calls run on a worker thread as the host runs them, the trace switch, and the test module.
+// calls run on a worker thread as the host runs them, the trace switch, the test module, and data rows.
 
 #include "../pkcs11/pkcs11testhelpers.h"
 #include "pinprompt.h"
