@@ -3,10 +3,10 @@
 // key=value file named in SCRIVA_TEST_P11_CONFIG says (read at every C_Initialize; none: plain
 // forwarding). Numbers may be decimal or 0x-prefixed hexadecimal.
 //   fail_calls=C_Sign:0x50,...    these calls answer that value without forwarding (C_Sign: only into
-//                                 a buffer; C_LoginContext: only the context-specific logins)
+//                                 a buffer; C_LoginContext: only the context-specific logins;
+//                                 C_InitializeLocking: only the C_Initialize that ask for OS locking)
 //   hold_calls=C_GenerateKeyPair  these calls (any but C_Initialize) first create <hold_dir>/<call>.entered,
 //   hold_dir=/tmp/gates           so a test knows the host is inside, then wait for <hold_dir>/<call>.release
-//   cant_lock_once=1              the first C_Initialize that asks for OS locking answers CKR_CANT_LOCK
 //   thread_state=1                C_Initialize leaves state in the calling thread that this module's
 //                                 code frees when the thread ends, as some modules' runtimes do
 //   pin_pad_pin=1234              the token has a protected authentication path: C_Login without a PIN uses this
@@ -52,7 +52,6 @@ constexpr CK_ATTRIBUTE_TYPE kovDataAttribute = 0x80000007UL;
 // The state below is guarded by the mutex.
 std::mutex mutex;
 std::map<std::string, std::string> config;
-bool lockingRefused = false;
 unsigned long wrongPins = 0;
 unsigned long slotListGrowths = 0;
 // Sessions signing with a key that needs a context login, and whether it was made.
@@ -165,26 +164,16 @@ CK_RV testInitialize(CK_VOID_PTR initArgs)
             config[line.substr(0, line.find('='))] = line.substr(line.find('=') + 1);
     if (number("thread_state"))
         leaveThreadState();
-    if (const CK_RV rv = failure("C_Initialize"))
-        return rv;
     const auto* args = static_cast<const CK_C_INITIALIZE_ARGS*>(initArgs);
-    if (number("cant_lock_once") && args && (args->flags & CKF_OS_LOCKING_OK) && !lockingRefused) {
-        lockingRefused = true;
-        return CKR_CANT_LOCK;
-    }
+    for (const char* call : {"C_Initialize", args && (args->flags & CKF_OS_LOCKING_OK) ? "C_InitializeLocking" : ""})
+        if (const CK_RV rv = failure(call))
+            return rv;
     const CK_RV rv = target->C_Initialize(initArgs);
     if (rv == CKR_OK) {
         wrongPins = slotListGrowths = 0;
         contextLogins.clear();
     }
     return rv;
-}
-
-CK_RV testFinalize(CK_VOID_PTR reserved)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    lockingRefused = false;
-    return target->C_Finalize(reserved);
 }
 
 CK_RV testGetSlotList(CK_BBOOL present, CK_SLOT_ID_PTR list, CK_ULONG_PTR count)
@@ -372,7 +361,6 @@ bool loadTarget()
     if (!getList || getList(&target) != CKR_OK || !target)
         return target = nullptr, false;
     inner = *target;
-    inner.C_Finalize = testFinalize;
     inner.C_GetSlotList = testGetSlotList;
     inner.C_GetSlotInfo = testGetSlotInfo;
     inner.C_GetTokenInfo = testGetTokenInfo;
