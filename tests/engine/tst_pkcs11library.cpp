@@ -3,7 +3,6 @@
 #include "pkcs11library.h"
 #include "terminatingflag.h"
 
-#include <QCryptographicHash>
 #include <QTranslator>
 
 #include <dlfcn.h>
