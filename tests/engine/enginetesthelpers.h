@@ -1,7 +1,7 @@
 #pragma once
 
 // What the engine's test programs share: a user who answers PIN requests and wrong-PIN messages, engine
-// calls run on a worker thread as the host runs them, the trace switch, and the test module.
+// calls run on a worker thread as the host runs them, the trace switch, the test module, and data rows.
 
 #include "../pkcs11/pkcs11testhelpers.h"
 #include "pinprompt.h"
@@ -13,7 +13,7 @@
 #include <QTest>
 #include <QtConcurrent>
 
-#include <functional>
+#include <type_traits>
 
 namespace EngineTest {
 
@@ -25,22 +25,10 @@ namespace EngineTest {
 class ScriptedUser : public PinPrompt
 {
 public:
-    void script(QStringList next)
-    {
-        QMutexLocker locker(&mutex);
-        steps = std::move(next);
-        shown.clear();
-    }
-    QStringList seen()
-    {
-        QMutexLocker locker(&mutex);
-        return shown;
-    }
+    void script(QStringList next) { QMutexLocker locker(&mutex); steps = std::move(next); shown.clear(); }
+    QStringList seen() { QMutexLocker locker(&mutex); return shown; }
     SecretPin requestPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo& token, const QString&) override { return answer("form", &token); }
-    SecretPin requestContextPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo& token, const QString&, bool* save) override
-    {
-        return answer("context form", &token, save);
-    }
+    SecretPin requestContextPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo& token, const QString&, bool* save) override { return answer("context form", &token, save); }
     void showPinIncorrect(const QString& title, const QString& text) override { answer("box: " + title + ": " + text); }
     void closeDialogs() override {}
     bool isClosed() const override { return false; }
@@ -65,28 +53,26 @@ private:
 };
 
 // What an engine call on a worker thread ended with: the exception's message and its cause's (empty
-// on success), and what the call returned.
+// on success), and the text the call returned.
 struct Outcome
 {
     QString error, cause, document;
 };
 
 // Runs the call on a pool thread, as the host's instance does.
-inline Outcome runOnWorker(std::function<QString()> call)
+template<typename Call>
+Outcome attempt(Call call)
 {
     return QtConcurrent::run([call] {
                try {
-                   return Outcome{{}, {}, call()};
+                   if constexpr (std::is_void_v<decltype(call())>)
+                       return call(), Outcome();
+                   else
+                       return Outcome{{}, {}, call()};
                } catch (const AppException& e) {
                    return Outcome{e.getMessage(), e.getCause() ? e.getCause()->getMessage() : QString(), {}};
                }
            }).result();
-}
-
-// The same for a call that returns nothing.
-inline Outcome attempt(std::function<void()> call)
-{
-    return runOnWorker([call] { call(); return QString(); });
 }
 
 // Points the test module at its configuration file in `dir`. The engine keeps each module it opens
@@ -101,6 +87,45 @@ inline bool configureModule(const QTemporaryDir& dir, const QStringList& config)
 {
     QFile file(dir.filePath(QStringLiteral("module.conf")));
     return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(config.join('\n').toUtf8() + '\n') > 0;
+}
+
+// The rows of the current test function from tests/data/engine-cases.txt, in the columns its first line names.
+inline void rowsFrom()
+{
+    const char* function = QTest::currentTestFunction();
+    QFile file(QStringLiteral(SCRIVA_TEST_DATA_DIR "/engine-cases.txt"));
+    QVERIFY2(file.open(QIODevice::ReadOnly | QIODevice::Text), qPrintable(file.fileName()));
+    const QString text = "\n" + QString::fromUtf8(file.readAll());
+    static QList<QByteArray> names; // the test table keeps pointers to its column names
+    QStringList kinds; // of each column: "[]", "?", "#" or ""
+    for (const QString& line : text.section("\n== " + QLatin1String(function) + "\n", 1).section("\n== ", 0, 0).split('\n')) {
+        QStringList values = line.trimmed().split(QRegularExpression("\\s*\\|\\s*"));
+        const QString name = values.takeFirst();
+        if (line.isEmpty() || line.startsWith('#'))
+            continue;
+        if (kinds.isEmpty()) {
+            for (const QString& column : values) {
+                const qsizetype end = column.indexOf(QRegularExpression("[][?#]"));
+                kinds << (end < 0 ? QString() : column.mid(end));
+                names << column.left(end).toUtf8();
+                QTest::addColumnInternal(kinds.last() == "[]" ? QMetaType::QStringList : kinds.last() == "?" ? QMetaType::Bool
+                                         : kinds.last() == "#" ? QMetaType::Int : QMetaType::QString, names.last().constData());
+            }
+            continue;
+        }
+        QTestData& row = QTest::addRow("%s", qPrintable(name));
+        for (qsizetype i = 0; i < kinds.size(); ++i) {
+            if (kinds[i] == "[]")
+                row << (values.value(i).isEmpty() ? QStringList() : values.value(i).split(QRegularExpression("\\s*;\\s*")));
+            else if (kinds[i] == "?")
+                row << (values.value(i) == "true");
+            else if (kinds[i] == "#")
+                row << values.value(i).toInt();
+            else
+                row << values.value(i);
+        }
+    }
+    QVERIFY2(!kinds.isEmpty(), function);
 }
 
 } // namespace EngineTest

@@ -3,7 +3,6 @@
 #include "pkcs11library.h"
 #include "terminatingflag.h"
 
-#include <QCryptographicHash>
 #include <QTranslator>
 
 #include <dlfcn.h>
@@ -14,6 +13,7 @@
 using namespace EngineTest;
 
 // The module wrapper against a SoftHSM token, through the test module where the token must misbehave.
+// The cases of the tests with data rows are in tests/data/engine-cases.txt.
 class TestPkcs11Library : public QObject
 {
     Q_OBJECT
@@ -74,31 +74,7 @@ private slots:
         TerminatingFlag::reset();
     }
 
-    // The answer carries the bare word; the path and the loader's text are its cause, for the log.
-    void loadsOnlyRealModulesAndFinalisesOnlyWhatItInitialised_data()
-    {
-        QTest::addColumn<QString>("module"); // "copy": the test module without the module it forwards to
-        QTest::addColumn<QStringList>("config");
-        QTest::addColumn<QString>("error");
-        QTest::addColumn<QString>("cause"); // pattern
-        QTest::addColumn<QStringList>("trace");
-        Dl_info libc{};
-        dladdr(reinterpret_cast<void*>(&gnu_get_libc_version), &libc);
-        const QString copy = work.filePath("copy.so");
-        const auto escaped = [](const QString& text) { return QRegularExpression::escape(text); };
-        QTest::newRow("locking refused once") << SoftHsmToken::testModulePath() << QStringList("cant_lock_once=1") << ""
-            << "^$" << QStringList({"  Flags: 2", "C_Initialize returned 10 (CKR_CANT_LOCK)", "  Flags: 0",
-                                  "C_Initialize returned 0 (CKR_OK)", "C_Finalize returned 0 (CKR_OK)"});
-        QTest::newRow("initialisation fails") << SoftHsmToken::testModulePath() << QStringList("initialize_rv=0x191")
-            << "PKCS#11 method C_Initialize returned error CKR_CRYPTOKI_ALREADY_INITIALIZED (0x00000191)" << "^$"
-            << QStringList({"  Flags: 2", "C_Initialize returned 401 (CKR_CRYPTOKI_ALREADY_INITIALIZED)"});
-        QTest::newRow("no file") << work.filePath("none.so") << QStringList() << "UnableToLoad"
-                                 << "^UnableToLoad: " + escaped(work.filePath("none.so")) + ": .+" << QStringList();
-        QTest::newRow("no function list") << QString::fromLocal8Bit(libc.dli_fname) << QStringList() << "UnableToFind"
-            << "^UnableToFind: C_GetFunctionList\\(\\): " + escaped(QString::fromLocal8Bit(libc.dli_fname)) + "$" << QStringList();
-        QTest::newRow("function list fails") << copy << QStringList() << "UnableToCall"
-                                             << "^UnableToCall: C_GetFunctionList\\(\\): " + escaped(copy) + "$" << QStringList();
-    }
+    void loadsOnlyRealModulesAndFinalisesOnlyWhatItInitialised_data() { rowsFrom(); }
 
     void loadsOnlyRealModulesAndFinalisesOnlyWhatItInitialised()
     {
@@ -107,33 +83,25 @@ private slots:
         QFETCH(QString, error);
         QFETCH(QString, cause);
         QFETCH(QStringList, trace);
+        Dl_info libc{};
+        dladdr(reinterpret_cast<void*>(&gnu_get_libc_version), &libc);
+        const QString path = module == "test module" ? SoftHsmToken::testModulePath()
+            : module == "libc"                       ? QString::fromLocal8Bit(libc.dli_fname) : work.filePath(module);
         QVERIFY(configureModule(work, config));
         QFile::copy(SoftHsmToken::testModulePath(), work.filePath("copy.so"));
-        if (module == work.filePath("copy.so"))
+        if (module == "copy.so")
             qputenv("SCRIVA_TEST_P11_TARGET", work.filePath("none.so").toUtf8());
         TraceSwitch::set(true);
-        const Outcome outcome = attempt([&] {
-            Pkcs11Library(module, Pkcs11Library::SignatureTypeDefault, false, "1", "2", {});
-        });
+        const Outcome outcome = attempt([&] { Pkcs11Library(path, Pkcs11Library::SignatureTypeDefault, false, "1", "2", {}); });
         qunsetenv("SCRIVA_TEST_P11_TARGET");
         QCOMPARE(outcome.error, error);
+        cause.replace("<module>", QRegularExpression::escape(path));
         QVERIFY2(QRegularExpression(cause).match(outcome.cause).hasMatch(), qPrintable(outcome.cause));
-        QCOMPARE(TraceSwitch::trace().filter(QRegularExpression("^(  Flags|C_Initialize ret|C_Finalize ret)")), trace);
+        QCOMPARE(TraceSwitch::trace().filter(QRegularExpression("^(  Flags|C_Initialize ret|C_Finalize ret)"))
+                     .replaceInStrings(QRegularExpression("^ +"), ""), trace);
     }
 
-    // Every second call gets a buffer, an empty one without slots. A token that arrives between the
-    // two calls makes the list too small: it is read again from the first call, three times at most.
-    void slotListIsReadIntoABufferOfTheCount_data()
-    {
-        QTest::addColumn<QString>("config");
-        QTest::addColumn<QString>("counts"); // *pulCount in and out, in call order
-        QTest::addColumn<QString>("found"); // slots found, or the error
-        QTest::newRow("no slots") << "no_slots=1" << "0 0 0 0" << "0";
-        QTest::newRow("token arrives once") << "slot_list_grows=1" << "0 1 1 0 2 2 2" << "2";
-        QTest::newRow("token arrives twice") << "slot_list_grows=2" << "0 1 1 0 1 1 0 2 2 2" << "2";
-        QTest::newRow("token arrives three times") << "slot_list_grows=3" << "0 1 1 0 1 1 0 1 1"
-            << "PKCS#11 method C_GetSlotList returned error CKR_BUFFER_TOO_SMALL (0x00000150)";
-    }
+    void slotListIsReadIntoABufferOfTheCount_data() { rowsFrom(); }
 
     void slotListIsReadIntoABufferOfTheCount()
     {
@@ -142,43 +110,14 @@ private slots:
         QFETCH(QString, found);
         open({config});
         TraceSwitch::set(true);
-        const Outcome outcome = runOnWorker([&] { return QString::number(library->getSlots(CK_TRUE).size()); });
+        const Outcome outcome = attempt([&] { return QString::number(library->getSlots(CK_TRUE).size()); });
         QCOMPARE(outcome.error + outcome.document, found);
         QStringList trace = TraceSwitch::trace();
         QCOMPARE(trace.count(" pSlotList: (nil)"), trace.count("Going to call C_GetSlotList"));
         QCOMPARE(trace.filter(" *pulCount: ").replaceInStrings(" *pulCount: ", "").join(' '), counts);
     }
 
-    void pinDialogue_data()
-    {
-        QTest::addColumn<QStringList>("config");
-        QTest::addColumn<QString>("terminating"); // the host ends "before" the dialogue or "during" the form
-        QTest::addColumn<bool>("cancelIsError");
-        QTest::addColumn<QStringList>("answers");
-        QTest::addColumn<QString>("error");
-        QTest::addColumn<QStringList>("shown");
-        const QString wrong = pinIncorrect.arg("User PIN");
-        const QStringList none, form("form"), cancel("cancel");
-        QTest::newRow("wrong PIN, then the right one") << none << "" << true
-            << QStringList({"pin:wrong-pin", "ok", "pin:" + userPin}) << "" << QStringList({"form", wrong, "form (count low)"});
-        // Each form shows what the token reports after the wrong PIN (SoftHSM itself: count low).
-        QTest::newRow("wrong PINs until the token locks") << QStringList("pin_tries=3") << "" << true
-            << QStringList({"pin:bad-1", "ok", "pin:bad-2", "ok", "pin:bad-3", "ok", "pin:" + userPin}) << "PinBlocked"
-            << QStringList({"form", wrong, "form (count low)", wrong, "form (final try)", wrong, "form (count low)"});
-        QTest::newRow("cancel is an error") << none << "" << true << cancel << "OperationCanceled" << form;
-        QTest::newRow("cancel goes on without login") << none << "" << false << cancel << "" << form;
-        QTest::newRow("PIN pad") << QStringList("pin_pad_pin=" + userPin) << "" << true << none << "" << none;
-        QTest::newRow("cancelled on the PIN pad") << QStringList({"pin_pad_pin=" + userPin, "cancel_calls=C_Login"}) << ""
-                                                  << true << none << "OperationCanceled" << none;
-        QTest::newRow("cancelled on the PIN pad, going on") << QStringList({"pin_pad_pin=" + userPin, "cancel_calls=C_Login"})
-                                                            << "" << false << none << "" << none;
-        QTest::newRow("token fails the login") << QStringList("fail_calls=C_Login:0x30") << "" << true << QStringList("pin:" + userPin)
-            << "PKCS#11 method C_Login returned error CKR_DEVICE_ERROR (0x00000030)" << form;
-        QTest::newRow("host ending") << none << "before" << true << none << "Scriva is terminating" << none;
-        // The PIN typed into the form never reaches the token.
-        QTest::newRow("host ending while the form is open") << none << "during" << true << QStringList("pin:" + userPin)
-                                                            << "Scriva is terminating" << form;
-    }
+    void pinDialogue_data() { rowsFrom(); }
 
     void pinDialogue()
     {
@@ -211,61 +150,60 @@ private slots:
         QCOMPARE(library->isUserLoggedIn(session), error.isEmpty() && cancelIsError);
     }
 
-    void contextLoginRemembersASavedPinOnlyForItsType_data()
-    {
-        QTest::addColumn<int>("signatureType");
-        QTest::addColumn<QStringList>("shown");
-        QTest::addColumn<QString>("lastError"); // of a third signature, when the host ends at its form
-        const QString wrong = pinIncorrect.arg("Signature PIN");
-        QTest::newRow("remembered context PIN") << int(Pkcs11Library::SignatureTypeCachedContextPin)
-                                                << QStringList({"form", "context form", wrong, "context form"}) << "";
-        QTest::newRow("context PIN at every signature") << int(Pkcs11Library::SignatureTypeDefault)
-            << QStringList({"form", "form", wrong, "form", "form", "form"}) << "Scriva is terminating";
-    }
+    void signingAsksForTheContextPinAsItsTypeSays_data() { rowsFrom(); }
 
-    void contextLoginRemembersASavedPinOnlyForItsType()
+    void signingAsksForTheContextPinAsItsTypeSays()
     {
-        QFETCH(int, signatureType);
+        QFETCH(bool, cachedContextPin);
+        QFETCH(QStringList, config);
+        QFETCH(int, mechanism);
+        QFETCH(QStringList, answers);
+        QFETCH(int, endsAt);
+        QFETCH(QStringList, results);
         QFETCH(QStringList, shown);
-        QFETCH(QString, lastError);
         QVERIFY(store->generateRsaKeyPair("Engine Token", userPin, "01", "Signing Key"));
-        open({"always_authenticate=1", "context_pin=ctx-pin-2"}, Pkcs11Library::SignatureType(signatureType));
-        user.script({"pin:" + userPin, "pin:bad:save", "ok", "pin:ctx-pin-2:save", "pin:ctx-pin-2", "pin:ctx-pin-2"});
-        QList<QByteArray> signatures;
-        CK_MECHANISM rsa = {CKM_RSA_PKCS, nullptr, 0};
+        open(config << "always_authenticate=1",
+             cachedContextPin ? Pkcs11Library::SignatureTypeCachedContextPin : Pkcs11Library::SignatureTypeDefault);
+        int requests = 0;
+        connect(library.get(), &Pkcs11Library::pinRequestedSignal, this, [&] {
+            if (++requests == endsAt)
+                TerminatingFlag::set();
+        }, Qt::DirectConnection);
+        user.script(answers);
+        CK_MECHANISM sign = {CK_MECHANISM_TYPE(mechanism), nullptr, 0}, digest = {CKM_SHA256, nullptr, 0};
         TraceSwitch::set(true);
-        const Outcome outcome = runOnWorker([&] {
-            library->login(session, slotInfo, tokenInfo, true);
-            const CK_OBJECT_HANDLE key = findOne(CKO_PRIVATE_KEY);
-            const bool always = library->getCkaAlwaysAuthenticateValue(session, key);
-            CK_MECHANISM digest = {CKM_SHA256, nullptr, 0};
-            const QByteArray hash = library->computeHash(session, &digest, "to be signed");
-            for (int round = 0; round < 2; ++round)
-                signatures << library->signHash(session, key, &rsa, hash, always, slotInfo, tokenInfo);
-            return QString::fromLatin1(hash.toHex());
-        });
-        QCOMPARE(outcome.error, QString());
-        QCOMPARE(outcome.document, QCryptographicHash::hash("to be signed", QCryptographicHash::Sha256).toHex());
-        // Every length goes in as 0 to be asked, then with the size the module answered.
-        const QString sign = "| *pulSignatureLen: 0| *pulSignatureLen: 256| *pulSignatureLen: 256| *pulSignatureLen: 256";
-        QCOMPARE(TraceSwitch::trace().filter(QRegularExpression("^ +(\\*pul\\w+|ulValueLen): ")).join('|'),
-                 "   ulValueLen: 8| *pulObjectCount: 0| *pulObjectCount: 1|   ulValueLen: 0|   ulValueLen: 1|   ulValueLen: 1|"
-                 "   ulValueLen: 1| *pulDigestLen: 0| *pulDigestLen: 32| *pulDigestLen: 32| *pulDigestLen: 32" + sign + sign);
-        // The host ends while a context form is open: the PIN typed there never reaches the token.
-        connect(library.get(), &Pkcs11Library::pinRequestedSignal, this, [] { TerminatingFlag::set(); }, Qt::DirectConnection);
-        QCOMPARE(attempt([&] {
-                     library->signHash(session, findOne(CKO_PRIVATE_KEY), &rsa, outcome.document.toLatin1(), true, slotInfo, tokenInfo);
-                 }).error, lastError);
+        QStringList ends;
+        while (ends.size() < results.size())
+            ends << attempt([&] {
+                library->login(session, slotInfo, tokenInfo, true);
+                const CK_OBJECT_HANDLE key = findOne(CKO_PRIVATE_KEY);
+                const bool always = library->getCkaAlwaysAuthenticateValue(session, key);
+                const QByteArray hash = mechanism == CKM_RSA_PKCS ? library->computeHash(session, &digest, "to be signed") : "data";
+                library->signHash(session, key, &sign, hash, always, slotInfo, tokenInfo);
+            }).error;
+        QCOMPARE(ends, results);
         QCOMPARE(user.seen(), shown);
-        QCOMPARE(signatures, QList<QByteArray>(2, signatures.value(0)));
+        if (QTest::currentDataTag() != QLatin1String("remembered context PIN"))
+            return;
+        // Every length goes in as 0 to be asked, then with the size the module answered: the key's search,
+        // its CKA_ALWAYS_AUTHENTICATE, the digest and the signature, for each signature.
+        const QString lengths = " *pulObjectCount: 0| *pulObjectCount: 1|   ulValueLen: 0|   ulValueLen: 1|   ulValueLen: 1|   ulValueLen: 1|"
+                                " *pulDigestLen: 0| *pulDigestLen: 32| *pulDigestLen: 32| *pulDigestLen: 32| *pulSignatureLen: 0|"
+                                " *pulSignatureLen: 256| *pulSignatureLen: 256| *pulSignatureLen: 256";
+        QCOMPARE(TraceSwitch::trace().filter(QRegularExpression("^ +(\\*pul\\w+|ulValueLen): ")).join('|'),
+                 QStringList(3, "   ulValueLen: 8|" + lengths).join('|'));
     }
 
-    // A key without context login, an unreadable object, and an unavailable value asked again without a buffer.
+    // A key without context login, a context login before signing, an unreadable object, and an
+    // unavailable value asked again without a buffer.
     void readsAttributesOrSaysWhyNot()
     {
         QVERIFY(store->generateRsaKeyPair("Engine Token", userPin, "01", "Signing Key"));
         open({"pin_pad_pin=" + userPin});
         QCOMPARE(attempt([&] { library->login(session, slotInfo, tokenInfo, true); }).error, QString());
+        // Not after a signing start: the token refuses the context login itself.
+        QCOMPARE(attempt([&] { library->contextLogin(session, slotInfo, tokenInfo); }).error,
+                 "PKCS#11 method C_Login returned error CKR_OPERATION_NOT_INITIALIZED (0x00000091)");
         QVERIFY(!library->getCkaAlwaysAuthenticateValue(session, findOne(CKO_PRIVATE_KEY)));
         QVERIFY(!library->getCkaAlwaysAuthenticateValue(session, 0xdead));
         QCOMPARE(attempt([&] { library->getAttributeValue(session, 0xdead, CKA_VALUE); }).error,
@@ -278,42 +216,6 @@ private slots:
         // Asked twice, each time for the one attribute (in and out).
         QCOMPARE(TraceSwitch::trace().filter(QRegularExpression("^(Going to call| ulCount:)")).join('|'),
                  "Going to call C_GetAttributeValue| ulCount: 1| ulCount: 1|Going to call C_GetAttributeValue| ulCount: 1| ulCount: 1");
-    }
-
-    // Cancelled, locked or refused: each signature ends with its own word. An unsaved context PIN is asked again.
-    void signingEndsWithItsOwnWord()
-    {
-        QVERIFY(store->generateRsaKeyPair("Engine Token", userPin, "01", "Signing Key"));
-        CK_MECHANISM rsa = {CKM_SHA256_RSA_PKCS, nullptr, 0}, digest = {CKM_SHA256, nullptr, 0};
-        const auto sign = [&](const QStringList& answers, CK_MECHANISM* mechanism) {
-            user.script(answers);
-            return attempt([&] {
-                library->login(session, slotInfo, tokenInfo, true);
-                const CK_OBJECT_HANDLE key = findOne(CKO_PRIVATE_KEY);
-                const bool always = library->getCkaAlwaysAuthenticateValue(session, key);
-                library->signHash(session, key, mechanism, "data", always, slotInfo, tokenInfo);
-            }).error;
-        };
-        const QString pad = "pin_pad_pin=" + userPin;
-        for (const char* call : {"C_SignInit", "C_LoginContext", "C_Sign"}) { // in turn, on the PIN pad
-            open({pad, "always_authenticate=1", QStringLiteral("cancel_calls=") + call});
-            QCOMPARE(sign({}, &rsa), "OperationCanceled");
-        }
-        const QStringList config{pad, "always_authenticate=1", "context_pin=ctx-2", "pin_tries=2"};
-        open(config, Pkcs11Library::SignatureTypeCachedContextPin);
-        QCOMPARE(sign({"pin:ctx-2"}, &rsa), QString());
-        QCOMPARE(sign({"pin:ctx-2"}, &rsa), QString()); // not saved: asked again
-        QCOMPARE(sign({"pin:bad", "ok", "pin:bad", "ok", "pin:ctx-2"}, &rsa), "PinBlocked");
-        const QString wrong = pinIncorrect.arg("Signature PIN");
-        QCOMPARE(user.seen(), QStringList({"context form", wrong, "context form (final try)", wrong, "context form"}));
-        open(config, Pkcs11Library::SignatureTypeCachedContextPin);
-        QCOMPARE(sign({}, &digest), "PKCS#11 method C_SignInit returned error CKR_MECHANISM_INVALID (0x00000070)");
-        QCOMPARE(sign({"cancel"}, &rsa), "OperationCanceled");
-        // Not after a signing start: the token refuses the context login itself.
-        open({});
-        user.script({"pin:" + userPin});
-        QCOMPARE(attempt([&] { library->contextLogin(session, slotInfo, tokenInfo); }).error,
-                 "PKCS#11 method C_Login returned error CKR_OPERATION_NOT_INITIALIZED (0x00000091)");
     }
 
     // Each C_FindObjects is asked with a count of 0 and answers how many of at most eight it gave.
@@ -338,26 +240,19 @@ private slots:
         }
     }
 
+    void tokenPlatformNeedsTheKnownVendorExtensions_data() { rowsFrom(); }
+
     void tokenPlatformNeedsTheKnownVendorExtensions()
     {
-        open({"token_platform=ProID+Q 2.1"});
-        const CK_SLOT_ID slot = slotInfo.getSlotId();
+        QFETCH(QString, config);
+        QFETCH(QString, extensions);
+        QFETCH(QString, platform);
+        QFETCH(QStringList, calls);
+        open({config}, Pkcs11Library::SignatureTypeDefault, extensions);
         TraceSwitch::set(true);
-        QCOMPARE(library->getTokenPlatform(slot), QString());
-        QVERIFY(TraceSwitch::trace().isEmpty());
-        open({"token_platform=ProID+Q 2.1"}, Pkcs11Library::SignatureTypeDefault, "monet+ proid+q");
-        QCOMPARE(attempt([&] { library->getTokenPlatform(slot); }).error, "Unsupported vendor extensions requested");
-        open({"token_platform=ProID+Q 2.1"}, Pkcs11Library::SignatureTypeDefault, "Monet+ ProID+Q");
-        TraceSwitch::set(true);
-        QCOMPARE(library->getTokenPlatform(slot), "ProID+Q 2.1");
-        const QStringList trace = TraceSwitch::trace();
-        QCOMPARE(trace.count("Going to call C_CloseSession"), trace.count("Going to call C_OpenSession"));
-        QVERIFY(trace.contains(" hObject: 0") && trace.contains(" *phSession: 0"));
-        // An unavailable platform is not asked for a second time.
-        open({"unavailable_type=0x80001070"}, Pkcs11Library::SignatureTypeDefault, "Monet+ ProID+Q");
-        TraceSwitch::set(true);
-        QCOMPARE(library->getTokenPlatform(slot), QString());
-        QCOMPARE(TraceSwitch::trace().count("Going to call C_GetAttributeValue"), 1);
+        const Outcome outcome = attempt([&] { return library->getTokenPlatform(slotInfo.getSlotId()); });
+        QCOMPARE(outcome.error + outcome.document, platform);
+        QCOMPARE(TraceSwitch::trace().filter(QRegularExpression("^Going to call ")).replaceInStrings("Going to call ", ""), calls);
     }
 };
 

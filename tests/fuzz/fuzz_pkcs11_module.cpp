@@ -1,8 +1,7 @@
 // The engine's four operations against a PKCS#11 module whose every answer comes from the input
 // (scrivafuzzp11.cpp), with the call trace on. The first byte picks the operation and the sample
-// request: the 2022-12-29 version, or the 2026-02-04 version without or with the token platform;
-// the module and the user read the rest, call by call. Refusals and failing calls are exceptions;
-// crashes, leaks, undefined behaviour and answers that are not well-formed XML are the findings.
+// request; the module and the user read the rest, call by call. Crashes, leaks, undefined behaviour
+// and answers that are not well-formed XML are the findings; refusals and failing calls are not.
 #include "appexception.h"
 #include "loghandler.h"
 #include "pinprompt.h"
@@ -35,10 +34,7 @@ class InputUser : public PinPrompt
 {
 public:
     SecretPin requestPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo&, const QString&) override { return answer(); }
-    SecretPin requestContextPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo&, const QString&, bool* save) override
-    {
-        return answer(save);
-    }
+    SecretPin requestContextPin(const Pkcs11SlotInfo&, const Pkcs11TokenInfo&, const QString&, bool* save) override { return answer(save); }
     void showPinIncorrect(const QString&, const QString&) override {}
     void closeDialogs() override {}
     bool isClosed() const override { return false; }
@@ -54,8 +50,7 @@ private:
 };
 
 // The host log, and with it the trace, in a private directory in memory where there is one. The
-// module stays loaded for the whole process: the engine's load and unload in each operation only
-// count references, and the answers stay where they are.
+// module stays loaded, so the engine's load and unload in each operation only count references.
 bool setUp()
 {
     initResources();

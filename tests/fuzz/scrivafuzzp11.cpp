@@ -1,8 +1,7 @@
-// The PKCS#11 module of fuzz_pkcs11_module: every answer it gives (return value, count, length,
-// bytes, handle, information structure) is read from the bytes the fuzzer hands it before each
-// run. It claims whatever those bytes say, but writes only into the buffers the caller gave and
-// never past the room the caller declared, so whatever goes wrong is the caller's doing. When the
-// bytes run out every call answers CKR_OK with zeros, so every loop of the caller ends.
+// The PKCS#11 module of fuzz_pkcs11_module: every answer (return value, count, length, bytes, handle,
+// information structure) is read from the bytes the fuzzer hands it before each run. It claims what
+// they say but writes only within the buffers and room the caller gave, so whatever goes wrong is the
+// caller's doing. When the bytes run out every call answers CKR_OK with zeros, so every loop ends.
 #include <p11-kit/pkcs11.h>
 
 #include <algorithm>
@@ -55,12 +54,8 @@ CK_RV rv()
     return b < 0x80 ? CKR_OK : b < 0x90 ? special[b - 0x80] : CK_RV(b);
 }
 
-// A call that answers only its return value.
 template<typename... Arguments>
-CK_RV answer(Arguments...)
-{
-    return rv();
-}
+CK_RV answer(Arguments...) { return rv(); }
 
 // A return value, then the structure or the handles the call gives back.
 template<typename T>
@@ -74,9 +69,9 @@ CK_RV info(CK_ULONG, T* out)
 CK_RV handles(CK_ULONG_PTR first, CK_ULONG_PTR second = nullptr)
 {
     const CK_RV result = rv();
-    *first = number();
-    if (second)
-        *second = number();
+    for (CK_ULONG_PTR handle : {first, second})
+        if (handle)
+            *handle = number();
     return result;
 }
 
@@ -113,27 +108,20 @@ CK_FUNCTION_LIST functions = [] {
     list.C_GetSlotList = [](CK_BBOOL, CK_SLOT_ID_PTR slots, CK_ULONG_PTR count) { return claim(slots, count); };
     list.C_GetSlotInfo = info;
     list.C_GetTokenInfo = info;
-    list.C_OpenSession = [](CK_SLOT_ID, CK_FLAGS, CK_VOID_PTR, CK_NOTIFY, CK_SESSION_HANDLE_PTR session) {
-        return handles(session);
-    };
+    list.C_OpenSession = [](CK_SLOT_ID, CK_FLAGS, CK_VOID_PTR, CK_NOTIFY, CK_SESSION_HANDLE_PTR session) { return handles(session); };
     list.C_CloseSession = list.C_Logout = list.C_FindObjectsFinal = answer;
+    list.C_Login = answer, list.C_FindObjectsInit = answer, list.C_DigestInit = answer, list.C_SignInit = answer;
     list.C_GetSessionInfo = info;
-    list.C_Login = answer;
-    list.C_CreateObject = [](CK_SESSION_HANDLE, CK_ATTRIBUTE_PTR, CK_ULONG, CK_OBJECT_HANDLE_PTR object) {
-        return handles(object);
-    };
+    list.C_CreateObject = [](CK_SESSION_HANDLE, CK_ATTRIBUTE_PTR, CK_ULONG, CK_OBJECT_HANDLE_PTR object) { return handles(object); };
     list.C_GenerateKeyPair = [](CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_ATTRIBUTE_PTR, CK_ULONG, CK_ATTRIBUTE_PTR,
                                 CK_ULONG, CK_OBJECT_HANDLE_PTR publicKey, CK_OBJECT_HANDLE_PTR privateKey) {
         return handles(publicKey, privateKey);
     };
     list.C_GetAttributeValue = getAttributeValue;
-    list.C_FindObjectsInit = answer;
     list.C_FindObjects = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE_PTR objects, CK_ULONG max, CK_ULONG_PTR count) {
         *count = max;
         return claim(objects, count);
     };
-    list.C_DigestInit = answer;
-    list.C_SignInit = answer;
     list.C_Digest = list.C_Sign = output;
     return list;
 }();

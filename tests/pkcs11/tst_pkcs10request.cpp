@@ -1,6 +1,6 @@
-#include "appexception.h"
 #include "ownedresource.h"
 #include "pkcs11/pkcs10request.h"
+#include "testrequests.h"
 
 #include <QCryptographicHash>
 #include <QTest>
@@ -11,9 +11,7 @@
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
-
 #include <cstdlib>
-#include <functional>
 
 namespace {
 
@@ -26,15 +24,7 @@ void countedFree(void* p, const char*, int) { std::free(p); }
 // Before OpenSSL's first allocation.
 const bool counting = CRYPTO_set_mem_functions(countedMalloc, countedRealloc, countedFree);
 
-QString failureOf(const std::function<void()>& step)
-{
-    try {
-        step();
-    } catch (const AppException& e) {
-        return e.getGeneralMessage() == QLatin1String("GeneralExceptionMessage") ? e.getMessage() : e.getGeneralMessage();
-    }
-    return QString();
-}
+const auto refusal = &TestRequests::refusal;
 
 QByteArray number(const EVP_PKEY* key, const char* name)
 {
@@ -114,27 +104,27 @@ private slots:
     {
         Pkcs10Request builder;
         for (const char* subject : {"30zz", "300"})
-            QCOMPARE(failureOf([&] { builder.setSubject(subject); }), QStringLiteral("Unable to HEX decode subject"));
+            QCOMPARE(refusal([&] { builder.setSubject(subject); }), QStringLiteral("Unable to HEX decode subject"));
         for (const char* subject : {"", "0401aa", "3000ff"})
-            QCOMPARE(failureOf([&] { builder.setSubject(subject); }), QStringLiteral("Unable to DER decode subject"));
-        QCOMPARE(failureOf([&] { builder.setSignature("x", CKM_SHA224, CKM_RSA_PKCS); }), "Digesting mechanism 597 is not supported");
-        QCOMPARE(failureOf([&] { builder.setSignature("x", CKM_SHA256, CKM_ECDSA); }), "Signing mechanism 4161 is not supported");
-        QCOMPARE(failureOf([&] { Pkcs10Request::createPkcs1DigestInfo("x", CKM_MD5); }), QStringLiteral("AlgorithmNotSupported"));
+            QCOMPARE(refusal([&] { builder.setSubject(subject); }), QStringLiteral("Unable to DER decode subject"));
+        QCOMPARE(refusal([&] { builder.setSignature("x", CKM_SHA224, CKM_RSA_PKCS); }), "Digesting mechanism 597 is not supported");
+        QCOMPARE(refusal([&] { builder.setSignature("x", CKM_SHA256, CKM_ECDSA); }), "Signing mechanism 4161 is not supported");
+        QCOMPARE(refusal([&] { Pkcs10Request::createPkcs1DigestInfo("x", CKM_MD5); }), QStringLiteral("AlgorithmNotSupported"));
 
         // Each part in its turn, and only once; a refused attempt sets nothing.
-        QCOMPARE(failureOf([&] { builder.getDerEncodedCertificationRequestInfo(); }), QStringLiteral("EVP_PKEY is not set"));
+        QCOMPARE(refusal([&] { builder.getDerEncodedCertificationRequestInfo(); }), QStringLiteral("EVP_PKEY is not set"));
         builder.setRsaPublicKey(number(key.get(), "n"), number(key.get(), "e"));
-        QCOMPARE(failureOf([&] { builder.setRsaPublicKey("\1", "\3"); }), QStringLiteral("EVP_PKEY is already set"));
-        QCOMPARE(failureOf([&] { builder.getDerEncodedCertificationRequestInfo(); }), QStringLiteral("X509_NAME is not set"));
+        QCOMPARE(refusal([&] { builder.setRsaPublicKey("\1", "\3"); }), QStringLiteral("EVP_PKEY is already set"));
+        QCOMPARE(refusal([&] { builder.getDerEncodedCertificationRequestInfo(); }), QStringLiteral("X509_NAME is not set"));
         builder.setSubject(QStringLiteral("3000"));
-        QCOMPARE(failureOf([&] { builder.setSubject(QStringLiteral("3000")); }), QStringLiteral("X509_NAME is already set"));
+        QCOMPARE(refusal([&] { builder.setSubject(QStringLiteral("3000")); }), QStringLiteral("X509_NAME is already set"));
         builder.setKovDataAttibute(QByteArray::fromHex("3000"));
-        QCOMPARE(failureOf([&] { builder.setKovDataAttibute("\x30"); }), "X509_ATTRIBUTE is already set for KovData attribute");
+        QCOMPARE(refusal([&] { builder.setKovDataAttibute("\x30"); }), "X509_ATTRIBUTE is already set for KovData attribute");
         builder.setEnrollmentCspProviderAttribute(QStringLiteral("A"));
-        QCOMPARE(failureOf([&] { builder.setEnrollmentCspProviderAttribute("B"); }), "X509_ATTRIBUTE is already set for EnrollmentCspProvider attribute");
-        QCOMPARE(failureOf([&] { builder.getPemEncodedRequest(); }), QStringLiteral("X509_REQ is not set"));
+        QCOMPARE(refusal([&] { builder.setEnrollmentCspProviderAttribute("B"); }), "X509_ATTRIBUTE is already set for EnrollmentCspProvider attribute");
+        QCOMPARE(refusal([&] { builder.getPemEncodedRequest(); }), QStringLiteral("X509_REQ is not set"));
         QVERIFY(!builder.getDerEncodedCertificationRequestInfo().isEmpty());
-        QCOMPARE(failureOf([&] { builder.getDerEncodedCertificationRequestInfo(); }), QStringLiteral("X509_REQ is already set"));
+        QCOMPARE(refusal([&] { builder.getDerEncodedCertificationRequestInfo(); }), QStringLiteral("X509_REQ is already set"));
     }
 
     // Out of memory at each of OpenSSL's allocations in turn: each step that cannot go on fails with
@@ -154,7 +144,7 @@ private slots:
         QStringList messages;
         for (failAt = 1;; ++failAt) {
             allocations = 0;
-            const QString failure = failureOf(build);
+            const QString failure = refusal(build);
             if (allocations < failAt)
                 break;
             if (!failure.isEmpty() && !messages.contains(failure))

@@ -19,10 +19,11 @@ CK_FUNCTION_LIST stubList()
     list.C_Initialize = ok, list.C_Login = ok, list.C_FindObjectsInit = ok, list.C_FindObjectsFinal = ok;
     list.C_DigestInit = ok, list.C_SignInit = ok, list.C_DestroyObject = ok;
     list.C_Finalize = [](auto) -> CK_RV { return 0x80000001UL; };
+    // Counts that outgrow their buffers: no more than the buffer is dumped.
     list.C_GetSlotList = [](CK_BBOOL, CK_SLOT_ID_PTR ids, CK_ULONG_PTR count) {
         if (ids)
             ids[0] = 7, ids[1] = 9;
-        return fill(count, CK_ULONG(2));
+        return fill(count, CK_ULONG(ids ? 3 : 2));
     };
     list.C_GetSlotInfo = [](CK_SLOT_ID, CK_SLOT_INFO_PTR info) {
         // Texts of a module that try to start log lines of their own.
@@ -54,14 +55,14 @@ CK_FUNCTION_LIST stubList()
         attributes[2].ulValueLen = CK_UNAVAILABLE_INFORMATION; // refused: no more than its buffer is dumped
         return CKR_ATTRIBUTE_SENSITIVE;
     };
-    list.C_FindObjects = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE_PTR objects, CK_ULONG, CK_ULONG_PTR count) {
+    list.C_FindObjects = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE_PTR objects, CK_ULONG room, CK_ULONG_PTR count) {
         if (objects)
             objects[0] = 31, objects[1] = 32;
-        return fill(count, 2UL);
+        return fill(count, room + 2);
     };
     list.C_Digest = [](auto, auto, auto, CK_BYTE_PTR digest, CK_ULONG_PTR length) {
         digest[0] = 0xAB, digest[1] = 0x01;
-        return fill(length, 2UL);
+        return fill(length, 9UL);
     };
     list.C_Sign = [](auto...) -> CK_RV { return CKR_BUFFER_TOO_SMALL; };
     list.C_GenerateKeyPair = [](auto, auto, auto, auto, auto, auto, CK_OBJECT_HANDLE_PTR publicKey, CK_OBJECT_HANDLE_PTR privateKey) {
@@ -143,7 +144,7 @@ private slots:
         CK_ATTRIBUTE search[] = {{CKA_WRAP_TEMPLATE, wild.data() + 1, CK_ULONG(wild.size() - 1)},
                                  {CKA_ALLOWED_MECHANISMS, mechanisms.data() + 1, sizeof(allowed)}};
         QCOMPARE(logger.C_FindObjectsInit(session, search, 2), CKR_OK);
-        CK_OBJECT_HANDLE found[4];
+        CK_OBJECT_HANDLE found[4] = {};
         QCOMPARE(logger.C_FindObjects(session, found, 4, &count), CKR_OK);
         QCOMPARE(logger.C_FindObjects(session, nullptr, 4, &count), CKR_OK); // no array: none read
         QCOMPARE(logger.C_FindObjectsFinal(session), CKR_OK);
