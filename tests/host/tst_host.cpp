@@ -42,11 +42,7 @@ class TestHost : public QObject
 private slots:
     void conversation_data()
     {
-        QTest::addColumn<QStringList>("arguments");
-        QTest::addColumn<QByteArrayList>("input"); // written in turn; an empty entry closes the input
-        QTest::addColumn<QStringList>("answers"); // in order; nonces are compared as UUID
-        QTest::addColumn<bool>("ends"); // by itself, before its input is closed
-        QTest::addColumn<QStringList>("log"); // patterns, "!" for absent; none: run without the log
+        QTest::addColumn<QStringList>("lines"); // as tests/data/host-conversations.txt describes them
         // The written conversations (tests/data/host-conversations.txt and the examples of
         // docs/host-messages.md), then those too long to write out.
         const auto read = [](const char* path) {
@@ -61,76 +57,100 @@ private slots:
         for (const QRegularExpressionMatch& block : shown.globalMatch(read(SCRIVA_SOURCE_DIR "/docs/host-messages.md")))
             written += "\n" + block.captured(1);
         QVERIFY(written.contains("\n== GetVersion")); // one of the documented examples
-        // "${<tests/data/requests name> signed by <signer>}" in a request: signed by the development PKI.
-        static const QRegularExpression signedRequest("\\$\\{([\\w-]+) signed by ([\\w-]+)\\}");
         for (const QString& conversation : written.split("\n== ").mid(1)) {
-            if (conversation.contains(signedRequest) && !TestRequests::canSign())
-                continue;
-            QStringList lines = conversation.split('\n', Qt::SkipEmptyParts), arguments, answers, log;
+            QStringList lines = conversation.split('\n', Qt::SkipEmptyParts);
             const QString name = lines.takeFirst();
-            QByteArrayList input;
-            for (const QString& line : lines) {
-                const QString kind = line.section(' ', 0, 0), text = line.section(' ', 1);
-                QString request = text;
-                if (const QRegularExpressionMatch sign = signedRequest.match(text); sign.hasMatch())
-                    request.replace(sign.captured(0), TestRequests::signedXml(TestRequests::xml(sign.captured(1), sampleNonce),
-                                                                              sign.captured(2)));
-                if (kind == "args")
-                    arguments = QJsonDocument::fromJson(text.toUtf8()).toVariant().toStringList();
-                else if (kind == ">" || kind == ">hex" || kind == ">close") // ">close" adds an empty entry
-                    input << (kind == ">" ? HostProcess::frame(request.toUtf8()) : QByteArray::fromHex(text.toLatin1()));
-                else if (kind == "<" || kind == "log")
-                    (kind == "<" ? answers : log) << text;
-                else
-                    QVERIFY2(kind == "ends" || kind == "#", qPrintable(line));
-            }
-            QTest::newRow(qPrintable(name)) << arguments << input << answers << lines.contains("ends") << log;
+            if (!conversation.contains(" signed by ") || TestRequests::canSign())
+                QTest::newRow(qPrintable(name)) << lines;
         }
-        const QByteArray create = request("CreateInstance");
-        const QString created = answer("CreateInstance");
-        const auto version = [](const QString& id = {}) { return answer("GetVersion", QJsonValue::Null, "2.6.1 (qt)", id); };
+        const auto send = [](const QString& name, QJsonObject message = {}) { return "> " + request(name, message).mid(4); };
+        const auto bytes = [](const QByteArray& bytes) { return ">hex " + bytes.toHex(); };
+        const QString create = "< " + answer("CreateInstance");
+        const auto version = [](const QString& id = {}) { return "< " + answer("GetVersion", QJsonValue::Null, "2.6.1 (qt)", id); };
 
         // A frame dribbled out three bytes at a time, then a 4 MiB frame followed at once by a small one.
         const QByteArray pieces = request("GetVersion", {{"id", "pieces"}});
-        QByteArrayList inPieces{create};
+        QStringList lines{send("CreateInstance")};
         for (int i = 0; i < pieces.size(); i += 3)
-            inPieces << pieces.mid(i, 3);
-        inPieces << request("GetVersion", {{"id", "large"}, {"padding", QString(4 << 20, 'x')}})
-                        + request("GetVersion", {{"id", "small"}});
-        QTest::newRow("frames in pieces and frames back to back") << QStringList() << inPieces
-            << QStringList{created, version("pieces"), version("large"), version("small")} << false << QStringList();
+            lines << bytes(pieces.mid(i, 3));
+        lines << bytes(request("GetVersion", {{"id", "large"}, {"padding", QString(4 << 20, 'x')}})
+                       + request("GetVersion", {{"id", "small"}}))
+              << create << version("pieces") << version("large") << version("small");
+        QTest::newRow("frames in pieces and frames back to back") << lines;
 
         // GetVersion echoes the id, so the id sets the answer's size: 1 MiB less one byte is written.
-        const int idForLimit = 1048575 - int(version("-").size()) + 1;
-        QTest::newRow("answers up to one byte under 1 MiB") << QStringList()
-            << QByteArrayList{create, request("GetVersion", {{"id", QString(idForLimit, 'a')}}),
-                              request("GetVersion", {{"id", QString(idForLimit + 1, 'a')}})}
-            << QStringList{created, version(QString(idForLimit, 'a'))} << true
-            << QStringList("Exiting write thread because of exception: AppException: Outgoing JSON message size "
-                           "1048576 exceedes maximum allowed size 1048576");
+        const int idForLimit = 1048575 - int(answer("GetVersion", QJsonValue::Null, "2.6.1 (qt)", "-").size()) + 1;
+        QTest::newRow("answers up to one byte under 1 MiB")
+            << QStringList{send("CreateInstance"), send("GetVersion", {{"id", QString(idForLimit, 'a')}}),
+                           send("GetVersion", {{"id", QString(idForLimit + 1, 'a')}}), create,
+                           version(QString(idForLimit, 'a')), "ends",
+                           "log Exiting write thread because of exception: AppException: Outgoing JSON message size "
+                           "1048576 exceedes maximum allowed size 1048576"};
     }
 
     void conversation()
     {
-        QFETCH(QStringList, arguments);
-        QFETCH(QByteArrayList, input);
-        QFETCH(QStringList, answers);
-        QFETCH(bool, ends);
-        QFETCH(QStringList, log);
+        QFETCH(QStringList, lines);
+        QStringList arguments, module, log, printed;
+        for (const QString& line : lines) {
+            const QString kind = line.section(' ', 0, 0), text = line.section(' ', 1);
+            if (kind == "args")
+                arguments = QJsonDocument::fromJson(text.toUtf8()).toVariant().toStringList();
+            else if (kind == "module" || kind == "log" || kind == "out")
+                (kind == "module" ? module : kind == "log" ? log : printed) << text;
+            else
+                QVERIFY2(QStringList({">", ">hex", ">close", "<", "<~", "ends", "token", "#"}).contains(kind), qPrintable(line));
+        }
         HostProcess host;
         host.qprocess().setWorkingDirectory(QFileInfo(HostProcess::executable()).path());
+        if (!module.isEmpty())
+            QVERIFY(host.configureTestModule((module.join('\n') + '\n').toUtf8()));
         if (!log.isEmpty())
             host.enableLog();
-        QVERIFY(host.start(arguments));
-        for (const QByteArray& bytes : input)
-            bytes.isEmpty() ? host.closeInput() : host.sendRaw(bytes);
+        QVERIFY2(lines.contains("token") ? host.startWithToken(arguments) : host.start(arguments), qPrintable(host.lastError()));
+        // "${<tests/data/requests name> signed by <signer>}", with the sample nonce or the host's latest.
+        static const QRegularExpression signedRequest("\\$\\{([\\w-]+) signed by ([\\w-]+)( with the nonce)?\\}");
         static const QRegularExpression uuid("[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}");
-        for (const QString& expected : answers)
-            QCOMPARE(QString::fromUtf8(QJsonDocument(host.readAnswer()).toJson(QJsonDocument::Compact)).replace(uuid, "UUID"),
-                     QString(expected).replace(uuid, "UUID"));
-        if (!ends)
+        QString nonce;
+        for (const QString& line : lines) {
+            const QString kind = line.section(' ', 0, 0), text = line.section(' ', 1);
+            if (kind == ">") {
+                QString request = text;
+                if (const QRegularExpressionMatch sign = signedRequest.match(text); sign.hasMatch()) {
+                    const QString name = sign.captured(1), used = sign.hasCaptured(3) ? nonce : sampleNonce;
+                    request.replace(sign.captured(0), lines.contains("token")
+                        ? host.signedRequest(name, used, HostProcess::onTestModule(), sign.captured(2))
+                        : TestRequests::signedXml(TestRequests::xml(name, used), sign.captured(2)));
+                }
+                host.sendRaw(HostProcess::frame(request.toUtf8()));
+            } else if (kind == ">hex" || kind == ">close") {
+                kind == ">hex" ? host.sendRaw(QByteArray::fromHex(text.toLatin1())) : host.closeInput();
+            } else if (kind.startsWith('<')) {
+                const QJsonObject answer = host.readAnswer(60000);
+                QString actual = QString::fromUtf8(QJsonDocument(answer).toJson(QJsonDocument::Compact));
+                if (kind == "<") {
+                    QCOMPARE(actual.replace(uuid, "UUID"), QString(text).replace(uuid, "UUID"));
+                } else { // "*" stands for any text
+                    QStringList parts = QString(text).replace("${nonce}", nonce).replace("${serial}", host.serialNumber())
+                                            .replace("${module}", SoftHsmToken::testModulePath()).split('*');
+                    for (QString& part : parts)
+                        part = QRegularExpression::escape(part);
+                    const QRegularExpression expected("^" + parts.join(".*") + "$", QRegularExpression::DotMatchesEverythingOption);
+                    QVERIFY2(expected.match(actual).hasMatch(), qPrintable(actual));
+                }
+                if (answer.value("method").toString().endsWith(".GetNonce"))
+                    nonce = answer.value("result").toString();
+            }
+        }
+        if (!lines.contains("ends"))
             host.closeInput();
-        QVERIFY(host.endedNormally());
+        if (printed.isEmpty())
+            QVERIFY(host.endedNormally());
+        else
+            QVERIFY(host.waitForExit() && host.exitCode() == 0);
+        const QString output = host.pendingOutput();
+        for (const QString& pattern : printed)
+            QVERIFY2(QRegularExpression(pattern).match(output).hasMatch(), qPrintable(output));
         // Opt-in log: without the file nothing is created.
         if (log.isEmpty())
             QVERIFY(!QFileInfo::exists(QFileInfo(host.logPath()).path()));
@@ -196,19 +216,6 @@ private slots:
         QTRY_VERIFY2_WITH_TIMEOUT(residentKiB() < peak - (16 << 10), qPrintable(QString::number(residentKiB())), 5000);
     }
 
-    // A module whose state outlives each operation in the worker threads, which live on after it:
-    // the next operation and the host's end still find the module's code.
-    void moduleStateOutlivesItsOperations()
-    {
-        SKIP_WITHOUT_DEV_PKI();
-        HostProcess th;
-        QVERIFY(th.configureTestModule("thread_state=1\n"));
-        QVERIFY2(th.startWithToken(), qPrintable(th.lastError()));
-        for (int i = 0; i < 2; ++i)
-            QCOMPARE(HostProcess::error(th.call("getslots-2026", HostProcess::onTestModule())), QString());
-        QVERIFY2(th.terminate(), qPrintable("exit code or signal " + QString::number(th.exitCode())));
-    }
-
     void answersIntoAFileAsIntoAPipe()
     {
         QTemporaryDir dir;
@@ -225,13 +232,6 @@ private slots:
 
     void startsFromAnyDirectoryButNeedsItsCatalogue()
     {
-        for (const auto& [option, output] : {std::pair("--version", "^ScrivaPkcs11 2\\.6\\.1 \\([0-9a-f]{40}\\)\n$"),
-                                             std::pair("--help", "--version")}) {
-            HostProcess printing;
-            QVERIFY(printing.start({option}) && printing.waitForExit());
-            QVERIFY2(QRegularExpression(output).match(printing.pendingOutput()).hasMatch(), option);
-        }
-
         QTemporaryDir elsewhere;
         HostProcess host;
         host.enableLog();
