@@ -103,7 +103,7 @@ private slots:
         }
         if (!lines.contains("ends"))
             host.closeInput();
-        QVERIFY(printed.isEmpty() ? host.endedNormally() : host.waitForExit() && host.exitCode() == 0);
+        QVERIFY(printed.isEmpty() ? host.endedNormally(20000) : host.waitForExit() && host.exitCode() == 0);
         const QString output = host.pendingOutput();
         for (const QString& pattern : printed)
             QVERIFY2(QRegularExpression(pattern).match(output).hasMatch(), qPrintable(output));
