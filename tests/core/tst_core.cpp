@@ -167,58 +167,6 @@ private slots:
         QVERIFY(QDir().rmdir(path));
     }
 
-    // Properties given to one instance in turn, each with the error it is answered with.
-    void properties_data()
-    {
-        QTest::addColumn<QStringList>("properties");
-        QTest::addColumn<QStringList>("errors");
-        const QString invalid = "JSON node MinimalWindowDisplayTime has invalid value";
-        const auto time = [](const char* value) { return QString("{\"MinimalWindowDisplayTime\": %1}").arg(value); };
-        QTest::newRow("display time bounds")
-            << QStringList{time("600001"), time("-1"), time("1.5"), time("\"100\""), time("null"), time("600000")}
-            << QStringList{invalid + ": 600001", invalid + ": -1", invalid + ": 1.5", invalid,
-                           "JSON node MinimalWindowDisplayTime is missing", ""};
-        const QString different = invalid + ": new is different than previous \n>> NEW >>\n%1\n>> PREVIOUS>>\n0\n";
-        // A refused request changes nothing, not even its valid parts.
-        QTest::newRow("set once") << QStringList{time("0"), time("0"), time("300"), "{\"Language\": \"cs\", "
-                                                 "\"MinimalWindowDisplayTime\": 7}", "{\"Colour\": \"blue\"}"}
-                                  << QStringList{"", "", different.arg(300), different.arg(7), ""};
-        QTest::newRow("not an object") << QStringList{"{MinimalWindowDisplayTime", "[1]"}
-            << QStringList{"Unable to parse properties as JSON structure", "Unable to convert properties to JSON object"};
-        QTest::newRow("language") << QStringList{"{\"Language\": 5}", "{\"Language\": \"xx\"}", "{\"Language\": \"../../bin/x\"}"}
-            << QStringList{"JSON node Language has invalid value", "UnsupportedLanguage", "UnsupportedLanguage"};
-        const QString base64 = QString::fromLatin1(certificate().toDer().toBase64());
-        const QString signer = "Cert:" + certificate().toPem() + "\nRevocation type:%1\nRevocation data:%2";
-        const QString certificate = "{\"ResponseSigningCertificate\": %1}";
-        const QString unreadable = "JSON node ResponseSigningCertificate has invalid value: Unable to read << ";
-        QTest::newRow("signing certificate")
-            << QStringList{certificate.arg("{\"Certificate\": 5, \"Crl\": \"AA==\"}"),
-                           certificate.arg("{\"Certificate\": \"" + base64 + "\"}"),
-                           certificate.arg("{\"Certificate\": \"bm90IGEgY2VydA==\", \"Crl\": \"AA==\"}"),
-                           certificate.arg("[1]"), certificate.arg("null"),
-                           certificate.arg("{\"Certificate\": \"" + base64 + "\", \"OcspResponse\": \"AQID\", \"Crl\": \"BAU=\"}"),
-                           certificate.arg("{\"Certificate\": \"" + base64 + "\", \"OcspResponse\": 5, \"Crl\": \"BAU=\"}")}
-            << QStringList{unreadable + "JSON node Certificate is missing or has invalid value",
-                           unreadable + "JSON nodes CRL and OCSP Response are missing or have invalid value",
-                           unreadable + "JSON node Certificate has invalid value",
-                           "JSON node ResponseSigningCertificate has invalid value",
-                           "JSON node ResponseSigningCertificate is missing", "",
-                           "JSON node ResponseSigningCertificate has invalid value: new is different than previous \n>> NEW >>\n"
-                               + signer.arg("CRL", "BAU=") + "\n>> PREVIOUS>>\n" + signer.arg("OCSP", "AQID") + "\n"};
-    }
-
-    void properties()
-    {
-        QFETCH(QStringList, properties);
-        QFETCH(QStringList, errors);
-        ScrivaPkcs11 instance;
-        for (int i = 0; i < properties.size(); ++i) {
-            const QString error = errorOf(instance, properties.at(i));
-            QVERIFY2(error == errors.at(i), qPrintable(properties.at(i) + " => " + error));
-        }
-        QCOMPARE(instance.window()->descriptionText(), "Please wait...");
-    }
-
     void windowFollowsSignerAndLanguageAndComesToFrontOnlyWhenShown()
     {
         ScrivaPkcs11 instance;

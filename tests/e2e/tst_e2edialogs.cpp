@@ -82,47 +82,6 @@ private slots:
         QVERIFY2(th.startWithToken(), qPrintable(th.lastError()));
     }
 
-    void requestWithAnotherNonceIsRefused()
-    {
-        // The host has given out a nonce, and the request carries another.
-        QVERIFY(!HostProcess::result(th.call("GetNonce")).isEmpty());
-        const QString old = TestRequests::signedArgument("getslots-2026", "00000000-0000-0000-0000-000000000000");
-        QCOMPARE(HostProcess::error(th.call("GetSlots", old)), "CommunicationMismatchNonce");
-    }
-
-    void operations_data()
-    {
-        QTest::addColumn<QString>("request");
-        QTest::addColumn<QString>("element");
-        QTest::addColumn<QString>("text"); // pattern of its first occurrence
-        QTest::newRow("CreateObject") << "createobject-2026" << "Label" << "^Scriva token$";
-        QTest::newRow("GetSlots") << "getslots-2026" << "TokenPlatform" << "^$";
-        QTest::newRow("GetCertificates") << "getcertificates-2022" << "Certificates" << "^$";
-        QTest::newRow("GenerateCsr") << "generatecsr-2022" << "CSR" << "^-----BEGIN CERTIFICATE REQUEST-----\n[^-]+"
-                                                                      "-----END CERTIFICATE REQUEST-----\n$";
-    }
-
-    void operations()
-    {
-        QFETCH(QString, request);
-        QFETCH(QString, element);
-        QFETCH(QString, text);
-        const QJsonObject answer = th.call(request, onPinPad);
-        QCOMPARE(answer.value("method").toString(), HostProcess::method(request));
-        QCOMPARE(answer.value("error"), QJsonValue(QJsonValue::Null));
-        const QString document = HostProcess::result(answer);
-        QCOMPARE(HostProcess::texts(document, "Nonce"), QStringList(th.lastNonce()));
-        QCOMPARE(HostProcess::texts(document, "Pkcs11LibraryPath"), QStringList(SoftHsmToken::testModulePath()));
-        QVERIFY(HostProcess::texts(document, "SerialNumber").contains(th.serialNumber()));
-        QVERIFY2(QRegularExpression(text).match(HostProcess::texts(document, element).value(0, "missing")).hasMatch(),
-                 qPrintable(document));
-        // The PIN pad logged in: no PIN form was ever set up.
-        QVERIFY(!th.logContains("Setting up slot and token info"));
-        // With the log on, the request and its signer are logged, each on one line.
-        QVERIFY(th.logContains("CMS content: <?xml version=\"1.0\" encoding=\"UTF-8\"?>\\n<ScrivaOperation"));
-        QVERIFY(th.logContains("Server certificate: -----BEGIN CERTIFICATE-----\\n"));
-    }
-
     void windowStaysForTheMinimalDisplayTime()
     {
         // The window is titled with the request's signer.

@@ -112,16 +112,16 @@ bool HostProcess::startWithTpmToken()
     return startWithToken({}, tpmSerialNumber);
 }
 
-QString HostProcess::argument(const QString& name, const QMap<QString, QString>& replacements)
+QString HostProcess::signedRequest(const QString& name, const QString& nonce, const QMap<QString, QString>& replacements,
+                                   const QString& signer) const
 {
-    nonce = result(call("GetNonce"));
     QMap<QString, QString> all{{"0123456789ABCDEF", serial}, {"{\"reader\":\"any\"}", ""},
                                {sampleModule, SoftHsmToken::softHsmModulePath()}};
     all.insert(replacements);
     return TestRequests::signedXml(QString::fromUtf8(TestRequests::xml(name, nonce, all))
         .replace(QRegularExpression("<ObjectAttributes>.*</ObjectAttributes>", QRegularExpression::DotMatchesEverythingOption),
                  "<ObjectAttributes>" + objectAttributes + "</ObjectAttributes>")
-        .toUtf8());
+        .toUtf8(), signer);
 }
 
 void HostProcess::send(const QString& name, const QString& argument)

@@ -57,13 +57,18 @@ public:
     // bus with tpm2-abrmd on it, the token store); its processes end with the host.
     bool startWithTpmToken();
     QString serialNumber() const { return serial; }
-    QString lastNonce() const { return nonce; }
     QString lastError() const { return failure; }
     // The object CreateObject requests store (ObjectAttributes content); a private data object unless set.
     void setObjectAttributes(const QString& xml) { objectAttributes = xml; }
     // The signed request tests/data/requests/<name>.xml with a fresh nonce; `replacements` are
     // applied after the usual ones and may override them.
-    QString argument(const QString& name, const QMap<QString, QString>& replacements = {});
+    QString argument(const QString& name, const QMap<QString, QString>& replacements = {})
+    {
+        return signedRequest(name, result(call("GetNonce")), replacements);
+    }
+    // The same with a given nonce and signer, and no request sent.
+    QString signedRequest(const QString& name, const QString& nonce, const QMap<QString, QString>& replacements = {},
+                          const QString& signer = TestRequests::defaultSigner) const;
 
     // A method by its short name or a request file's name, with or without an argument.
     void send(const QString& name, const QString& argument = QString());
@@ -96,7 +101,6 @@ private:
     QStringList launcher;
     QByteArray buffer;
     QString serial;
-    QString nonce;
     QString failure;
     // A private data object: the token stores it, and only for a logged-in user.
     QString objectAttributes = "<UnsignedLongAttribute><Attribute>0</Attribute><Value>0</Value></UnsignedLongAttribute>"

@@ -35,59 +35,6 @@ private slots:
         QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false"));
     }
 
-    void judgesTheSigner_data()
-    {
-        QTest::addColumn<QString>("signer");
-        QTest::addColumn<int>("acceptingChain"); // -1: refused
-        QTest::addColumn<QString>("chain2Failure");
-        QTest::addColumn<QString>("timeWarning");
-        const auto row = [](const char* name, const char* signer, int chain, const QString& failure = {}, int year = 0) {
-            const QString period = QStringLiteral("Effective from: 01.01.%1::00:00 (UTC). Expire on: 01.01.%2::00:00 (UTC).");
-            QTest::newRow(name) << signer << chain << failure << (year ? period.arg(year).arg(year + 1) : QString());
-        };
-        row("under the root of chain 1", "server-chain1", 0);
-        row("under the intermediate of chain 2", "server-chain2", 1);
-        row("listing the policy among others", "signer-several-policies", 1);
-        row("unknown root", "signer-unknown-root", -1, "IssuerInvalid");
-        row("no policy extension", "signer-no-policy", -1, "Certificate does not contain 509v3 Certificate Policies extension");
-        row("other policies only, one the OID with a trailing .0", "signer-other-policies", -1, "ResponseCertPolicyMissing");
-        row("expired", "signer-expired", -1, "IssuerInvalid.*certificate has expired", 2020);
-        row("not yet valid", "signer-not-yet-valid", -1, "IssuerInvalid.*certificate is not yet valid", 2099);
-    }
-
-    // Each chain is tried and logged in turn, then the time check, then one verdict.
-    void judgesTheSigner()
-    {
-        QFETCH(QString, signer);
-        QFETCH(int, acceptingChain);
-        QFETCH(QString, chain2Failure);
-        QFETCH(QString, timeWarning);
-        const auto expectWarning = [](const QString& chain, const QString& text) {
-            const QString label = "^C = CZ, O = Scriva Development PKI, CN = Scriva Development " + chain + " : AppException: ";
-            QTest::ignoreMessage(QtWarningMsg, QRegularExpression(label + text, QRegularExpression::DotMatchesEverythingOption));
-        };
-        // Twice, with other signers judged in the rows between: a signer seen before is judged by
-        // its own certificate again.
-        for (int round = 0; round < 2; ++round) {
-            if (acceptingChain < 0) // an anchor passed over for another is no warning
-                expectWarning(QStringLiteral("Technological Root CA"), QStringLiteral("IssuerInvalid"));
-            if (!chain2Failure.isEmpty())
-                expectWarning(QStringLiteral("Certification Service CA"), chain2Failure);
-            if (!timeWarning.isEmpty())
-                QTest::ignoreMessage(QtWarningMsg, "Server certificate is not valid by time criteria. " + timeWarning.toUtf8());
-            if (acceptingChain < 0)
-                QTest::ignoreMessage(QtInfoMsg, QRegularExpression(QStringLiteral("^Server certificate: -----BEGIN CERTIFICATE")));
-            QTest::failOnWarning(QRegularExpression(QStringLiteral(".*")));
-
-            ResponseCryptoProcessor processor;
-            const QString message = thrown([&] { processor.processBase64CmsSignedData(TestRequests::signedXml(request, signer)); });
-            QCOMPARE(message, acceptingChain < 0 ? "CommunicationMismatchUnstrustedServer" : QString());
-            QCOMPARE(processor.getCmsContent(), QString::fromUtf8(request));
-            QCOMPARE(processor.getServerCertificate(), devCertificate(signer));
-            QCOMPARE(processor.getIssuerChain(), acceptingChain < 0 ? QList<X509Certificate2Ultra>() : anchor(acceptingChain));
-        }
-    }
-
     void refusesMalformedEnvelope_data()
     {
         QTest::addColumn<QString>("argument");
