@@ -35,24 +35,6 @@ class TestE2eDialogs : public QObject
         return display.waitForWindow(formTitle);
     }
 
-    int formsSetUp() { return th.logLines().filter("Setting up slot and token info").size(); }
-
-    // A screen reader on the host's accessibility bus, and what it has heard.
-    QProcess reader;
-    QString heard;
-    bool startReader()
-    {
-        heard.clear();
-        reader.setProcessEnvironment(th.environment());
-        reader.start("/usr/bin/python3", {SCRIVA_SOURCE_DIR "/tests/e2e/screenreader.py"});
-        return reader.waitForReadyRead(20000);
-    }
-    // Each window is read before the keys go on.
-    bool heardFocus(int times)
-    {
-        return QTest::qWaitFor([&] { return (heard += reader.readAll()).count("focus: ") >= times; }, 20000);
-    }
-
     // The method and error of the next answer.
     QString nextAnswer()
     {
@@ -144,7 +126,16 @@ private slots:
     // cancels; after a wrong PIN a message says so, then the form comes again for the right one.
     void screenReaderHearsTheFormsAndTheWrongPinMessage()
     {
-        QVERIFY(startReader() && th.configureTestModule("user_pin_flags=final_try\n"));
+        QProcess reader; // on the host's accessibility bus
+        reader.setProcessEnvironment(th.environment());
+        reader.start("/usr/bin/python3", {SCRIVA_SOURCE_DIR "/tests/e2e/screenreader.py"});
+        QVERIFY(reader.waitForReadyRead(20000) && th.configureTestModule("user_pin_flags=final_try\n"));
+        QString heard;
+        // Each window is read before the keys go on.
+        const auto heardFocus = [&](int times) {
+            return QTest::qWaitFor([&] { return (heard += reader.readAll()).count("focus: ") >= times; }, 20000);
+        };
+        const auto formsSetUp = [&] { return th.logLines().filter("Setting up slot and token info").size(); };
         const QString first = startLoginOperation(onPinPad);
         QTRY_VERIFY(th.logContains("The token warns: last PIN try"));
         for (const int times : {1, 2, 3})
@@ -168,37 +159,6 @@ private slots:
         QVERIFY(expected.open(QIODevice::ReadOnly));
         // All but the slot's number, which SoftHSM draws anew for each token.
         QCOMPARE(heard.replace(QRegularExpression("slot ID 0x\\w+"), "slot ID").split('\n'), QString(expected.readAll()).split('\n'));
-    }
-
-    // After each wrong PIN the next form warns as the token now does: a wrong PIN was entered, then
-    // the last try. The right PIN at the last try still logs in.
-    void formAfterAWrongPinWarnsAsTheTokenNow()
-    {
-        QVERIFY(startReader() && th.configureTestModule("pin_tries=3\n"));
-        QStringList windows{startLoginOperation(onPinPad)};
-        for (const int form : {1, 3}) { // a wrong PIN into the form, then the message dismissed
-            QVERIFY(heardFocus(form) && display.type(windows.last(), "9999", "Return"));
-            windows << display.waitForWindow(formTitle, windows);
-            QVERIFY(heardFocus(form + 1) && display.type(windows.last(), {}, "Return"));
-            windows << display.waitForWindow(formTitle, windows);
-        }
-        QVERIFY(heardFocus(5) && display.type(windows.last(), HostProcess::userPin, "Return"));
-        QCOMPARE(nextAnswer(), "CreateObject: ");
-        reader.close();
-        QCOMPARE(heard.split('\n').filter("focus: password text"),
-                 QStringList({"focus: password text | PIN:",
-                              "focus: password text | PIN: | A wrong PIN has been entered since the last successful login.",
-                              "focus: password text | PIN: | This is the last try before the PIN is blocked."}));
-    }
-
-    void whileTheFormWaitsOtherRequestsAreAnsweredOrRefused()
-    {
-        const QString form = startLoginOperation();
-        QCOMPARE(HostProcess::error(th.call("getslots-2022")), "Another asynchronous method is already running");
-        QCOMPARE(HostProcess::result(th.call("GetVersion")), "2.6.1 (qt)");
-        // The waiting operation was not disturbed: it is still the user's to cancel.
-        QVERIFY(display.type(form, {}, "Escape"));
-        QCOMPARE(nextAnswer(), "CreateObject: OperationCanceled");
     }
 
     void fileDialogChoosesTheModuleOrIsRejected()

@@ -70,6 +70,9 @@ private slots:
         const bool formOpen = heldCall.isEmpty();
         const QString window = display.waitForWindow(formOpen || pinTyped ? formTitle : "^Corvant Scriva");
         QVERIFY(!window.isEmpty());
+        // Meanwhile the host answers, and refuses a second operation without disturbing the first.
+        QCOMPARE(HostProcess::error(th.call("getslots-2022")), "Another asynchronous method is already running");
+        QCOMPARE(HostProcess::result(th.call("GetVersion")), "2.6.1 (qt)");
         if (pinTyped)
             QVERIFY(display.type(window, HostProcess::userPin, "Return"));
         if (!formOpen)
