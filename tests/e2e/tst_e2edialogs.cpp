@@ -1,3 +1,4 @@
+#include "externaltool.h"
 #include "testrequests.h"
 #include "hostprocess.h"
 #include "virtualdisplay.h"
@@ -5,7 +6,11 @@
 #include <QElapsedTimer>
 #include <QRegularExpression>
 #include <QSslCertificate>
+#include <QStandardPaths>
 #include <QTest>
+
+#include <cstring>
+#include <sys/prctl.h>
 
 // The built host through its pipes with signed requests, on a SoftHSM token made for this run:
 // a request with another nonce refused, each token operation once through the test module's PIN
@@ -15,7 +20,7 @@ class TestE2eDialogs : public QObject
 {
     Q_OBJECT
 
-    VirtualDisplay display;
+    VirtualDisplay display, wayland{VirtualDisplay::Wayland};
     QProcess accessibilityBus;
     HostProcess th;
     // The PIN form and the message after a wrong PIN both carry the application's name alone.
@@ -35,6 +40,41 @@ class TestE2eDialogs : public QObject
         return display.waitForWindow(formTitle);
     }
 
+    const char* wrongPin = "Hm3rT9vB";
+    QTemporaryDir work;
+#ifdef __SANITIZE_ADDRESS__
+    const bool dumped = false; // a dump would hold tens of gigabytes of the sanitizer's reserved memory
+#else
+    const bool dumped = true;
+#endif
+
+    // What of the PINs the running host keeps in its memory, in UTF-8 or UTF-16, or in its log
+    // (empty when nothing); gdb reads no debug information.
+    QString pinsLeft(HostProcess& host)
+    {
+        QFile core(work.filePath("core"));
+        QString found;
+        if (!ExternalTool::run("gdb", {"--batch", "-nx", "--readnever", "-iex", "set auto-solib-add off", "-p",
+                                       QString::number(host.qprocess().processId()), "-ex", "gcore " + core.fileName()}, &found))
+            return "no dump: " + found;
+        const uchar* mapped = core.open(QIODevice::ReadOnly) ? core.map(0, core.size()) : nullptr;
+        if (!mapped)
+            return "dump unreadable: " + core.errorString();
+        const QByteArray dump = QByteArray::fromRawData(reinterpret_cast<const char*>(mapped), core.size());
+        found.clear();
+        for (const QString& pin : {QString(HostProcess::userPin), QString(wrongPin)}) {
+            int copies = host.logLines().filter(pin).size();
+            for (const QByteArray& bytes : {pin.toUtf8(), QByteArray(reinterpret_cast<const char*>(pin.utf16()), pin.size() * 2)})
+                for (const char* at = dump.constData();
+                     (at = static_cast<const char*>(memmem(at, size_t(dump.constEnd() - at), bytes.constData(), size_t(bytes.size()))));
+                     ++at)
+                    ++copies;
+            found += copies ? QString("%1 copies of %2; ").arg(copies).arg(pin) : QString();
+        }
+        core.remove();
+        return found;
+    }
+
     // The method and error of the next answer.
     QString nextAnswer()
     {
@@ -47,6 +87,7 @@ private slots:
     {
         SKIP_WITHOUT_DEV_PKI();
         QVERIFY2(display.start(), qPrintable(display.lastError()));
+        QVERIFY2(wayland.start(), qPrintable(wayland.lastError()));
         th.environment().insert("DISPLAY", display.name());
         th.environment().insert("QT_QPA_PLATFORM", "xcb");
         // The session's accessibility bus, on which a screen reader hears the host: private to this
@@ -58,6 +99,8 @@ private slots:
         th.environment().insert("DBUS_SESSION_BUS_ADDRESS", accessibilityBus.readLine().trimmed());
         th.environment().insert("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1");
         th.enableLog();
+        // gdb may trace the host even where only a parent may trace its children.
+        th.qprocess().setChildProcessModifier([] { prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY); });
         // Only requests that name the test module see these; the sample requests ask for the
         // vendor attribute that some tokens give their public keys.
         QVERIFY(th.configureTestModule("pin_pad_pin=" + QByteArray(HostProcess::userPin) + "\nkov_data_hex=3003020101\n"));
@@ -123,7 +166,8 @@ private slots:
 
     // A screen reader hears each window as it gets the focus; with the token at its last try the
     // form carries the warning as the PIN field's description. Tab goes to OK then Cancel, Escape
-    // cancels; after a wrong PIN a message says so, then the form comes again for the right one.
+    // cancels what was typed; after a wrong PIN a message says so, then the form comes again for
+    // the right one. Neither PIN is left in the host's memory or log.
     void screenReaderHearsTheFormsAndTheWrongPinMessage()
     {
         QProcess reader; // on the host's accessibility bus
@@ -139,12 +183,12 @@ private slots:
         const QString first = startLoginOperation(onPinPad);
         QTRY_VERIFY(th.logContains("The token warns: last PIN try"));
         for (const int times : {1, 2, 3})
-            QVERIFY(heardFocus(times) && display.type(first, {}, times < 3 ? "Tab" : "Escape"));
+            QVERIFY(heardFocus(times) && display.type(first, times == 1 ? HostProcess::userPin : "", times < 3 ? "Tab" : "Escape"));
         QCOMPARE(nextAnswer(), "CreateObject: OperationCanceled");
 
         const int formsBefore = formsSetUp();
         const QString form = startLoginOperation(onPinPad);
-        QVERIFY(heardFocus(4) && display.type(form, "9999", "Return"));
+        QVERIFY(heardFocus(4) && display.type(form, wrongPin, "Return"));
         const QString message = display.waitForWindow(formTitle, {form});
         QVERIFY(!message.isEmpty() && display.waitUntilGone(form));
         // Only one form is set up until the message is dismissed.
@@ -159,6 +203,8 @@ private slots:
         QVERIFY(expected.open(QIODevice::ReadOnly));
         // All but the slot's number, which SoftHSM draws anew for each token.
         QCOMPARE(heard.replace(QRegularExpression("slot ID 0x\\w+"), "slot ID").split('\n'), QString(expected.readAll()).split('\n'));
+        if (dumped)
+            QCOMPARE(pinsLeft(th), QString());
     }
 
     void fileDialogChoosesTheModuleOrIsRejected()
@@ -178,13 +224,70 @@ private slots:
         QCOMPARE(nextAnswer(), "GetCertificates: UserRejectedFileDialog");
     }
 
-    void terminateWhileTheUserIsAskedDropsTheOperation()
+    // The PIN form on a private Wayland desktop, each row with a host of its own: a wrong PIN, its
+    // message and the form again, after which neither PIN is left in the host; the host started as
+    // the WebExtensions portal and Flatpak's proxy start it for a sandboxed Firefox: not the
+    // browser's child, with little of the user's environment.
+    void pinFormOnWayland_data()
     {
-        // The wrong-PIN message is open: termination must not wait for the user to dismiss it.
-        const QString form = startLoginOperation();
-        QVERIFY(display.type(form, "9999", "Return"));
-        QVERIFY(!display.waitForWindow(formTitle, {form}).isEmpty());
-        QVERIFY(th.terminate());
+        QTest::addColumn<QStringList>("firefoxArguments"); // none: the browser's child, with the test's environment
+        QTest::newRow("a wrong PIN, its message, then the form again") << QStringList();
+        QTest::newRow("started as for a sandboxed Firefox") << QStringList{
+            SCRIVA_BUILD_DIR "/share/scriva/native-messaging-hosts/firefox/com.corvant.scriva.pkcs11.json", "scriva-pkcs11@corvant.com"};
+    }
+
+    void pinFormOnWayland()
+    {
+        QFETCH(QStringList, firefoxArguments);
+        HostProcess host;
+        QProcessEnvironment& env = host.environment();
+        if (!firefoxArguments.isEmpty()) {
+            for (const QString& name : env.keys()) // all but HOME and the sanitizers' settings of the test run
+                if (name != "HOME" && !name.endsWith("SAN_OPTIONS"))
+                    env.remove(name);
+            env.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + wayland.runtimeDir() + "/bus");
+            // In a new session whose leader only waits for the host.
+            host.setLauncher(QStandardPaths::findExecutable("setsid"), {"--fork", "--wait"});
+        } else {
+            env.insert("QT_QPA_PLATFORM", "wayland");
+            host.qprocess().setChildProcessModifier([] { prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY); });
+        }
+        wayland.addTo(env);
+        QVERIFY(host.configureTestModule("kov_data_hex=3003020101\n"));
+        host.enableLog();
+        QVERIFY2(host.startWithToken(firefoxArguments), qPrintable(host.lastError()));
+        // Each window (form; message, form) is a new one of the host's and takes the keyboard focus.
+        host.send("generatecsr-2026", host.argument("generatecsr-2026", HostProcess::onTestModule()));
+        QString form = wayland.waitForWindow(formTitle);
+        if (firefoxArguments.isEmpty()) {
+            QVERIFY(wayland.type(form, wrongPin, "Return"));
+            const QString message = wayland.waitForWindow(formTitle, {form});
+            QVERIFY(wayland.type(message, {}, "Return"));
+            form = wayland.waitForWindow(formTitle, {form, message});
+            QVERIFY(host.logContains("CKR_PIN_INCORRECT"));
+        }
+        QVERIFY(!form.isEmpty() && wayland.type(form, HostProcess::userPin, "Return"));
+        QCOMPARE(HostProcess::error(host.readAnswer(60000)), QString());
+        // Run from setsid the host is a grandchild, which this test cannot dump.
+        if (dumped && firefoxArguments.isEmpty())
+            QCOMPARE(pinsLeft(host), QString());
+        QVERIFY(host.terminate());
+    }
+
+    // Terminate closes the form with a PIN typed into it at once, and nothing of the PIN is left;
+    // the host stays, its module held in its last call, to be looked at.
+    void terminateWhileAPinIsTypedLeavesNothing()
+    {
+        QTemporaryDir gates;
+        QVERIFY(th.configureTestModule("hold_dir=" + gates.path().toUtf8() + "\nhold_calls=C_Finalize\n"));
+        const QString form = startLoginOperation(onPinPad);
+        QVERIFY(display.type(form, HostProcess::userPin));
+        QCOMPARE(HostProcess::error(th.call("Terminate")), QString());
+        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(gates.filePath("C_Finalize.entered")) && display.windows(formTitle).isEmpty(), 20000);
+        if (dumped)
+            QCOMPARE(pinsLeft(th), QString());
+        QVERIFY(QFile(gates.filePath("C_Finalize.release")).open(QIODevice::WriteOnly));
+        QVERIFY(th.endedNormally(20000));
     }
 
     void cleanupTestCase()
