@@ -9,7 +9,6 @@
 #include <QStandardPaths>
 #include <QTest>
 
-#include <cstring>
 #include <sys/prctl.h>
 
 // The built host through its pipes with signed requests, on a SoftHSM token made for this run:
@@ -58,17 +57,11 @@ class TestE2eDialogs : public QObject
                                        QString::number(host.qprocess().processId()), "-ex", "gcore " + core.fileName()}, &found))
             return "no dump: " + found;
         const uchar* mapped = core.open(QIODevice::ReadOnly) ? core.map(0, core.size()) : nullptr;
-        if (!mapped)
-            return "dump unreadable: " + core.errorString();
-        const QByteArray dump = QByteArray::fromRawData(reinterpret_cast<const char*>(mapped), core.size());
-        found.clear();
+        const QByteArray dump = QByteArray::fromRawData(reinterpret_cast<const char*>(mapped), mapped ? core.size() : 0);
+        found = mapped ? QString() : "dump unreadable: " + core.errorString();
         for (const QString& pin : {QString(HostProcess::userPin), QString(wrongPin)}) {
-            int copies = host.logLines().filter(pin).size();
-            for (const QByteArray& bytes : {pin.toUtf8(), QByteArray(reinterpret_cast<const char*>(pin.utf16()), pin.size() * 2)})
-                for (const char* at = dump.constData();
-                     (at = static_cast<const char*>(memmem(at, size_t(dump.constEnd() - at), bytes.constData(), size_t(bytes.size()))));
-                     ++at)
-                    ++copies;
+            const qsizetype copies = host.logLines().filter(pin).size() + dump.count(pin.toUtf8())
+                                     + dump.count(QByteArray(reinterpret_cast<const char*>(pin.utf16()), pin.size() * 2));
             found += copies ? QString("%1 copies of %2; ").arg(copies).arg(pin) : QString();
         }
         core.remove();
@@ -88,8 +81,7 @@ private slots:
         SKIP_WITHOUT_DEV_PKI();
         QVERIFY2(display.start(), qPrintable(display.lastError()));
         QVERIFY2(wayland.start(), qPrintable(wayland.lastError()));
-        th.environment().insert("DISPLAY", display.name());
-        th.environment().insert("QT_QPA_PLATFORM", "xcb");
+        display.addTo(th.environment());
         // The session's accessibility bus, on which a screen reader hears the host: private to this
         // run, in the host's runtime directory, ended when its input closes.
         accessibilityBus.setProcessEnvironment(th.environment());

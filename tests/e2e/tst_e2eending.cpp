@@ -61,8 +61,7 @@ private slots:
         QTemporaryDir gates;
         QVERIFY(th.configureTestModule("kov_data_hex=3003020101\nhold_dir=" + gates.path().toUtf8()
                                        + "\nhold_calls=" + heldCall.toUtf8() + "\n"));
-        th.environment().insert("DISPLAY", display.name());
-        th.environment().insert("QT_QPA_PLATFORM", "xcb");
+        display.addTo(th.environment());
         th.enableLog();
         QVERIFY2(th.startWithToken(), qPrintable(th.lastError()));
         th.send(request, th.argument(request, HostProcess::onTestModule()));
