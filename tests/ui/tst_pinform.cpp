@@ -216,9 +216,12 @@ private slots:
             }
             return askPin(launcher);
         });
-        // Closed from inside the dialog's own modal loop, as a Terminate arriving then would.
-        answerWhenOpen(this, [&](PinForm*) { launcher.closeDialogs(); });
+        // Closed from inside the dialog's own modal loop, as a Terminate arriving then would; until
+        // then the worker waits, the message too.
+        bool finishedEarly = true;
+        answerWhenOpen(this, [&](PinForm*) { finishedEarly = asked.isFinished(), launcher.closeDialogs(); });
         QTRY_VERIFY(asked.isFinished());
+        QVERIFY(!finishedEarly);
         QCOMPARE(asked.result(), QString(message ? "acknowledged" : ""));
         QTRY_VERIFY(!PinForm::openForm() && !QApplication::activeModalWidget());
 
