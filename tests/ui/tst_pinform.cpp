@@ -145,9 +145,9 @@ private slots:
     void initTestCase() { QApplication::setCursorFlashTime(0); }
 
     // A worker waits for the answer to the form over the host window; the typed characters are
-    // overwritten in the field's own buffer.
-    // The context PIN's form shows the save box as the caller left it and returns the user's choice;
-    // a second request meanwhile is refused in its own worker; the instance hears which form was asked.
+    // overwritten in the field's own buffer. The context PIN's form shows the save box as the caller
+    // left it and returns the user's choice; a second request meanwhile is refused in its own worker;
+    // the instance hears which form was asked.
     void workerWaitsForTheAnswer_data()
     {
         QTest::addColumn<QString>("typed");
