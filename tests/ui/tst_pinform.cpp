@@ -145,9 +145,9 @@ private slots:
     void initTestCase() { QApplication::setCursorFlashTime(0); }
 
     // A worker waits for the answer to the form over the host window; the typed characters are
-    // overwritten in the field's own buffer.
-    // The context PIN's form shows the save box as the caller left it and returns the user's choice;
-    // a second request meanwhile is refused in its own worker; the instance hears which form was asked.
+    // overwritten in the field's own buffer. The context PIN's form shows the save box as the caller
+    // left it and returns the user's choice; a second request meanwhile is refused in its own worker;
+    // the instance hears which form was asked.
     void workerWaitsForTheAnswer_data()
     {
         QTest::addColumn<QString>("typed");
@@ -216,9 +216,12 @@ private slots:
             }
             return askPin(launcher);
         });
-        // Closed from inside the dialog's own modal loop, as a Terminate arriving then would.
-        answerWhenOpen(this, [&](PinForm*) { launcher.closeDialogs(); });
+        // Closed from inside the dialog's own modal loop, as a Terminate arriving then would; until
+        // then the worker waits, the message too.
+        bool finishedEarly = true;
+        answerWhenOpen(this, [&](PinForm*) { finishedEarly = asked.isFinished(), launcher.closeDialogs(); });
         QTRY_VERIFY(asked.isFinished());
+        QVERIFY(!finishedEarly);
         QCOMPARE(asked.result(), QString(message ? "acknowledged" : ""));
         QTRY_VERIFY(!PinForm::openForm() && !QApplication::activeModalWidget());
 
