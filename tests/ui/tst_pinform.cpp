@@ -75,7 +75,7 @@ void compareLook(QWidget* widget, const QString& name)
     }
 }
 
-// What a screen reader hears of the window: each button, text field and dialog named in words, no
+// What a screen reader hears of the window: each button, text field, dialog and animation named in words, no
 // container announced as a frame (a window of its own) or a filler.
 void checkReadable(QWidget* window)
 {
@@ -83,7 +83,7 @@ void checkReadable(QWidget* window)
     for (QWidget* widget : widgets << window) {
         const QAccessibleInterface* node = QAccessible::queryAccessibleInterface(widget);
         const bool named = node->text(QAccessible::Name).contains(QRegularExpression("\\p{L}"));
-        const bool needsName = QList{QAccessible::PushButton, QAccessible::EditableText, QAccessible::Dialog}.contains(node->role());
+        const bool needsName = QList{QAccessible::PushButton, QAccessible::EditableText, QAccessible::Dialog, QAccessible::Animation}.contains(node->role());
         QVERIFY2(widget->window() != window || (!QList{QAccessible::Border, QAccessible::Client}.contains(node->role()) && (named || !needsName)),
                  qPrintable(widget->objectName()));
     }
