@@ -50,23 +50,21 @@ private slots:
     void conversation()
     {
         QFETCH(QStringList, lines);
-        QStringList arguments, module, log, printed;
+        QMap<QString, QStringList> given; // the texts of each kind of line
         for (const QString& line : lines) {
-            const QString kind = line.section(' ', 0, 0), text = line.section(' ', 1);
-            if (kind == "args")
-                arguments = QJsonDocument::fromJson(text.toUtf8()).toVariant().toStringList();
-            else if (kind == "module" || kind == "log" || kind == "out")
-                (kind == "module" ? module : kind == "log" ? log : printed) << text;
-            else
-                QVERIFY2(QStringList({">", ">hex", ">close", "<", "<~", "ends", "token", "elsewhere", "#"}).contains(kind), qPrintable(line));
+            given[line.section(' ', 0, 0)] << line.section(' ', 1);
+            QVERIFY2(QStringList({"args", "module", "log", "out", ">", ">hex", ">close", "<", "<~", "ends", "token", "elsewhere", "#"})
+                         .contains(line.section(' ', 0, 0)), qPrintable(line));
         }
+        const QStringList module = given.value("module"), log = given.value("log"), printed = given.value("out");
         HostProcess host;
-        host.qprocess().setWorkingDirectory(lines.contains("elsewhere") ? QDir::tempPath() : QFileInfo(HostProcess::executable()).path());
+        host.qprocess().setWorkingDirectory(given.contains("elsewhere") ? QDir::tempPath() : QFileInfo(HostProcess::executable()).path());
         if (!module.isEmpty())
             QVERIFY(host.configureTestModule((module.join('\n') + '\n').toUtf8()));
         if (!log.isEmpty())
             host.enableLog();
-        QVERIFY2(lines.contains("token") ? host.startWithToken(arguments) : host.start(arguments), qPrintable(host.lastError()));
+        const QStringList arguments = QJsonDocument::fromJson(given.value("args").value(0).toUtf8()).toVariant().toStringList();
+        QVERIFY2(given.contains("token") ? host.startWithToken(arguments) : host.start(arguments), qPrintable(host.lastError()));
         // "${<tests/data/requests name> signed by <signer>}", with the sample nonce or the host's latest.
         static const QRegularExpression signedRequest("\\$\\{([\\w-]+) signed by ([\\w-]+)( with the nonce)?\\}");
         static const QRegularExpression uuid("[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}");
@@ -77,7 +75,7 @@ private slots:
                 QString request = text;
                 if (const QRegularExpressionMatch sign = signedRequest.match(text); sign.hasMatch()) {
                     const QString name = sign.captured(1), used = sign.hasCaptured(3) ? nonce : "0f8fad5b-d9cb-469f-a165-70867728950e";
-                    request.replace(sign.captured(0), lines.contains("token")
+                    request.replace(sign.captured(0), given.contains("token")
                         ? host.signedRequest(name, used, HostProcess::onTestModule(), sign.captured(2))
                         : TestRequests::signedXml(TestRequests::xml(name, used), sign.captured(2)));
                 }
@@ -101,7 +99,7 @@ private slots:
                     nonce = answer.value("result").toString();
             }
         }
-        if (!lines.contains("ends"))
+        if (!given.contains("ends"))
             host.closeInput();
         QVERIFY(printed.isEmpty() ? host.endedNormally(20000) : host.waitForExit() && host.exitCode() == 0);
         const QString output = host.pendingOutput();
