@@ -1,6 +1,5 @@
 #include "appexception.h"
 #include "pkcs11/XmlParser/pkcs11operationdataparser.h"
-#include "pkcs11/XmlParser/scrivanamespaces.h"
 #include "pkcs11/XmlParser/scrivapkcs11inputxmlparser.h"
 #include "pkcs11/XmlParser/OperationData/OperationSpecific/createobjectoperationdata.h"
 #include "pkcs11/XmlParser/OperationData/OperationSpecific/generatecsroperationdata.h"
@@ -17,18 +16,9 @@
 
 namespace {
 
-const QString requestNonce = QStringLiteral("0f8fad5b-d9cb-469f-a165-70867728950e");
 const QString invalid = QStringLiteral("Unsuccessful XML validation!");
 
 QStringList warnings; // logged since the test row began, instead of printed
-
-// "accepted", or the warnings of the refusal; starts a fresh log for the next call.
-QString warned(bool accepted)
-{
-    const QString outcome = accepted ? QStringLiteral("accepted") : warnings.join(QLatin1String(" | "));
-    warnings.clear();
-    return outcome;
-}
 
 // `text` with the matches of the pattern `from` replaced by `to`: null when `from` is given and
 // matches nothing.
@@ -38,7 +28,7 @@ QString edited(QString text, const QString& from = {}, const QString& to = {})
     return from.isEmpty() ? text : text.contains(pattern) ? text.replace(pattern, to) : QString();
 }
 
-QString sample(const QString& name) { return QString::fromUtf8(TestRequests::xml(name, requestNonce)); }
+QString sample(const QString& name) { return QString::fromUtf8(TestRequests::xml(name, "0f8fad5b-d9cb-469f-a165-70867728950e")); }
 
 // The rows of tests/data/<file>: "== <name>" starts one, each of its lines is "<key> <text>".
 QList<std::pair<QString, QMap<QString, QStringList>>> rows(const QString& file)
@@ -136,7 +126,7 @@ QString readElement(QXmlStreamReader* reader)
     const QString value = attribute.pValue ? ' ' + attributes({attribute}) : QString();
     std::free(attribute.pValue);
     const bool atItsEnd = reader->isEndElement() && reader->name() == root;
-    return accepted && !atItsEnd ? QStringLiteral("read past its end") : warned(accepted) + value;
+    return accepted && !atItsEnd ? QStringLiteral("read past its end") : (accepted ? "accepted" : warnings.join(" | ")) + value;
 }
 
 } // namespace
