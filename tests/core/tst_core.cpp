@@ -4,7 +4,6 @@
 #include "pkcs11/ui/mainwindowpkcs11.h"
 #include "pkcs11exception.h"
 #include "secretpin.h"
-#include "testrequests.h"
 #include "x509certificate2ultra.h"
 
 #include <QApplication>
@@ -18,12 +17,6 @@
 #include <QTranslator>
 
 namespace {
-
-// A self-signed certificate for signing.example.org.
-X509Certificate2Ultra certificate()
-{
-    return X509Certificate2Ultra(QSslCertificate::fromPath(SCRIVA_TEST_DATA_DIR "/signing-certificate.pem").value(0));
-}
 
 // The first group of every match in the file; by default its lines that are not empty.
 QStringList read(const QString& path, const QString& pattern = QStringLiteral("([^\n]+)"))
@@ -166,7 +159,8 @@ private slots:
     {
         ScrivaPkcs11 instance;
         MainWindowPkcs11* window = instance.window();
-        window->updateWindowTitle(certificate());
+        // A self-signed certificate for signing.example.org.
+        window->updateWindowTitle(X509Certificate2Ultra(QSslCertificate::fromPath(SCRIVA_TEST_DATA_DIR "/signing-certificate.pem").value(0)));
         QCOMPARE(window->titleText(), "AppName \u2013 signing.example.org");
         window->updateWindowTitle(X509Certificate2Ultra());
         QCOMPARE(window->titleText(), "AppName");

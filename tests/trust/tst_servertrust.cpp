@@ -15,11 +15,6 @@ namespace {
 const QByteArray request = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Request><Slot>Čtečka 1</Slot></Request>\n";
 const auto thrown = TestRequests::refusal;
 
-X509Certificate2Ultra devCertificate(const QString& name)
-{
-    return X509Certificate2Ultra(QSslCertificate::fromPath(TestRequests::pkiFile(name + ".pem")).value(0));
-}
-
 QList<X509Certificate2Ultra> anchor(int chain) { return TrustAnchors::builtIn().chains().at(chain).second; }
 
 Owned<EVP_PKEY, EVP_PKEY_free> key(const char* name)
@@ -93,7 +88,7 @@ private slots:
         QCOMPARE(thrown([&] { anchor(0).first().verifyIssuer({}); }), QStringLiteral("InvalidCertificate"));
         // The intermediate of chain 2 is offered, never trusted on its own: not even right after
         // the whole chain has passed.
-        const X509Certificate2Ultra server = devCertificate(QStringLiteral("server-chain2"));
+        const X509Certificate2Ultra server(QSslCertificate::fromPath(TestRequests::pkiFile("server-chain2.pem")).value(0));
         server.verifyIssuer(anchor(1));
         QCOMPARE(thrown([&] { server.verifyIssuer(anchor(1).mid(0, 1)); }), QStringLiteral("IssuerInvalid"));
     }
