@@ -10,9 +10,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-// The built host through its pipes: start-up, framing, the method table and the log. Each row is
-// one conversation with its own host; every host must end normally, on its own or at the end of
-// its input, with nothing left unread.
+// The built host through its pipes: start-up, framing, the method table and the log. Every host must
+// end normally, on its own or at the end of its input, with nothing left unread.
 class TestHost : public QObject
 {
     Q_OBJECT
@@ -21,8 +20,7 @@ private slots:
     void conversation_data()
     {
         QTest::addColumn<QStringList>("lines"); // as tests/data/host-conversations.txt describes them
-        // The written conversations (tests/data/host-conversations.txt and the examples of
-        // docs/host-messages.md), then those too long to write out.
+        // Those of tests/data/host-conversations.txt and docs/host-messages.md, then one too long to write.
         const auto read = [](const char* path) { QFile file(path); return file.open(QIODevice::ReadOnly) ? QString(file.readAll()) : QString(); };
         QString written = read(SCRIVA_TEST_DATA_DIR "/host-conversations.txt");
         static const QRegularExpression shown("^```\\n(== .*?)^```", QRegularExpression::MultilineOption
@@ -118,10 +116,11 @@ private slots:
     }
 
     // The browser closed its end of a pipe (stdout: the first answer meets a broken pipe), gave none,
-    // gave one that cannot be read, or has the answers written into a file.
-    void hostEndsNormallyWhateverItsPipes_data()
+    // gave one that cannot be read, or has the answers written into a file: the host ends normally.
+    // A copy of the host without its catalogue beside it ends at once, with exit code 1.
+    void hostEndsOnItsOwnWhateverItsSurroundings_data()
     {
-        QTest::addColumn<int>("fd");
+        QTest::addColumn<int>("fd"); // the descriptor given otherwise, or -1 for the copy
         QTest::addColumn<QByteArray>("openedInstead");
         QTest::addColumn<QString>("log");
         QTest::newRow("stdout closed") << STDOUT_FILENO << QByteArray() << "Exiting write thread because of exception: AppException: Unable to write the answer";
@@ -129,9 +128,10 @@ private slots:
         QTest::newRow("stdin closed") << STDIN_FILENO << QByteArray() << "Exiting read thread because of exception: AppException: End of file reached";
         QTest::newRow("stdin a folder") << STDIN_FILENO << QByteArray("/") << "Exiting read thread because of exception: AppException: "
                                                                           "Error was cought, errno from function read is 21";
+        QTest::newRow("no catalogue") << -1 << QByteArray() << "Unable to load translation file";
     }
 
-    void hostEndsNormallyWhateverItsPipes()
+    void hostEndsOnItsOwnWhateverItsSurroundings()
     {
         QFETCH(int, fd);
         QFETCH(QByteArray, openedInstead);
@@ -147,12 +147,15 @@ private slots:
             else if (::close(fd) == 0 && !openedInstead.isEmpty())
                 ::open(openedInstead.constData(), fd == STDIN_FILENO ? O_RDONLY : O_WRONLY | O_CREAT, 0600);
         });
-        QVERIFY(host.start());
+        const QString copy = dir.filePath("bin/ScrivaPkcs11"); // with no share/translations beside it
+        if (fd < 0 && QDir(dir.path()).mkpath("bin") && QFile::copy(HostProcess::executable(), copy))
+            host.qprocess().setProcessEnvironment(host.environment()), host.qprocess().start(copy, {});
+        QVERIFY(fd < 0 || host.start());
         if (fd == STDOUT_FILENO)
             host.send("CreateInstance");
         if (!openedInstead.isEmpty())
             host.closeInput();
-        QVERIFY(host.endedNormally());
+        QVERIFY(fd < 0 ? host.waitForExit() && host.exitCode() == 1 : host.endedNormally());
         QVERIFY(host.logContains(log));
         QFile answers(dir.filePath("answers"));
         QCOMPARE(answers.open(QIODevice::ReadOnly) ? answers.readAll() : QByteArray(), fd == STDOUT_FILENO && !openedInstead.isEmpty()
@@ -177,19 +180,6 @@ private slots:
         QVERIFY(!host.readAnswer().isEmpty() && !host.readAnswer().isEmpty());
         const int peak = residentKiB();
         QTRY_VERIFY2_WITH_TIMEOUT(residentKiB() < peak - (16 << 10), qPrintable(QString::number(residentKiB())), 5000);
-    }
-
-    void refusesToStartWithoutItsCatalogue()
-    {
-        QTemporaryDir elsewhere; // a copy of the executable with no share/translations beside it
-        const QString copy = elsewhere.filePath("bin/ScrivaPkcs11");
-        QVERIFY(QDir(elsewhere.path()).mkpath("bin") && QFile::copy(HostProcess::executable(), copy));
-        HostProcess lost;
-        lost.enableLog();
-        lost.qprocess().setProcessEnvironment(lost.environment());
-        lost.qprocess().start(copy, {});
-        QVERIFY(lost.waitForExit() && lost.exitCode() == 1);
-        QVERIFY(lost.logContains("Unable to load translation file"));
     }
 };
 
