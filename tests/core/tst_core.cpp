@@ -52,8 +52,7 @@ void operator delete[](void* block) noexcept
 
 void operator delete[](void* block, std::size_t) noexcept { operator delete[](block); }
 
-// In-process: the exception text, the opt-in log, the PIN's bytes, the operation instance with its
-// window and the protocol object, and the built catalogues.
+// In-process: exception texts, the opt-in log, PINs, the instance with its window, the protocol, catalogues.
 class TestCore : public QObject
 {
     Q_OBJECT
@@ -100,8 +99,7 @@ private slots:
         pin = std::move(moved);
         QVERIFY(moved.isEmpty() && !moved.utf8() && pin.size() == 4);
         QVERIFY(SecretPin::fromText(u"").isEmpty());
-        // Its bytes are overwritten before they are released: when it dies, and when another PIN
-        // is moved into it.
+        // Its bytes are zeroed before release: when it dies, and when another PIN is moved into it.
         const QByteArray zeros(sizeof atRelease, '\0');
         watchedBuffer = pin.utf8();
         pin = SecretPin::fromText(u"1111");
@@ -203,8 +201,7 @@ private slots:
             QCOMPARE(request(name), "The ScrivaPkcs11 is terminating!");
     }
 
-    // The built catalogues translate what the host shows a person and leave every error word
-    // alone, so web applications can rely on the words in every language.
+    // The built catalogues translate what a person sees and no error word, which web applications rely on.
     void catalogues_data()
     {
         QTest::addColumn<QString>("language");

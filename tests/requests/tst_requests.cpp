@@ -20,8 +20,7 @@ const QString invalid = QStringLiteral("Unsuccessful XML validation!");
 
 QStringList warnings; // logged since the test row began, instead of printed
 
-// `text` with the matches of the pattern `from` replaced by `to`: null when `from` is given and
-// matches nothing.
+// `text` with the matches of the pattern `from` replaced by `to`: null when `from` matches nothing.
 QString edited(QString text, const QString& from = {}, const QString& to = {})
 {
     const QRegularExpression pattern(from, QRegularExpression::DotMatchesEverythingOption);
@@ -67,9 +66,8 @@ QString describe(const GenerateCsrOperationData& d)
         .join(QLatin1Char(' '));
 }
 
-// What the operation's parser makes of `xml`: the description of a copy of the record made before
-// the record is freed (a copy sharing its buffers reads freed memory, which the sanitizer build sees),
-// or the refusal.
+// What the operation's parser makes of `xml`: the refusal, or the description of a copy of the record
+// made before it is freed (a copy sharing its buffers reads freed memory, which the sanitizer build sees).
 template<typename T>
 QString outcome(const QString& xml)
 {
@@ -131,8 +129,7 @@ QString readElement(QXmlStreamReader* reader)
 
 } // namespace
 
-// Request documents: what the schemas and the reader accept and make of them, what they refuse
-// and why (read through copies of the records), and attribute values.
+// Request documents: what the schemas and the reader accept and make of them, and what they refuse and why.
 class tst_Requests : public QObject
 {
     Q_OBJECT

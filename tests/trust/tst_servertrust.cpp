@@ -86,8 +86,7 @@ private slots:
         QCOMPARE(thrown([&] { none.verifyIssuer(anchor(0)); }), QStringLiteral("InvalidCertificate"));
         // A root trusts itself only through a chain: no chain is no trust.
         QCOMPARE(thrown([&] { anchor(0).first().verifyIssuer({}); }), QStringLiteral("InvalidCertificate"));
-        // The intermediate of chain 2 is offered, never trusted on its own: not even right after
-        // the whole chain has passed.
+        // Chain 2's intermediate is never trusted on its own, even right after the whole chain passed.
         const X509Certificate2Ultra server(QSslCertificate::fromPath(TestRequests::pkiFile("server-chain2.pem")).value(0));
         server.verifyIssuer(anchor(1));
         QCOMPARE(thrown([&] { server.verifyIssuer(anchor(1).mid(0, 1)); }), QStringLiteral("IssuerInvalid"));
