@@ -159,22 +159,19 @@ private slots:
                                             << row.value("gives").value(0) << row.value("log");
         }
         // Too long to write out: attribute counts and references, in time linear in the document's size.
-        const auto attributeList = [](int count) {
-            QString text;
-            for (int i = 0; i < count; ++i)
-                text += QStringLiteral(" a%1=\"\"").arg(i);
-            return text;
-        };
+        QString attributes; // a0="" a1="" ...
+        for (int i = 0; i < 50000; ++i)
+            attributes += QStringLiteral(" a%1=\"\"").arg(i);
         const QString library = "0f8f 2/29 libsofthsm2.so:2 opensc-pkcs11.so:0 User PIN Signature PIN 1 0";
         const QStringList tooMany("Request carries more than 64 XML attributes!");
         const auto row = [](const char* name, const QString& from, const QString& to, const QString& expected,
                             const QStringList& logged = {}) {
             QTest::newRow(name) << "getslots" << edited(sample("getslots-2022"), from, to) << expected << logged;
         };
-        row("64 attributes in all", "<GetSlots", "<GetSlots" + attributeList(63), library);
-        row("65 attributes in all", "<GetSlots", "<GetSlots" + attributeList(64), invalid, tooMany);
-        row("50,000 attributes", "<GetSlots", "<GetSlots" + attributeList(50000), invalid, tooMany);
-        row("attributes behind a quoted >", "<GetSlots", "<GetSlots a=\">\"" + attributeList(64), invalid, tooMany);
+        row("64 attributes in all", "<GetSlots", "<GetSlots" + attributes.section(' ', 0, 63), library);
+        row("65 attributes in all", "<GetSlots", "<GetSlots" + attributes.section(' ', 0, 64), invalid, tooMany);
+        row("50,000 attributes", "<GetSlots", "<GetSlots" + attributes, invalid, tooMany);
+        row("attributes behind a quoted >", "<GetSlots", "<GetSlots a=\">\"" + attributes.section(' ', 0, 64), invalid, tooMany);
         row("50,000 references in an attribute", "<GetSlots", "<GetSlots a=\"" + QStringLiteral("&amp;&#65;").repeated(25000) + "\"", library);
         row("50,000 references in text", "User PIN", QStringLiteral("&lt;&#x263A;").repeated(25000),
             QString(library).replace("User PIN", QStringLiteral("<☺").repeated(25000)));
