@@ -35,9 +35,8 @@ private slots:
                 QTest::newRow(qPrintable(name)) << lines;
         }
         // GetVersion echoes the id, so the id sets the answer's size: 1 MiB less one byte is written.
-        const QString request = R"(> {"id":"%1","method":"ScrivaPkcs11.1.0.0.qt.QES.GetVersion"})";
         const QString answer = R"x(< {"error":null,"id":"%1","method":"ScrivaPkcs11.1.0.0.qt.QES.GetVersion","result":"2.6.1 (qt)"})x";
-        const QString id(1048575 - int(answer.size()) + 4, 'a');
+        const QString id(1048575 - int(answer.size()) + 4, 'a'), request = R"(> {"id":"%1","method":"ScrivaPkcs11.1.0.0.qt.QES.GetVersion"})";
         QTest::newRow("answers up to one byte under 1 MiB")
             << QStringList{R"(> {"method":"ScrivaPkcs11.1.0.0.qt.QES.CreateInstance"})", request.arg(id), request.arg(id + 'a'),
                            R"(< {"error":null,"method":"ScrivaPkcs11.1.0.0.qt.QES.CreateInstance","result":null})", answer.arg(id),
