@@ -21,16 +21,13 @@ HostProcess::HostProcess() : env(QProcessEnvironment::systemEnvironment())
         env.insert("QT_QPA_PLATFORM", "offscreen");
 }
 
+QString HostProcess::executable() { return SCRIVA_BIN_DIR "/ScrivaPkcs11"; }
+
 HostProcess::~HostProcess()
 {
     process.kill(), process.waitForFinished(5000);
     if (!tpmDir.isEmpty())
         ExternalTool::run("bash", {tpmScript, "stop", tpmDir});
-}
-
-QString HostProcess::executable()
-{
-    return SCRIVA_BIN_DIR "/ScrivaPkcs11";
 }
 
 QString HostProcess::operation(const QString& name)

@@ -6,18 +6,15 @@
 #include <QJsonObject>
 #include <QProcess>
 
-// Runs the built host as the browser does: framed JSON on its stdin, framed answers read from its
-// stdout. Each instance has its own temporary HOME, so the opt-in log can be switched on, and a
-// private SoftHSM token store. Requests come from tests/data/requests, aimed at the store's token
-// (SoftHSM as the module, no vendor extension; CreateObject stores a private data object), signed
-// by the development PKI, each with a fresh nonce.
+// The built host run as the browser runs it (framed JSON on stdin and stdout), with its own temporary
+// HOME (so the opt-in log can be switched on) and SoftHSM token store. Requests are those of
+// tests/data/requests aimed at the store's token, signed by the development PKI, with a fresh nonce.
 class HostProcess
 {
 public:
     static constexpr const char* userPin = "Pq7xW2zK"; // distinct enough to be looked for in memory
-    // The module path the sample requests name; a replacement of this key chooses another module.
+    // The module path the sample requests name; replacing it sends a request elsewhere.
     static constexpr const char* sampleModule = "/usr/lib/x86_64-linux-gnu/softhsm/libsofthsm2.so";
-    // The replacement that sends a request to the forwarding test module.
     static QMap<QString, QString> onTestModule() { return {{sampleModule, SoftHsmToken::testModulePath()}}; }
 
     // tpm2-pkcs11 reports this serial number for every token; only the label tells them apart.
@@ -49,19 +46,18 @@ public:
     void setLauncher(const QString& program, const QStringList& arguments = {}) { launcher = QStringList{program} + arguments; }
 
     bool start(const QStringList& arguments = {});
-    // Makes the token (unless one made elsewhere with the sample requests' label has this serial
-    // number), starts the host and creates the instance; false with lastError().
+    // Makes the token (unless given the serial number of one made elsewhere), starts the host and
+    // creates the instance; false with lastError().
     bool startWithToken(const QStringList& arguments = {}, const QString& serialNumber = {});
-    // The same on a tpm2-pkcs11 token on a software TPM behind the test module, made by
-    // scripts/tpm-token.sh in the host's HOME (swtpm on its own ports of 127.0.0.1, a private D-Bus
-    // bus with tpm2-abrmd on it, the token store); its processes end with the host.
+    // The same on a tpm2-pkcs11 token behind the test module, made by scripts/tpm-token.sh in the
+    // host's HOME (software TPM, private D-Bus bus, token store); its processes end with the host.
     bool startWithTpmToken();
     QString serialNumber() const { return serial; }
     QString lastError() const { return failure; }
     // The object CreateObject requests store (ObjectAttributes content); a private data object unless set.
     void setObjectAttributes(const QString& xml) { objectAttributes = xml; }
-    // The signed request tests/data/requests/<name>.xml with a fresh nonce; `replacements` are
-    // applied after the usual ones and may override them.
+    // The signed request tests/data/requests/<name>.xml with a fresh nonce; `replacements` may
+    // override the usual ones.
     QString argument(const QString& name, const QMap<QString, QString>& replacements = {})
     {
         return signedRequest(name, result(call("GetNonce")), replacements);

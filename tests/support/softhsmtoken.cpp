@@ -54,12 +54,10 @@ bool SoftHsmToken::generateRsaKeyPair(const QString& label, const QString& userP
 
 QString SoftHsmToken::softHsmModulePath()
 {
-    const QString overridden = qEnvironmentVariable("SCRIVA_SOFTHSM_MODULE");
-    return overridden.isEmpty() ? QStringLiteral("/usr/lib/softhsm/libsofthsm2.so") : overridden;
+    return qEnvironmentVariable("SCRIVA_SOFTHSM_MODULE", QStringLiteral("/usr/lib/softhsm/libsofthsm2.so"));
 }
 
 QString SoftHsmToken::testModulePath()
 {
-    const QString overridden = qEnvironmentVariable("SCRIVA_TEST_P11_MODULE");
-    return overridden.isEmpty() ? QDir::cleanPath(SCRIVA_BIN_DIR "/../tests/p11module/scriva-test-p11.so") : overridden;
+    return qEnvironmentVariable("SCRIVA_TEST_P11_MODULE", QDir::cleanPath(SCRIVA_BIN_DIR "/../tests/p11module/scriva-test-p11.so"));
 }

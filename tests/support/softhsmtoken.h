@@ -3,11 +3,9 @@
 #include <QProcessEnvironment>
 #include <QTemporaryDir>
 
-// A private SoftHSM token store for one test: a temporary directory with its own softhsm2.conf,
-// named in SOFTHSM2_CONF for this process from then on, even after the store is gone, so SoftHSM
-// never falls back to the system's tokens (create it before SoftHSM is initialised). Tokens are
-// made with softhsm2-util, keys with pkcs11-tool; serialNumber() and slotId() read back by label
-// what SoftHSM chose.
+// A private SoftHSM token store for one test, named in SOFTHSM2_CONF for this process from then on
+// (even after the store is gone, so SoftHSM never falls back to the system's tokens): create it
+// before SoftHSM is initialised. Tokens and keys are made with softhsm2-util and pkcs11-tool.
 class SoftHsmToken
 {
 public:
@@ -29,9 +27,9 @@ public:
     long slotId(const QString& label) const { return find(label, 1).isEmpty() ? -1 : find(label, 1).toLong(); }
     bool generateRsaKeyPair(const QString& label, const QString& userPin, const QString& idHex, const QString& objectLabel);
 
-    // SoftHSM's module (SCRIVA_SOFTHSM_MODULE overrides the Debian location).
+    // SoftHSM's module and the forwarding test module built from tests/p11module, unless
+    // SCRIVA_SOFTHSM_MODULE or SCRIVA_TEST_P11_MODULE name others.
     static QString softHsmModulePath();
-    // The forwarding test module built from tests/p11module (SCRIVA_TEST_P11_MODULE overrides).
     static QString testModulePath();
 
 private:

@@ -15,12 +15,25 @@ namespace {
 const QByteArray request = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Request><Slot>Čtečka 1</Slot></Request>\n";
 const auto thrown = TestRequests::refusal;
 
-X509Certificate2Ultra devCertificate(const QString& name)
+QList<X509Certificate2Ultra> anchor(int chain) { return TrustAnchors::builtIn().chains().at(chain).second; }
+
+Owned<EVP_PKEY, EVP_PKEY_free> key(const char* name)
 {
-    return X509Certificate2Ultra(QSslCertificate::fromPath(TestRequests::pkiFile(name + ".pem")).value(0));
+    const Owned<BIO, BIO_free> bio(BIO_new_file(qPrintable(TestRequests::pkiFile(name)), "r"));
+    return Owned<EVP_PKEY, EVP_PKEY_free>(PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr));
 }
 
-QList<X509Certificate2Ultra> anchor(int chain) { return TrustAnchors::builtIn().chains().at(chain).second; }
+// A certificate of `subjectKey` valid from `from` to `to`, self-signed or issued by `issuer` with `issuerKey`.
+X509Certificate2Ultra made(time_t from, time_t to, const char* subjectKey, X509* issuer = nullptr, const char* issuerKey = nullptr)
+{
+    const Owned<X509, X509_free> certificate(X509_new());
+    if (!ASN1_TIME_set(X509_getm_notBefore(certificate.get()), from) || !ASN1_TIME_set(X509_getm_notAfter(certificate.get()), to)
+        || (issuer && !X509_set_issuer_name(certificate.get(), X509_get_subject_name(issuer)))
+        || !X509_set_pubkey(certificate.get(), key(subjectKey).get())
+        || !X509_sign(certificate.get(), key(issuer ? issuerKey : subjectKey).get(), EVP_sha256()))
+        qFatal("unable to make a test certificate");
+    return X509Certificate2Ultra(certificate.get());
+}
 } // namespace
 
 class tst_ServerTrust : public QObject
@@ -73,9 +86,8 @@ private slots:
         QCOMPARE(thrown([&] { none.verifyIssuer(anchor(0)); }), QStringLiteral("InvalidCertificate"));
         // A root trusts itself only through a chain: no chain is no trust.
         QCOMPARE(thrown([&] { anchor(0).first().verifyIssuer({}); }), QStringLiteral("InvalidCertificate"));
-        // The intermediate of chain 2 is offered, never trusted on its own: not even right after
-        // the whole chain has passed.
-        const X509Certificate2Ultra server = devCertificate(QStringLiteral("server-chain2"));
+        // Chain 2's intermediate is never trusted on its own, even right after the whole chain passed.
+        const X509Certificate2Ultra server(QSslCertificate::fromPath(TestRequests::pkiFile("server-chain2.pem")).value(0));
         server.verifyIssuer(anchor(1));
         QCOMPARE(thrown([&] { server.verifyIssuer(anchor(1).mid(0, 1)); }), QStringLiteral("IssuerInvalid"));
     }
@@ -83,33 +95,19 @@ private slots:
     void judgesValidityPeriodInWholeSeconds()
     {
         // Effective or expiring in the current second: not valid. Retried if the clock ticks meanwhile.
-        const Owned<BIO, BIO_free> bio(BIO_new_file(qPrintable(TestRequests::pkiFile(QStringLiteral("server-chain2.key"))), "r"));
-        const Owned<EVP_PKEY, EVP_PKEY_free> key(PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr));
         for (qint64 second = 0; second != QDateTime::currentSecsSinceEpoch();) {
             second = QDateTime::currentSecsSinceEpoch();
-            for (const qint64 from : {second, second - 3600}) {
-                const Owned<X509, X509_free> certificate(X509_new());
-                QVERIFY(ASN1_TIME_set(X509_getm_notBefore(certificate.get()), time_t(from))
-                        && ASN1_TIME_set(X509_getm_notAfter(certificate.get()), time_t(from + 3600))
-                        && X509_set_pubkey(certificate.get(), key.get()) && X509_sign(certificate.get(), key.get(), EVP_sha256()));
-                QVERIFY(!X509Certificate2Ultra(certificate.get()).isValidByTime() || second != QDateTime::currentSecsSinceEpoch());
-            }
+            for (const qint64 from : {second, second - 3600})
+                QVERIFY(!made(from, from + 3600, "server-chain2.key").isValidByTime() || second != QDateTime::currentSecsSinceEpoch());
         }
     }
 
     // A verified chain is trusted again only while every member of it is still valid.
     void trustEndsWhenAChainMemberExpires()
     {
-        const auto key = [](const char* name) {
-            const Owned<BIO, BIO_free> bio(BIO_new_file(qPrintable(TestRequests::pkiFile(name)), "r"));
-            return Owned<EVP_PKEY, EVP_PKEY_free>(PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr));
-        };
-        const Owned<X509, X509_free> leaf(X509_new()), root(anchor(0).first().toX509());
+        const Owned<X509, X509_free> root(anchor(0).first().toX509());
         const time_t now = time(nullptr);
-        QVERIFY(ASN1_TIME_set(X509_getm_notBefore(leaf.get()), now - 60) && ASN1_TIME_set(X509_getm_notAfter(leaf.get()), now + 2)
-                && X509_set_issuer_name(leaf.get(), X509_get_subject_name(root.get()))
-                && X509_set_pubkey(leaf.get(), key("server-chain1.key").get()) && X509_sign(leaf.get(), key("chain1-root.key").get(), EVP_sha256()));
-        const X509Certificate2Ultra signer(leaf.get());
+        const X509Certificate2Ultra signer = made(now - 60, now + 2, "server-chain1.key", root.get(), "chain1-root.key");
         signer.verifyIssuer(anchor(0));
         QTRY_COMPARE_WITH_TIMEOUT(thrown([&] { signer.verifyIssuer(anchor(0)); }), QStringLiteral("IssuerInvalid"), 10000);
     }
