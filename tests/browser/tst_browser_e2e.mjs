@@ -1,19 +1,15 @@
 #!/usr/bin/env node
-// What only a real browser (--browser chromium or firefox) shows beyond the portal recipe's enrolment:
+// What only a real browser (the first argument: chromium or firefox) shows beyond the portal recipe's enrolment:
 // the demo page's error categories and the retries they allow, pages of two origins kept apart,
 // requests over 16 MiB stopped in the extension. What the pages see is one record, compared as a
-// whole with tests/data/browser/e2e-record.json.
+// whole with tests/data/browser/e2e-record.json. Then the source, build and work folders.
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import fs from "node:fs";
 import path from "node:path";
-import { parseArgs } from "node:util";
 
-const { values: args } = parseArgs({ options: { browser: { type: "string" }, source: { type: "string" },
-                                                build: { type: "string" }, work: { type: "string" } } });
-for (const key of ["source", "build", "work"])
-  args[key] = path.resolve(args[key]);
-const name = args.browser, drivers = await import("./browsers.mjs").catch((error) => ({ error }));
+const [name, ...folders] = process.argv.slice(2), [source, build, scratch] = folders.map((folder) => path.resolve(folder));
+const drivers = await import("./browsers.mjs").catch((error) => ({ error }));
 const { BrowserSession, EXECUTABLES = {}, SYSTEM_MANIFESTS = {}, serveDemo } = drivers;
 if (drivers.error || !fs.existsSync(EXECUTABLES[name]) || fs.existsSync(SYSTEM_MANIFESTS[name])) {
   console.log("SKIP: " + (drivers.error ? `puppeteer-core is not installed (npm ci in tests/browser): ${drivers.error.message}`
@@ -22,8 +18,8 @@ if (drivers.error || !fs.existsSync(EXECUTABLES[name]) || fs.existsSync(SYSTEM_M
 }
 
 const LABEL = "Scriva token", VERSION = "2.6.1 (qt)";
-const work = (file) => path.join(args.work, file);
-fs.rmSync(args.work, { recursive: true, force: true });
+const work = (file) => path.join(scratch, file);
+fs.rmSync(scratch, { recursive: true, force: true });
 fs.mkdirSync(work("tokens"), { recursive: true });
 // The test token logs in with a PIN the token refuses: a login the user cancelled.
 fs.writeFileSync(work("softhsm2.conf"),
@@ -40,7 +36,7 @@ const signed = (operation, nonce = "client.getNonce()") => `Promise.resolve(${no
     .then((r) => r.json()).then((r) => r.argument)`;
 
 // The host processes of this build that the browser started for this test's token.
-const program = fs.realpathSync(path.join(args.build, "bin", "ScrivaPkcs11"));
+const program = fs.realpathSync(path.join(build, "bin", "ScrivaPkcs11"));
 const hosts = () => new Set(fs.readdirSync("/proc").filter((pid) => {
   try {
     return fs.readlinkSync(`/proc/${pid}/exe`) === program &&
@@ -51,11 +47,9 @@ const hosts = () => new Set(fs.readdirSync("/proc").filter((pid) => {
 }));
 // Whether the one host in `pids` ends within 20 s (a zombie left for its parent counts: its exe reads no more).
 async function ends(pids) {
-  for (const deadline = Date.now() + 20000; pids.length === 1 && Date.now() < deadline;
-       await new Promise((resolve) => setTimeout(resolve, 50)))
-    if (!hosts().has(pids[0]))
-      return true;
-  return false;
+  for (const deadline = Date.now() + 20000; pids.length === 1 && hosts().has(pids[0]) && Date.now() < deadline;)
+    await new Promise((resolve) => setTimeout(resolve, 50));
+  return pids.length === 1 && !hosts().has(pids[0]);
 }
 
 const seen = {};
@@ -75,9 +69,9 @@ async function exercise(session, url) {
       .then(([certificates, version, nonce]) => [certificates.includes('<GetCertificates>'), version, nonce.length >= 16])`);
   // Asking again helps with a nonce the host never gave, never with a signer it does not trust:
   // the attempts withFreshNonce makes (the second one right), then what it gives.
-  const signer = path.join(args.build, "devpki", "signer-unknown-root");
+  const signer = path.join(build, "devpki", "signer-unknown-root");
   const untrusted = tool("openssl", ["cms", "-sign", "-binary", "-nodetach", "-outform", "DER", "-signer", `${signer}.pem`,
-      "-inkey", `${signer}.key`, "-in", path.join(args.source, "tests", "data", "requests", "getslots-2026.xml")]);
+      "-inkey", `${signer}.key`, "-in", path.join(source, "tests", "data", "requests", "getslots-2026.xml")]);
   for (const [what, first] of [["a nonce the host never gave", signed("GetSlots", "'0f8fad5b-d9cb-469f-a165-70867728950e'")],
                                ["a signer the host does not trust", `'${untrusted.toString("base64")}'`]])
     seen[`${what}: attempts, outcome`] = await call(page, `(async () => { let attempts = 0;
@@ -154,13 +148,12 @@ async function bypassContentScript(page) {
   return result.value;
 }
 
-const { server, url } = await serveDemo(args.source, args.build,
-                                        [path.join(args.build, "tools", "scriva-test-token", "scriva-test-token.so")]);
+const { server, url } = await serveDemo(source, build, [path.join(build, "tools", "scriva-test-token", "scriva-test-token.so")]);
 let session;
 try {
   // The browser hands its environment to the host it starts.
-  session = await BrowserSession.start(name, { work: args.work, extension: path.join(args.source, "browser", "extension"),
-    manifests: path.join(args.build, "share", "scriva", "native-messaging-hosts"), log: console.log, env });
+  session = await BrowserSession.start(name, { work: scratch, extension: path.join(source, "browser", "extension"),
+    manifests: path.join(build, "share", "scriva", "native-messaging-hosts"), log: console.log, env });
   await exercise(session, url);
 } catch (error) {
   seen["the browser session ran to its end"] = error.stack;
@@ -169,7 +162,7 @@ try {
   server.kill();
 }
 console.log(JSON.stringify(seen, null, 1));
-const expected = JSON.parse(fs.readFileSync(path.join(args.source, "tests", "data", "browser", "e2e-record.json"), "utf8"));
+const expected = JSON.parse(fs.readFileSync(path.join(source, "tests", "data", "browser", "e2e-record.json"), "utf8"));
 if (name !== "chromium")
   delete expected["the background by itself"];
 assert.deepEqual(seen, expected);

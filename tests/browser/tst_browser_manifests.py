@@ -2,33 +2,30 @@
 """install-host.sh puts the build's manifests where Chromium, Google Chrome, Brave, Vivaldi, Microsoft Edge and
 Firefox look, for the user and for the system, and takes them away again; the extension asks for no more than it
 needs and carries the program's version. (That the manifests admit the extension, the browsers show end to end.)"""
-import argparse
 import json
 import os
 import re
 import subprocess
+import sys
 import tempfile
 
 HOST_NAME = "com.corvant.scriva.pkcs11"
-parser = argparse.ArgumentParser()
-parser.add_argument("--source", required=True)
-parser.add_argument("--build", required=True)
-args = parser.parse_args()
-folders = [line.split() for line in open(os.path.join(args.source, "tests/data/browser/manifest-folders.txt"))
+source, build = sys.argv[1:]
+folders = [line.split() for line in open(os.path.join(source, "tests/data/browser/manifest-folders.txt"))
            if not line.startswith("#")]
 USER_FOLDERS, SYSTEM_FOLDERS = ([folder for scope, folder in folders if scope == kind] for kind in ("user", "system"))
 load = lambda *path: json.load(open(os.path.join(*path)))  # noqa: E731
 files_under = lambda root: sorted(os.path.relpath(os.path.join(folder, name), root)  # noqa: E731
                                   for folder, _, names in os.walk(root) for name in names)
 
-extension = load(args.source, "browser", "extension", "manifest.json")
+extension = load(source, "browser", "extension", "manifest.json")
 seen = (extension["manifest_version"], extension["permissions"], sorted(extension["content_scripts"][0]["matches"]))
 assert seen == (3, ["nativeMessaging"], ["http://127.0.0.1/*", "http://localhost/*", "https://*/*"]), seen
-version = re.search(r"project\(ScrivaPkcs11 VERSION (\S+)", open(os.path.join(args.source, "CMakeLists.txt")).read())[1]
-seen = (extension["version"], load(args.source, "browser", "client", "package.json")["version"])
+version = re.search(r"project\(ScrivaPkcs11 VERSION (\S+)", open(os.path.join(source, "CMakeLists.txt")).read())[1]
+seen = (extension["version"], load(source, "browser", "client", "package.json")["version"])
 assert seen == (version, version), f"the extension and the page client are not version {version}: {seen}"
 
-share = os.path.join(args.build, "share", "scriva")
+share = os.path.join(build, "share", "scriva")
 manifests = {name: load(share, "native-messaging-hosts", name, HOST_NAME + ".json") for name in ("chromium", "firefox")}
 script = os.path.join(share, "install-host.sh")
 with tempfile.TemporaryDirectory() as home:
