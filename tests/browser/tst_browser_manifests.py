@@ -29,28 +29,26 @@ share = os.path.join(build, "share", "scriva")
 manifests = {name: load(share, "native-messaging-hosts", name, HOST_NAME + ".json") for name in ("chromium", "firefox")}
 script = os.path.join(share, "install-host.sh")
 with tempfile.TemporaryDirectory() as home:
-    env = dict({key: value for key, value in os.environ.items() if key != "XDG_CONFIG_HOME"}, HOME=home)
+    env = dict({k: v for k, v in os.environ.items() if k != "XDG_CONFIG_HOME"}, HOME=home, QT_QPA_PLATFORM="offscreen")
+    sh = lambda *options: subprocess.run(["sh", script, *options], env=env, capture_output=True, text=True)  # noqa: E731
     root = os.path.join(home, "root")
     # The folders that stay after uninstalling: the ones every user or system has anyway.
     for scope, folders, top, kept in (("--user", USER_FOLDERS, home, [".", ".config"]),
                                       ("--system", SYSTEM_FOLDERS, root, [".", "etc", "usr", "usr/lib", "usr/lib/mozilla"])):
         extra = [scope] if scope == "--user" else [scope, "--root", root]
-        subprocess.run(["sh", script, *extra], env=env, check=True, capture_output=True)
+        sh(*extra).check_returncode()
         installed = {path: (load(top, path), os.stat(os.path.join(top, path)).st_mode & 0o777) for path in files_under(top)}
         assert installed == {os.path.join(folder, HOST_NAME + ".json"): (
             manifests["firefox" if "mozilla" in folder else "chromium"], 0o644) for folder in folders}, (scope, installed)
-        subprocess.run(["sh", script, "--uninstall", *extra], env=env, check=True, capture_output=True)
+        sh("--uninstall", *extra).check_returncode()
         left = sorted(os.path.relpath(folder, top) for folder, _, _ in os.walk(top))
         assert files_under(top) == [] and left == kept, f"{scope} --uninstall leaves {left}"
 
     env["XDG_CONFIG_HOME"] = os.path.join(home, "xdg")  # followed by the Chromium family, not by Firefox
-    subprocess.run(["sh", script, "--user"], env=env, check=True, capture_output=True)
+    sh("--user").check_returncode()
     assert len(files_under(env["XDG_CONFIG_HOME"])) == len(USER_FOLDERS) - 1, files_under(home)
-    # --check starts each registered host as its browser would, and it answers.
-    checked = subprocess.run(["sh", script, "--check"], capture_output=True, text=True,
-                             env=dict(env, QT_QPA_PLATFORM="offscreen"))
+    checked = sh("--check")  # starts each registered host as its browser would, and it answers
     assert checked.stdout.count(f"ok: {home}/") == len(USER_FOLDERS), checked
-    missing = subprocess.run(["sh", script, "--user", "--manifests", os.path.join(home, "none")], env=env,
-                             capture_output=True, text=True)
+    missing = sh("--user", "--manifests", os.path.join(home, "none"))
     assert missing.returncode != 0 and "missing" in missing.stderr, missing.stderr
 print("all checks passed")
