@@ -35,16 +35,12 @@ const signed = (operation, nonce = "client.getNonce()") => `Promise.resolve(${no
     { method: 'POST', body: JSON.stringify({ operation: '${operation}', nonce, token: scrivaDemo.state.token }) }))
     .then((r) => r.json()).then((r) => r.argument)`;
 
-// The host processes of this build that the browser started for this test's token.
+// The host processes of this build that the browser started for this test's token; what is no process, or is
+// gone meanwhile, reads "".
 const program = fs.realpathSync(path.join(build, "bin", "ScrivaPkcs11"));
-const hosts = () => new Set(fs.readdirSync("/proc").filter((pid) => {
-  try {
-    return fs.readlinkSync(`/proc/${pid}/exe`) === program &&
-           fs.readFileSync(`/proc/${pid}/environ`, "latin1").includes(env.SOFTHSM2_CONF);
-  } catch {
-    return false; // not a process, or gone meanwhile
-  }
-}));
+const proc = (read, pid, file) => { try { return read(`/proc/${pid}/${file}`, "latin1"); } catch { return ""; } };
+const hosts = () => new Set(fs.readdirSync("/proc").filter((pid) =>
+  proc(fs.readlinkSync, pid, "exe") === program && proc(fs.readFileSync, pid, "environ").includes(env.SOFTHSM2_CONF)));
 // Whether the one host in `pids` ends within 20 s (a zombie left for its parent counts: its exe reads no more).
 async function ends(pids) {
   for (const deadline = Date.now() + 20000; pids.length === 1 && hosts().has(pids[0]) && Date.now() < deadline;)
@@ -95,21 +91,17 @@ async function exercise(session, url) {
     const created = await call(target, "client.createInstance()");
     return [...hosts()].filter((pid) => !before.has(pid) && created === null);
   };
-  const startedB = await createInstance(pageB);
-  let started = await createInstance(pageA);
-  seen["hosts started for pages B and A"] = [startedB.length, started.length];
+  const started = [await createInstance(pageB), await createInstance(pageA)];
+  seen["hosts started for pages B and A"] = started.map((pids) => pids.length);
   for (const what of ["getNonce", "terminate"]) {
     await call(pageB, `${signed("GetSlots")}.then((s) => { window.signedSlots = s; })`);
     seen[`page A's ${what}, then page B's signed GetSlots`] = [
       await call(pageA, `client.${what}().then(() => 'answered')`),
       await call(pageB, `client.getSlots(window.signedSlots).then((xml) => xml.includes('${LABEL}'))`)];
   }
-  seen["page A's host ends: terminated, reloaded, closed"] = [await ends(started)];
-  for (const how of ["reload", "close"]) {
-    started = await createInstance(pageA);
-    await pageA[how]();
-    seen["page A's host ends: terminated, reloaded, closed"].push(await ends(started));
-  }
+  const endings = seen["page A's host ends: terminated, reloaded, closed"] = [await ends(started[1])];
+  for (const how of ["reload", "close"])
+    endings.push(await createInstance(pageA).then((pids) => pageA[how]().then(() => ends(pids))));
   seen["page B's host after page A's doings"] = await call(pageB, "client.getVersion()");
 
   // The size of a request is that of its method and arguments as JSON, in UTF-8 bytes.
@@ -132,10 +124,8 @@ async function exercise(session, url) {
 async function bypassContentScript(page) {
   const devtools = await page.createCDPSession();
   const worlds = [];
-  devtools.on("Runtime.executionContextCreated", ({ context }) => {
-    if (context.auxData?.type === "isolated" && context.origin.startsWith("chrome-extension://"))
-      worlds.push(context.id);
-  });
+  devtools.on("Runtime.executionContextCreated", ({ context }) => context.auxData?.type === "isolated" &&
+              context.origin.startsWith("chrome-extension://") && worlds.push(context.id));
   await devtools.send("Runtime.enable");
   const { result } = await devtools.send("Runtime.evaluate", { contextId: worlds.at(-1), awaitPromise: true,
     returnByValue: true, expression: `new Promise((resolve) => {

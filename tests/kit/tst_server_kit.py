@@ -2,7 +2,6 @@
 """The integrator's kit against the built host on a SoftHSM token: every request example of
 docs/integrating.md is shown as filed, valid, what the server library builds, and answered by the host
 in the documented shape; the library refuses what the host refuses and what a page could tamper with."""
-import argparse
 import base64
 import dataclasses
 import json
@@ -19,16 +18,12 @@ import time
 import unittest
 import xml.etree.ElementTree as ET
 
-parser = argparse.ArgumentParser()
-parser.add_argument("--source", required=True)
-parser.add_argument("--build", required=True)
-args, _ = parser.parse_known_args()
-args.source, args.build = os.path.abspath(args.source), os.path.abspath(args.build)
+SOURCE, BUILD = map(os.path.abspath, sys.argv[1:3])
 if "SCRIVA_KIT_VENV" not in os.environ:  # first the library is installed as a server installs it
     with tempfile.TemporaryDirectory(prefix="scriva-kit-venv-") as venv:
         for part in ("tools/scriva-server", "resources/Schemas"):  # copied: building writes beside the sources
-            shutil.copytree(pathlib.Path(args.source, part), pathlib.Path(venv, part))
-        shutil.copy(pathlib.Path(args.source, "CMakeLists.txt"), venv)
+            shutil.copytree(pathlib.Path(SOURCE, part), pathlib.Path(venv, part))
+        shutil.copy(pathlib.Path(SOURCE, "CMakeLists.txt"), venv)
         subprocess.check_call([sys.executable, "-m", "venv", "--system-site-packages", venv + "/env"])
         subprocess.check_call([venv + "/env/bin/pip", "install", "-q", "--no-build-isolation", "--no-index",
                                "--no-cache-dir", venv + "/tools/scriva-server"])
@@ -54,7 +49,7 @@ def paths(element, prefix=""):
 
 def hostile_answers():
     """(what, answer, why it is refused): answers a page could bring, none of which the host writes."""
-    examples, answers = pathlib.Path(args.source, "docs", "examples"), pathlib.Path(args.source, "tests/data/answers")
+    examples, answers = pathlib.Path(SOURCE, "docs", "examples"), pathlib.Path(SOURCE, "tests/data/answers")
     assert all(read_answer((answers / f"{kind}-control.xml").read_bytes()) for kind in ("csr", "certificate"))
     rows = []
     for block in (answers / "refused.txt").read_text().split("\n== ")[1:]:  # edited examples
@@ -91,8 +86,8 @@ class ServerKit(unittest.TestCase):
             env=env)
         slots = run("softhsm2-util", "--show-slots", env=env)
         cls.serial = re.search(rb"Serial number:\s*(\w+)", slots).group(1).decode()
-        cls.module = os.path.join(args.build, "tests", "p11module", "scriva-test-p11.so")
-        cls.host = subprocess.Popen([os.path.join(args.build, "bin", "ScrivaPkcs11"), "chrome-extension://kit/"],
+        cls.module = os.path.join(BUILD, "tests", "p11module", "scriva-test-p11.so")
+        cls.host = subprocess.Popen([os.path.join(BUILD, "bin", "ScrivaPkcs11"), "chrome-extension://kit/"],
                                     stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=env)
         # A host that has not answered within a minute is killed: the calls fail at once, not at CTest's timeout.
         signal.signal(signal.SIGALRM, lambda *_: cls.host.kill())
@@ -118,7 +113,7 @@ class ServerKit(unittest.TestCase):
         return answer["error"], answer["result"]
 
     def signer(self, name):
-        return Signer.from_files(*(os.path.join(args.build, "devpki", name + suffix) for suffix in (".pem", ".key")))
+        return Signer.from_files(*(os.path.join(BUILD, "devpki", name + suffix) for suffix in (".pem", ".key")))
 
     def on_token(self, request, signer="server-chain2"):
         """The request with the host's nonce, for this test's token and module, signed and sent."""
@@ -130,7 +125,7 @@ class ServerKit(unittest.TestCase):
         return request, self.call(request.method, self.signer(signer).argument(request.xml()))
 
     def test_docs_show_the_example_files(self):
-        docs = pathlib.Path(args.source, "docs")
+        docs = pathlib.Path(SOURCE, "docs")
         shown = re.findall(r"<!-- (examples/\S+) -->\n```\w*\n(.*?)```", (docs / "integrating.md").read_text(), re.S)
         self.assertGreaterEqual(len(shown), 8)
         for name, text in shown:
@@ -138,7 +133,7 @@ class ServerKit(unittest.TestCase):
 
     def test_examples_run_on_the_host_and_are_answered_as_documented(self):
         order = ("getslots", "generatecsr", "createobject", "getcertificates")  # certificates stored, then read
-        examples = sorted(pathlib.Path(args.source, "docs", "examples").glob("*-20*.xml"),
+        examples = sorted(pathlib.Path(SOURCE, "docs", "examples").glob("*-20*.xml"),
                           key=lambda path: order.index(path.name.split("-")[0]))
         self.assertEqual(len(examples), 16)
         stored = set()
@@ -192,7 +187,7 @@ class ServerKit(unittest.TestCase):
                 start = time.process_time()
                 self.assertRaisesRegex(AnswerError, why, read_answer, answer)
                 self.assertLess(time.process_time() - start, 0.2)
-        split = pathlib.Path(args.source, "docs/examples/getslots-answer.xml").read_text().replace("0f8", "0<!---->f8")
+        split = pathlib.Path(SOURCE, "docs/examples/getslots-answer.xml").read_text().replace("0f8", "0<!---->f8")
         self.assertEqual(read_answer(split).nonce, "0f8fad5b-d9cb-469f-a165-70867728950e")
 
     def test_command_line_and_openssl_line_make_what_the_host_takes(self):
@@ -200,7 +195,7 @@ class ServerKit(unittest.TestCase):
         tool = [sys.executable, "-m", "scriva_server"]
         request = os.path.join(self.work.name, "request.xml")
         run(*tool, "request", "GetSlots", "--nonce", nonce, "--module", self.module, "-o", request)
-        devpki = os.path.join(args.build, "devpki", "server-chain2")
+        devpki = os.path.join(BUILD, "devpki", "server-chain2")
         cms = run("openssl", "cms", "-sign", "-binary", "-nodetach", "-outform", "DER", "-in", request, "-signer",
                   devpki + ".pem", "-inkey", devpki + ".key")
         error, result = self.call("GetSlots", base64.b64encode(cms).decode())
