@@ -37,6 +37,7 @@ from scriva_server import (V2022, V2026, AnswerError, Attribute, CreateObject, G
 from scriva_server.request import NAMESPACES  # noqa: E402
 assert __import__("scriva_server").__file__.startswith(os.environ["SCRIVA_KIT_VENV"]), "not the installed library"
 
+
 def run(*command, **options):
     return subprocess.run(command, check=True, capture_output=True, **options).stdout
 
@@ -115,14 +116,15 @@ class ServerKit(unittest.TestCase):
     def signer(self, name):
         return Signer.from_files(*(os.path.join(BUILD, "devpki", name + suffix) for suffix in (".pem", ".key")))
 
-    def on_token(self, request, signer="server-chain2"):
-        """The request with the host's nonce, for this test's token and module, signed and sent."""
+    def on_token(self, request):
+        """The request with the host's nonce, for this test's token and module, signed as its version wants and sent."""
         operation = request.operation
         if hasattr(operation, "token"):
             operation = dataclasses.replace(operation, token=Token(self.serial, operation.token.label))
         request = dataclasses.replace(request, nonce=self.call("GetNonce")[1], operation=operation,
                                       library=dataclasses.replace(request.library, locations=[Location(self.module)]))
-        return request, self.call(request.method, self.signer(signer).argument(request.xml()))
+        chain = "server-chain1" if request.version == V2022 else "server-chain2"
+        return request, self.call(request.method, self.signer(chain).argument(request.xml()))
 
     def test_docs_show_the_example_files(self):
         docs = pathlib.Path(SOURCE, "docs")
@@ -143,8 +145,7 @@ class ServerKit(unittest.TestCase):
                 example = read_request(document)  # valid in the schema of its version
                 self.assertEqual(ET.canonicalize(example.xml().decode(), strip_text=True),
                                  ET.canonicalize(document.decode(), strip_text=True))
-                signer = "server-chain1" if example.version == V2022 else "server-chain2"
-                request, (error, result) = self.on_token(example, signer)
+                request, (error, result) = self.on_token(example)
                 self.assertIsNone(error)
                 answer = read_answer(result, request)  # valid; nonce, operation, token and CSR checked
                 documented = paths(ET.parse(str(name).rsplit("-", 2)[0] + "-answer.xml").getroot())
@@ -162,9 +163,8 @@ class ServerKit(unittest.TestCase):
             self.assertRaises(SignerError, self.signer(name).check)
         for version, operation in ((V2022, GetCertificates(Token("1234", "label"))),
                                    (V2026, GetCertificates(Token("12345678901234567"))),
-                                   (V2026, CreateObject(Token("1234"), [Attribute(3, "")])),
-                                   (V2026, CreateObject(Token("1234"), [Attribute(3, "\x01")])),
-                                   (V2026, CreateObject(Token("1234"), [Attribute(3, NAMESPACES[V2022])]))):
+                                   *((V2026, CreateObject(Token("1234"), [Attribute(3, text)]))
+                                     for text in ("", "\x01", NAMESPACES[V2022]))):
             self.assertRaises(RequestError, Request("0" * 36, library, operation, version).xml)
 
     def test_csr_checks_catch_a_changed_answer(self):
