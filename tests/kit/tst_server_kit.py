@@ -191,10 +191,8 @@ class ServerKit(unittest.TestCase):
         self.assertEqual(read_answer(split).nonce, "0f8fad5b-d9cb-469f-a165-70867728950e")
 
     def test_command_line_and_openssl_line_make_what_the_host_takes(self):
-        nonce = self.call("GetNonce")[1]
-        tool = [sys.executable, "-m", "scriva_server"]
-        request = os.path.join(self.work.name, "request.xml")
-        run(*tool, "request", "GetSlots", "--nonce", nonce, "--module", self.module, "-o", request)
+        tool, request = [sys.executable, "-m", "scriva_server"], os.path.join(self.work.name, "request.xml")
+        run(*tool, "request", "GetSlots", "--nonce", self.call("GetNonce")[1], "--module", self.module, "-o", request)
         devpki = os.path.join(BUILD, "devpki", "server-chain2")
         cms = run("openssl", "cms", "-sign", "-binary", "-nodetach", "-outform", "DER", "-in", request, "-signer",
                   devpki + ".pem", "-inkey", devpki + ".key")

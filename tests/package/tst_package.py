@@ -48,10 +48,8 @@ check(not stray, "nothing lies outside the prefix but the browser and Debian fol
 root = os.path.join(work, "root")
 subprocess.run(["dpkg", "-x", package, root], check=True)
 host = PREFIX + "/bin/ScrivaPkcs11"
-named = {path: {key: value for key, value in json.load(open(root + path)).items() if key in ("path", "type")}
-         for path in MANIFESTS}
-check(named == dict.fromkeys(MANIFESTS, {"path": host, "type": "stdio"}), "the manifests name the installed host",
-      named)
+named = {path: json.load(open(root + path)) for path in MANIFESTS}
+check(all((m["path"], m["type"]) == (host, "stdio") for m in named.values()), "the manifests name the installed host", named)
 elf = {option: output("readelf", option, "-W", root + host) for option in ("-S", "-h", "-l", "-d", "--dyn-syms")}
 check(".symtab" not in elf["-S"], "the host is stripped")
 # What hardening-check looks for: the imports of the stack protector and of fortified calls,
