@@ -1,8 +1,7 @@
 #!/usr/bin/env node
-// What only a real browser (the first argument: chromium or firefox) shows beyond the portal recipe's enrolment:
-// the demo page's error categories and the retries they allow, pages of two origins kept apart,
-// requests over 16 MiB stopped in the extension. What the pages see is one record, compared as a
-// whole with tests/data/browser/e2e-record.json. Then the source, build and work folders.
+// What only a real browser (chromium or firefox; then the source, build and work folders) shows beyond the portal
+// recipe's enrolment: the demo page's error categories and the retries they allow, pages of two origins kept apart,
+// requests over 16 MiB stopped in the extension; what the pages see is one record, tests/data/browser/e2e-record.json.
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import fs from "node:fs";
@@ -86,11 +85,8 @@ async function exercise(session, url) {
   // Pages of two origins, each with a host of its own: what page A does to its host leaves page
   // B's nonce and instance alone, and a page that goes away takes its host with it.
   const pageB = page, pageA = await session.open(url.replace("//127.0.0.1:", "//localhost:"));
-  const createInstance = async (target) => {
-    const before = hosts();
-    const created = await call(target, "client.createInstance()");
-    return [...hosts()].filter((pid) => !before.has(pid) && created === null);
-  };
+  const createInstance = (target, before = hosts()) => call(target, "client.createInstance()")
+    .then((created) => [...hosts()].filter((pid) => !before.has(pid) && created === null)); // the hosts it started
   const started = [await createInstance(pageB), await createInstance(pageA)];
   seen["hosts started for pages B and A"] = started.map((pids) => pids.length);
   for (const what of ["getNonce", "terminate"]) {

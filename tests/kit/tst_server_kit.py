@@ -148,9 +148,8 @@ class ServerKit(unittest.TestCase):
                 request, (error, result) = self.on_token(example)
                 self.assertIsNone(error)
                 answer = read_answer(result, request)  # valid; nonce, operation, token and CSR checked
-                documented = paths(ET.parse(str(name).rsplit("-", 2)[0] + "-answer.xml").getroot())
-                if example.version == V2022:
-                    documented = {path for path in documented if not path.endswith("/TokenPlatform")}
+                documented = {path for path in paths(ET.parse(str(name).rsplit("-", 2)[0] + "-answer.xml").getroot())
+                              if example.version != V2022 or not path.endswith("/TokenPlatform")}
                 self.assertEqual(paths(ET.fromstring(result)), documented)
                 if request.method == "CreateObject":
                     stored.update(a.value for a in request.operation.attributes if a.type == 0x11)  # CKA_VALUE
