@@ -1,7 +1,5 @@
-// Starts Debian's Chromium (DevTools protocol) or Firefox ESR (WebDriver BiDi) headless through
-// puppeteer-core, with the Scriva extension installed and the host registered in a profile and a
-// HOME of the browser's own: nothing is read from or written to the real user's or the system's
-// browser folders. Shared by the browser tests and the browser benchmark.
+// Headless Chromium or Firefox ESR through puppeteer-core, with the extension installed and the host registered
+// in a profile and HOME of their own, never the user's or the system's. Shared by the browser tests and benchmark.
 import { spawn } from "node:child_process";
 import fs from "node:fs";
 import os from "node:os";
@@ -13,14 +11,11 @@ export const HOST_NAME = "com.corvant.scriva.pkcs11";
 export const BROWSERS = ["chromium", "firefox"];
 export const EXECUTABLES = { chromium: process.env.SCRIVA_CHROMIUM || "/usr/bin/chromium",
                              firefox: process.env.SCRIVA_FIREFOX || "/usr/bin/firefox-esr" };
-// Where the browsers find hosts registered for every user: a manifest there (the package's) would
-// be found instead of, or beside, the one a session registers.
+// Hosts registered for every user (the package's), which would answer instead of a session's.
 export const SYSTEM_MANIFESTS = { chromium: `/etc/chromium/native-messaging-hosts/${HOST_NAME}.json`,
                                   firefox: `/usr/lib/mozilla/native-messaging-hosts/${HOST_NAME}.json` };
 
-// No name is looked up beyond the loopback: Chromium maps every other name away, Firefox's resolver
-// answers localhost for every name and its test switch refuses non-local connections. Puppeteer's
-// own defaults keep the rest of the background services quiet.
+// No name is looked up beyond the loopback; puppeteer's defaults keep the other background services quiet.
 const LAUNCH = {
   chromium: { browser: "chrome", enableExtensions: true, pipe: true, args: ["--no-sandbox", "--disable-gpu",
     "--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE localhost, EXCLUDE 127.0.0.1"] },
@@ -31,9 +26,8 @@ const LAUNCH = {
 };
 
 export class BrowserSession {
-  // name: "chromium" or "firefox". work: a fresh folder for profile and HOME. manifests: the
-  // build's native-messaging-hosts folder. env: extra variables for the browser, and so for the
-  // host it starts. log: called with the pages' console lines.
+  // work: a fresh folder for profile and HOME; manifests: the build's native-messaging-hosts folder;
+  // env: for the browser and so for the host it starts; log: gets the pages' console lines.
   static async start(name, { work, extension, manifests, env = {}, log = () => {} }) {
     const session = Object.assign(new BrowserSession(), { name, log });
     const profile = path.join(work, "profile"), home = path.join(work, "home");
@@ -41,8 +35,7 @@ export class BrowserSession {
     session.tmp = fs.mkdtempSync(path.join(os.tmpdir(), `scriva-${name}-`));
     const folder = name === "chromium" ? path.join(profile, "NativeMessagingHosts")
                                        : path.join(home, ".mozilla", "native-messaging-hosts");
-    for (const made of [profile, home, folder])
-      fs.mkdirSync(made, { recursive: true });
+    [profile, home, folder].forEach((made) => fs.mkdirSync(made, { recursive: true }));
     session.manifest = path.join(folder, HOST_NAME + ".json");
     session.original = JSON.parse(fs.readFileSync(path.join(manifests, name, HOST_NAME + ".json"), "utf8"));
     session.registerHost(session.original.path);
@@ -50,14 +43,11 @@ export class BrowserSession {
       userDataDir: profile, env: { ...process.env, HOME: home, TMPDIR: session.tmp,
         XDG_CONFIG_HOME: path.join(home, ".config"), XDG_CACHE_HOME: path.join(home, ".cache"),
         XDG_DATA_HOME: path.join(home, ".local", "share"), ...LAUNCH[name].env, ...env } });
-    await session.browser.installExtension(path.resolve(extension)).catch(async (error) => {
-      await session.close();
-      throw error;
-    });
+    await session.browser.installExtension(path.resolve(extension))
+      .catch((error) => session.close().then(() => { throw error; }));
     return session;
   }
 
-  // Registers `program` under the host's name.
   registerHost(program) {
     fs.writeFileSync(this.manifest, JSON.stringify({ ...this.original, path: program }));
   }
@@ -76,9 +66,8 @@ export class BrowserSession {
   }
 }
 
-// Starts the demo server on a free port of 127.0.0.1; { server, url }. quiet: drop its request log.
-// Debian's Python: the server library reads answers with its python3-lxml, which another python3
-// first on the PATH may lack.
+// The demo server on a free port of 127.0.0.1: { server, url }. Debian's Python, whose python3-lxml the
+// server library reads answers with. quiet: without its request log.
 export async function serveDemo(source, build, modules, { quiet = false } = {}) {
   const server = spawn("/usr/bin/python3", [path.join(source, "browser", "demo", "server.py"), "--build", build,
                                    ...modules.flatMap((module) => ["--module", module])],

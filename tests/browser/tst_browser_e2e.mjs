@@ -1,19 +1,14 @@
 #!/usr/bin/env node
-// What only a real browser (--browser chromium or firefox) shows beyond the portal recipe's enrolment:
-// the demo page's error categories and the retries they allow, pages of two origins kept apart,
-// requests over 16 MiB stopped in the extension. What the pages see is one record, compared as a
-// whole with tests/data/browser/e2e-record.json.
+// What only a real browser (chromium or firefox; then the source, build and work folders) shows beyond the portal
+// recipe's enrolment: the demo page's error categories and the retries they allow, pages of two origins kept apart,
+// requests over 16 MiB stopped in the extension; what the pages see is one record, tests/data/browser/e2e-record.json.
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import fs from "node:fs";
 import path from "node:path";
-import { parseArgs } from "node:util";
 
-const { values: args } = parseArgs({ options: { browser: { type: "string" }, source: { type: "string" },
-                                                build: { type: "string" }, work: { type: "string" } } });
-for (const key of ["source", "build", "work"])
-  args[key] = path.resolve(args[key]);
-const name = args.browser, drivers = await import("./browsers.mjs").catch((error) => ({ error }));
+const [name, ...folders] = process.argv.slice(2), [source, build, scratch] = folders.map((folder) => path.resolve(folder));
+const drivers = await import("./browsers.mjs").catch((error) => ({ error }));
 const { BrowserSession, EXECUTABLES = {}, SYSTEM_MANIFESTS = {}, serveDemo } = drivers;
 if (drivers.error || !fs.existsSync(EXECUTABLES[name]) || fs.existsSync(SYSTEM_MANIFESTS[name])) {
   console.log("SKIP: " + (drivers.error ? `puppeteer-core is not installed (npm ci in tests/browser): ${drivers.error.message}`
@@ -22,8 +17,8 @@ if (drivers.error || !fs.existsSync(EXECUTABLES[name]) || fs.existsSync(SYSTEM_M
 }
 
 const LABEL = "Scriva token", VERSION = "2.6.1 (qt)";
-const work = (file) => path.join(args.work, file);
-fs.rmSync(args.work, { recursive: true, force: true });
+const work = (file) => path.join(scratch, file);
+fs.rmSync(scratch, { recursive: true, force: true });
 fs.mkdirSync(work("tokens"), { recursive: true });
 // The test token logs in with a PIN the token refuses: a login the user cancelled.
 fs.writeFileSync(work("softhsm2.conf"),
@@ -39,23 +34,17 @@ const signed = (operation, nonce = "client.getNonce()") => `Promise.resolve(${no
     { method: 'POST', body: JSON.stringify({ operation: '${operation}', nonce, token: scrivaDemo.state.token }) }))
     .then((r) => r.json()).then((r) => r.argument)`;
 
-// The host processes of this build that the browser started for this test's token.
-const program = fs.realpathSync(path.join(args.build, "bin", "ScrivaPkcs11"));
-const hosts = () => new Set(fs.readdirSync("/proc").filter((pid) => {
-  try {
-    return fs.readlinkSync(`/proc/${pid}/exe`) === program &&
-           fs.readFileSync(`/proc/${pid}/environ`, "latin1").includes(env.SOFTHSM2_CONF);
-  } catch {
-    return false; // not a process, or gone meanwhile
-  }
-}));
+// The host processes of this build that the browser started for this test's token; what is no process, or is
+// gone meanwhile, reads "".
+const program = fs.realpathSync(path.join(build, "bin", "ScrivaPkcs11"));
+const proc = (read, pid, file) => { try { return read(`/proc/${pid}/${file}`, "latin1"); } catch { return ""; } };
+const hosts = () => new Set(fs.readdirSync("/proc").filter((pid) =>
+  proc(fs.readlinkSync, pid, "exe") === program && proc(fs.readFileSync, pid, "environ").includes(env.SOFTHSM2_CONF)));
 // Whether the one host in `pids` ends within 20 s (a zombie left for its parent counts: its exe reads no more).
 async function ends(pids) {
-  for (const deadline = Date.now() + 20000; pids.length === 1 && Date.now() < deadline;
-       await new Promise((resolve) => setTimeout(resolve, 50)))
-    if (!hosts().has(pids[0]))
-      return true;
-  return false;
+  for (const deadline = Date.now() + 20000; pids.length === 1 && hosts().has(pids[0]) && Date.now() < deadline;)
+    await new Promise((resolve) => setTimeout(resolve, 50));
+  return pids.length === 1 && !hosts().has(pids[0]);
 }
 
 const seen = {};
@@ -75,9 +64,9 @@ async function exercise(session, url) {
       .then(([certificates, version, nonce]) => [certificates.includes('<GetCertificates>'), version, nonce.length >= 16])`);
   // Asking again helps with a nonce the host never gave, never with a signer it does not trust:
   // the attempts withFreshNonce makes (the second one right), then what it gives.
-  const signer = path.join(args.build, "devpki", "signer-unknown-root");
+  const signer = path.join(build, "devpki", "signer-unknown-root");
   const untrusted = tool("openssl", ["cms", "-sign", "-binary", "-nodetach", "-outform", "DER", "-signer", `${signer}.pem`,
-      "-inkey", `${signer}.key`, "-in", path.join(args.source, "tests", "data", "requests", "getslots-2026.xml")]);
+      "-inkey", `${signer}.key`, "-in", path.join(source, "tests", "data", "requests", "getslots-2026.xml")]);
   for (const [what, first] of [["a nonce the host never gave", signed("GetSlots", "'0f8fad5b-d9cb-469f-a165-70867728950e'")],
                                ["a signer the host does not trust", `'${untrusted.toString("base64")}'`]])
     seen[`${what}: attempts, outcome`] = await call(page, `(async () => { let attempts = 0;
@@ -96,26 +85,19 @@ async function exercise(session, url) {
   // Pages of two origins, each with a host of its own: what page A does to its host leaves page
   // B's nonce and instance alone, and a page that goes away takes its host with it.
   const pageB = page, pageA = await session.open(url.replace("//127.0.0.1:", "//localhost:"));
-  const createInstance = async (target) => {
-    const before = hosts();
-    const created = await call(target, "client.createInstance()");
-    return [...hosts()].filter((pid) => !before.has(pid) && created === null);
-  };
-  const startedB = await createInstance(pageB);
-  let started = await createInstance(pageA);
-  seen["hosts started for pages B and A"] = [startedB.length, started.length];
+  const createInstance = (target, before = hosts()) => call(target, "client.createInstance()")
+    .then((created) => [...hosts()].filter((pid) => !before.has(pid) && created === null)); // the hosts it started
+  const started = [await createInstance(pageB), await createInstance(pageA)];
+  seen["hosts started for pages B and A"] = started.map((pids) => pids.length);
   for (const what of ["getNonce", "terminate"]) {
     await call(pageB, `${signed("GetSlots")}.then((s) => { window.signedSlots = s; })`);
     seen[`page A's ${what}, then page B's signed GetSlots`] = [
       await call(pageA, `client.${what}().then(() => 'answered')`),
       await call(pageB, `client.getSlots(window.signedSlots).then((xml) => xml.includes('${LABEL}'))`)];
   }
-  seen["page A's host ends: terminated, reloaded, closed"] = [await ends(started)];
-  for (const how of ["reload", "close"]) {
-    started = await createInstance(pageA);
-    await pageA[how]();
-    seen["page A's host ends: terminated, reloaded, closed"].push(await ends(started));
-  }
+  const endings = seen["page A's host ends: terminated, reloaded, closed"] = [await ends(started[1])];
+  for (const how of ["reload", "close"])
+    endings.push(await createInstance(pageA).then((pids) => pageA[how]().then(() => ends(pids))));
   seen["page B's host after page A's doings"] = await call(pageB, "client.getVersion()");
 
   // The size of a request is that of its method and arguments as JSON, in UTF-8 bytes.
@@ -138,10 +120,8 @@ async function exercise(session, url) {
 async function bypassContentScript(page) {
   const devtools = await page.createCDPSession();
   const worlds = [];
-  devtools.on("Runtime.executionContextCreated", ({ context }) => {
-    if (context.auxData?.type === "isolated" && context.origin.startsWith("chrome-extension://"))
-      worlds.push(context.id);
-  });
+  devtools.on("Runtime.executionContextCreated", ({ context }) => context.auxData?.type === "isolated" &&
+              context.origin.startsWith("chrome-extension://") && worlds.push(context.id));
   await devtools.send("Runtime.enable");
   const { result } = await devtools.send("Runtime.evaluate", { contextId: worlds.at(-1), awaitPromise: true,
     returnByValue: true, expression: `new Promise((resolve) => {
@@ -154,13 +134,12 @@ async function bypassContentScript(page) {
   return result.value;
 }
 
-const { server, url } = await serveDemo(args.source, args.build,
-                                        [path.join(args.build, "tools", "scriva-test-token", "scriva-test-token.so")]);
+const { server, url } = await serveDemo(source, build, [path.join(build, "tools", "scriva-test-token", "scriva-test-token.so")]);
 let session;
 try {
   // The browser hands its environment to the host it starts.
-  session = await BrowserSession.start(name, { work: args.work, extension: path.join(args.source, "browser", "extension"),
-    manifests: path.join(args.build, "share", "scriva", "native-messaging-hosts"), log: console.log, env });
+  session = await BrowserSession.start(name, { work: scratch, extension: path.join(source, "browser", "extension"),
+    manifests: path.join(build, "share", "scriva", "native-messaging-hosts"), log: console.log, env });
   await exercise(session, url);
 } catch (error) {
   seen["the browser session ran to its end"] = error.stack;
@@ -169,7 +148,7 @@ try {
   server.kill();
 }
 console.log(JSON.stringify(seen, null, 1));
-const expected = JSON.parse(fs.readFileSync(path.join(args.source, "tests", "data", "browser", "e2e-record.json"), "utf8"));
+const expected = JSON.parse(fs.readFileSync(path.join(source, "tests", "data", "browser", "e2e-record.json"), "utf8"));
 if (name !== "chromium")
   delete expected["the background by itself"];
 assert.deepEqual(seen, expected);

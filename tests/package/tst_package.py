@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
 """Builds the Debian package in the build tree, checks its control data and contents, unpacks it
 into a scratch root and talks to the unpacked host as a browser would."""
-import argparse
 import glob
 import json
 import os
@@ -11,13 +10,10 @@ import subprocess
 import sys
 
 PREFIX = "/opt/scriva"
-EXPECTED = {line for line in open(os.path.join(os.path.dirname(__file__), "..", "data", "package-files.txt")).read()
-            .splitlines() if line.startswith("/")}
+EXPECTED = {line.strip() for line in open(os.path.join(os.path.dirname(__file__), "../data/package-files.txt"))
+            if line.startswith("/")}
 MANIFESTS = {path for path in EXPECTED if "/native-messaging-hosts/" in path}
-parser = argparse.ArgumentParser()
-parser.add_argument("--build", required=True)
-parser.add_argument("--work", required=True)
-args = parser.parse_args()
+build, work = sys.argv[1:]
 failures = []
 
 
@@ -30,13 +26,9 @@ def output(*arguments):
     return subprocess.run(arguments, capture_output=True, text=True, check=True).stdout
 
 
-shutil.rmtree(args.work, ignore_errors=True)
-os.makedirs(args.work)
-
-subprocess.run(["cpack", "-G", "DEB", "-B", args.work], cwd=args.build, check=True)
-packages = glob.glob(os.path.join(args.work, "scriva-pkcs11_*.deb"))
-check(len(packages) == 1, "cpack writes one package", packages)
-package = packages[0]
+shutil.rmtree(work, ignore_errors=True)
+subprocess.run(["cpack", "-G", "DEB", "-B", work], cwd=build, check=True)
+package, = glob.glob(os.path.join(work, "scriva-pkcs11_*.deb"))  # cpack writes one package
 
 # The version is the program's with a package revision, the dependencies follow the linked libraries.
 fields = {name: output("dpkg-deb", "-f", package, name).strip() for name in ("Package", "Version", "Depends")}
@@ -44,8 +36,7 @@ seen = (fields["Package"], fields["Version"].split("-")[0],
         *(name in fields["Depends"] for name in ("libqt6widgets6", "libssl3")))
 check(seen == ("scriva-pkcs11", "2.6.1", True, True), "the package's name, version and dependencies", fields)
 conffiles = set(output("dpkg-deb", "-I", package, "conffiles").split())
-check(conffiles == {path for path in MANIFESTS if path.startswith("/etc/")}, "the manifests in /etc are conffiles",
-      conffiles)
+check(conffiles == {p for p in MANIFESTS if p.startswith("/etc/")}, "the manifests in /etc are conffiles", conffiles)
 
 listing = {line.split()[-1].lstrip(".") for line in output("dpkg-deb", "-c", package).splitlines()}
 check(EXPECTED <= listing, "the package holds the expected files", sorted(EXPECTED - listing))
@@ -54,23 +45,21 @@ stray = [path for path in listing if not path.startswith((PREFIX, "/etc/chromium
          and path not in ("/", "/etc/", "/usr/", "/usr/lib/", "/usr/share/", "/opt/")]
 check(not stray, "nothing lies outside the prefix but the browser and Debian folders", stray)
 
-root = os.path.join(args.work, "root")
+root = os.path.join(work, "root")
 subprocess.run(["dpkg", "-x", package, root], check=True)
 host = PREFIX + "/bin/ScrivaPkcs11"
-named = {path: {key: value for key, value in json.load(open(root + path)).items() if key in ("path", "type")}
-         for path in MANIFESTS}
-check(named == dict.fromkeys(MANIFESTS, {"path": host, "type": "stdio"}), "the manifests name the installed host",
-      named)
-check(".symtab" not in output("readelf", "-S", "-W", root + host), "the host is stripped")
+named = {path: json.load(open(root + path)) for path in MANIFESTS}
+check(all((m["path"], m["type"]) == (host, "stdio") for m in named.values()), "the manifests name the installed host", named)
+elf = {option: output("readelf", option, "-W", root + host) for option in ("-S", "-h", "-l", "-d", "--dyn-syms")}
+check(".symtab" not in elf["-S"], "the host is stripped")
 # What hardening-check looks for: the imports of the stack protector and of fortified calls,
 # a read-only relocation segment bound at start-up, a position-independent executable.
-imports = {line.split()[7].split("@")[0] for line in output("readelf", "--dyn-syms", "-W", root + host).splitlines()
+imports = {line.split()[7].split("@")[0] for line in elf["--dyn-syms"].splitlines()
            if " UND " in line and len(line.split()) > 7}
-dynamic = output("readelf", "-d", "-W", root + host)
 hardening = {"stack protector": "__stack_chk_fail" in imports,
              "fortify": any(name.startswith("__") and name.endswith("_chk") for name in imports),
-             "relro": "GNU_RELRO" in output("readelf", "-l", "-W", root + host) and "BIND_NOW" in dynamic,
-             "pie": "DYN (" in output("readelf", "-h", "-W", root + host) and "PIE" in dynamic}
+             "relro": "GNU_RELRO" in elf["-l"] and "BIND_NOW" in elf["-d"],
+             "pie": "DYN (" in elf["-h"] and "PIE" in elf["-d"]}
 check(all(hardening.values()), "the host is hardened", hardening)
 # A browser's first two messages, each framed by its length.
 messages = [json.dumps({"method": f"ScrivaPkcs11.1.0.0.qt.QES.{method}", "id": method}).encode()
