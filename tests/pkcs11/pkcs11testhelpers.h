@@ -11,6 +11,7 @@
 class TraceSwitch
 {
 public:
+    explicit TraceSwitch(const QString& base = QDir::tempPath()) : home(base + QStringLiteral("/scriva-trace-XXXXXX")) {}
     // From initTestCase: the test framework installs its own message handler before that.
     void install()
     {
