@@ -82,8 +82,7 @@ private slots:
         QCOMPARE(logger.C_CreateObject(session, attributes + 3, 1, &object), CKR_OK);
         QCOMPARE(logger.C_GetAttributeValue(session, object, attributes, 4), CKR_ATTRIBUTE_SENSITIVE);
 
-        // An array attribute's value comes from a request: the pointers in it are never followed. Both
-        // values lie one byte off alignment.
+        // Array values from a request, one byte off alignment: the pointers in them are never followed.
         const CK_ATTRIBUTE entries[] = {{CKA_SUB_PRIME_BITS, reinterpret_cast<void*>(0x10), 8},
                                         {CKA_UNWRAP_TEMPLATE, reinterpret_cast<void*>(0xdead0000), 2 * sizeof(CK_ATTRIBUTE)}};
         QByteArray wild = QByteArray(1, '\x55') + QByteArray(reinterpret_cast<const char*>(entries), sizeof(entries));
