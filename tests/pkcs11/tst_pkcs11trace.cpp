@@ -28,8 +28,7 @@ private slots:
     void forwardsSilentlyWhileTheLogFileIsAbsentOrTheListMissing()
     {
         TraceSwitch::set(false);
-        const uint8_t vendorDefined = 0x8F;
-        answers(&vendorDefined, 1);
+        answers(reinterpret_cast<const uint8_t*>("\x8f"), 1); // CKR_VENDOR_DEFINED
         QCOMPARE(Pkcs11Logger(list).C_Finalize(nullptr), CKR_VENDOR_DEFINED);
         QVERIFY(!QFile::exists(LogHandler::hostLogPath()));
         TraceSwitch::set(true);
