@@ -2,16 +2,13 @@
 // (scrivafuzzp11.cpp), with the call trace on. The first byte picks the operation and the sample
 // request; the module and the user read the rest, call by call. Crashes, leaks, undefined behaviour
 // and answers that are not well-formed XML are the findings; refusals and failing calls are not.
+#include "../pkcs11/pkcs11testhelpers.h"
 #include "appexception.h"
-#include "loghandler.h"
 #include "pinprompt.h"
 #include "pkcs11/XmlParser/scrivanamespaces.h"
 #include "pkcs11/XmlParser/scrivapkcs11inputxmlparser.h"
 #include "pkcs11/pkcs11manager.h"
 
-#include <QDir>
-#include <QFile>
-#include <QTemporaryDir>
 #include <QXmlStreamReader>
 
 #include <dlfcn.h>
@@ -54,15 +51,13 @@ private:
 bool setUp()
 {
     initResources();
-    static QTemporaryDir home((QDir(QStringLiteral("/dev/shm")).exists() ? QStringLiteral("/dev/shm") : QDir::tempPath())
-                              + QStringLiteral("/scriva-fuzz-XXXXXX"));
-    qputenv("XDG_DATA_HOME", home.path().toUtf8());
-    LogHandler::init(QString::fromLatin1(LogHandler::hostLogFileName));
-    QDir().mkpath(LogHandler::logDirectory());
+    static TraceSwitch traceSwitch(QDir(QStringLiteral("/dev/shm")).exists() ? QStringLiteral("/dev/shm") : QDir::tempPath());
+    traceSwitch.install();
+    TraceSwitch::set(true);
     void* module = dlopen(SCRIVA_FUZZ_MODULE, RTLD_NOW);
     answers = reinterpret_cast<decltype(answers)>(module ? dlsym(module, "scrivaFuzzAnswers") : nullptr);
     nextByte = reinterpret_cast<decltype(nextByte)>(module ? dlsym(module, "scrivaFuzzByte") : nullptr);
-    return answers && nextByte && QFile(LogHandler::hostLogPath()).open(QIODevice::WriteOnly);
+    return answers && nextByte;
 }
 
 // The sample request naming the fuzz module: variant 0 is the 2022-12-29 version, 1 the 2026-02-04

@@ -1,7 +1,7 @@
-// The PKCS#11 module of fuzz_pkcs11_module: every answer (return value, count, length, bytes, handle,
-// information structure) is read from the bytes the fuzzer hands it before each run. It claims what
-// they say but writes only within the buffers and room the caller gave, so whatever goes wrong is the
-// caller's doing. When the bytes run out every call answers CKR_OK with zeros, so every loop ends.
+// The PKCS#11 module of fuzz_pkcs11_module and the trace test: every answer (return value, count,
+// length, bytes, handle, structure) comes from the bytes it is handed before a run. It claims what
+// they say but writes only within the buffers the caller gave, so what goes wrong is the caller's
+// doing. Once the bytes run out every call answers CKR_OK with zeros, so every loop ends.
 #include <p11-kit/pkcs11.h>
 
 #include <algorithm>
@@ -19,10 +19,8 @@ uint8_t byte() { return next < end ? *next++ : 0; }
 void fill(void* out, size_t size)
 {
     const size_t taken = std::min<size_t>(size, size_t(end - next));
-    if (taken)
-        std::memcpy(out, next, taken);
-    if (size > taken)
-        std::memset(static_cast<uint8_t*>(out) + taken, 0, size - taken);
+    if (size) // else `out` may be null
+        std::memset(std::copy_n(next, taken, static_cast<uint8_t*>(out)), 0, size - taken);
     next += taken;
 }
 
@@ -111,6 +109,7 @@ CK_FUNCTION_LIST functions = [] {
     list.C_OpenSession = [](CK_SLOT_ID, CK_FLAGS, CK_VOID_PTR, CK_NOTIFY, CK_SESSION_HANDLE_PTR session) { return handles(session); };
     list.C_CloseSession = list.C_Logout = list.C_FindObjectsFinal = answer;
     list.C_Login = answer, list.C_FindObjectsInit = answer, list.C_DigestInit = answer, list.C_SignInit = answer;
+    list.C_DestroyObject = answer;
     list.C_GetSessionInfo = info;
     list.C_CreateObject = [](CK_SESSION_HANDLE, CK_ATTRIBUTE_PTR, CK_ULONG, CK_OBJECT_HANDLE_PTR object) { return handles(object); };
     list.C_GenerateKeyPair = [](CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_ATTRIBUTE_PTR, CK_ULONG, CK_ATTRIBUTE_PTR,

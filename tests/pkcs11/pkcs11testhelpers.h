@@ -11,6 +11,7 @@
 class TraceSwitch
 {
 public:
+    explicit TraceSwitch(const QString& base = QDir::tempPath()) : home(base + QStringLiteral("/scriva-trace-XXXXXX")) {}
     // From initTestCase: the test framework installs its own message handler before that.
     void install()
     {
@@ -33,8 +34,7 @@ public:
         QFile file(LogHandler::hostLogPath());
         return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
     }
-    // The messages of the trace lines, with their leading blanks; addresses of this run (nine or
-    // more hexadecimal digits) read "0x*".
+    // The trace lines' messages, leading blanks kept; this run's addresses (9+ hex digits) read "0x*".
     static QStringList trace()
     {
         static const QRegularExpression line(QStringLiteral("^\\S+ - \\d+ - \\d+ - I - PKCS#11 - (.*) - at .* line \\d+$"));
