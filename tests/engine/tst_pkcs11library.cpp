@@ -5,9 +5,6 @@
 
 #include <QTranslator>
 
-#include <dlfcn.h>
-#include <gnu/libc-version.h>
-
 #include <algorithm>
 
 using namespace EngineTest;
@@ -83,10 +80,8 @@ private slots:
         QFETCH(QString, error);
         QFETCH(QString, cause);
         QFETCH(QStringList, trace);
-        Dl_info libc{};
-        dladdr(reinterpret_cast<void*>(&gnu_get_libc_version), &libc);
         const QString path = module == "test module" ? SoftHsmToken::testModulePath()
-            : module == "libc"                       ? QString::fromLocal8Bit(libc.dli_fname) : work.filePath(module);
+            : module.startsWith("lib")                 ? module : work.filePath(module);
         QVERIFY(configureModule(work, config));
         QFile::copy(SoftHsmToken::testModulePath(), work.filePath("copy.so"));
         if (module == "copy.so")
@@ -161,6 +156,7 @@ private slots:
         QFETCH(int, endsAt);
         QFETCH(QStringList, results);
         QFETCH(QStringList, shown);
+        QFETCH(QStringList, lengths);
         QVERIFY(store->generateRsaKeyPair("Engine Token", userPin, "01", "Signing Key"));
         open(config << "always_authenticate=1",
              cachedContextPin ? Pkcs11Library::SignatureTypeCachedContextPin : Pkcs11Library::SignatureTypeDefault);
@@ -183,15 +179,9 @@ private slots:
             }).error;
         QCOMPARE(ends, results);
         QCOMPARE(user.seen(), shown);
-        if (QTest::currentDataTag() != QLatin1String("remembered context PIN"))
-            return;
-        // Every length goes in as 0 to be asked, then with the size the module answered: the key's search,
-        // its CKA_ALWAYS_AUTHENTICATE, the digest and the signature, for each signature.
-        const QString lengths = " *pulObjectCount: 0| *pulObjectCount: 1|   ulValueLen: 0|   ulValueLen: 1|   ulValueLen: 1|   ulValueLen: 1|"
-                                " *pulDigestLen: 0| *pulDigestLen: 32| *pulDigestLen: 32| *pulDigestLen: 32| *pulSignatureLen: 0|"
-                                " *pulSignatureLen: 256| *pulSignatureLen: 256| *pulSignatureLen: 256";
-        QCOMPARE(TraceSwitch::trace().filter(QRegularExpression("^ +(\\*pul\\w+|ulValueLen): ")).join('|'),
-                 QStringList(3, "   ulValueLen: 8|" + lengths).join('|'));
+        if (!lengths.isEmpty()) // each signature's lengths, in as 0 to ask the size, then as answered
+            QCOMPARE(TraceSwitch::trace().filter(QRegularExpression("^ +(\\*pul\\w+|ulValueLen): ")).replaceInStrings(QRegularExpression("^ +"), ""),
+                     lengths + lengths + lengths);
     }
 
     // A key without context login, a context login before signing, an unreadable object, and an
