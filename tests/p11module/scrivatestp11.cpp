@@ -114,13 +114,11 @@ bool hasClass(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_OBJECT_CLAS
 // Holds the call at its gate. The mutex is not held meanwhile, so other threads reach the module.
 void pause(const char* call)
 {
-    std::string gate;
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (!has("hold_dir") || !listed("hold_calls", call))
-            return;
-        gate = text("hold_dir") + "/" + call;
-    }
+    std::unique_lock<std::mutex> lock(mutex);
+    if (!has("hold_dir") || !listed("hold_calls", call))
+        return;
+    const std::string gate = text("hold_dir") + "/" + call;
+    lock.unlock();
     std::ofstream(gate + ".entered");
     while (!std::ifstream(gate + ".release").good())
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -212,10 +210,8 @@ CK_RV testGetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info)
         info->flags |= CKF_USER_PIN_LOCKED;
     else if (has("pin_tries") && wrongPins > 0)
         info->flags |= wrongPins + 1 == number("pin_tries") ? CKF_USER_PIN_FINAL_TRY : CKF_USER_PIN_COUNT_LOW;
-    if (listed("user_pin_flags", "count_low"))
-        info->flags |= CKF_USER_PIN_COUNT_LOW;
-    if (listed("user_pin_flags", "final_try"))
-        info->flags |= CKF_USER_PIN_FINAL_TRY;
+    info->flags |= (listed("user_pin_flags", "count_low") ? CKF_USER_PIN_COUNT_LOW : 0)
+                   | (listed("user_pin_flags", "final_try") ? CKF_USER_PIN_FINAL_TRY : 0);
     if (lie("C_GetTokenInfo") == "garbage")
         garble(info->label), garble(info->manufacturerID), garble(info->model);
     return rv;
@@ -254,16 +250,13 @@ CK_RV answerAttribute(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATT
 {
     CK_ATTRIBUTE& attribute = attributes[0];
     std::string value;
-    if (has("unavailable_type") && attribute.type == number("unavailable_type")) {
+    // Handle 0 names no real object; the vendor attribute lives there.
+    const bool invalid = object == 0 && has("token_platform") && attribute.type != tokenPlatformAttribute;
+    if (invalid || (has("unavailable_type") && attribute.type == number("unavailable_type"))) {
         attribute.ulValueLen = CK_UNAVAILABLE_INFORMATION;
-        return CKR_OK;
+        return invalid ? CKR_ATTRIBUTE_TYPE_INVALID : CKR_OK;
     }
     if (object == 0 && has("token_platform")) {
-        // Handle 0 names no real object; the vendor attribute lives there.
-        if (attribute.type != tokenPlatformAttribute) {
-            attribute.ulValueLen = CK_UNAVAILABLE_INFORMATION;
-            return CKR_ATTRIBUTE_TYPE_INVALID;
-        }
         value = text("token_platform");
     } else if (attribute.type == kovDataAttribute && has("kov_data_hex") && hasClass(session, object, CKO_PUBLIC_KEY)) {
         const std::string hex = text("kov_data_hex");
