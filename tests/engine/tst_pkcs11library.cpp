@@ -25,7 +25,6 @@ class TestPkcs11Library : public QObject
     Pkcs11TokenInfo tokenInfo;
     CK_SESSION_HANDLE session = 0;
     const QString userPin = QStringLiteral("user-pin-1");
-    const QString pinIncorrect = "box: Corvant Scriva: The %1 you entered is not correct. Please try again.";
 
     // Loads the test module with the configuration and opens a read-write session on the token.
     void open(const QStringList& config, Pkcs11Library::SignatureType type = Pkcs11Library::SignatureTypeDefault,
