@@ -168,7 +168,7 @@ private slots:
             stored << QByteArray::fromHex("3000");
         for (const QByteArray& der : request.startsWith("getslots") ? QList<QByteArray>() : stored) {
             user.script({"pin:" + userPin});
-            QCOMPARE(run(&Pkcs11Manager::createObject, "createobject-2026", certificateObject(der)).error, QString());
+            QCOMPARE(run(&Pkcs11Manager::createObject, "createobject-2022", certificateObject(der)).error, QString());
         }
         QMap<QString, QString> replacements = certificateObject(stored.first());
         if (!form) { // a private object
