@@ -97,35 +97,31 @@ inline void rowsFrom()
     QVERIFY2(file.open(QIODevice::ReadOnly | QIODevice::Text), qPrintable(file.fileName()));
     const QString text = "\n" + QString::fromUtf8(file.readAll());
     static QList<QByteArray> names; // the test table keeps pointers to its column names
-    QStringList kinds; // of each column: "[]", "?", "#" or ""
+    const QMap<QString, int> kinds{{"[]", QMetaType::QStringList}, {"?", QMetaType::Bool}, {"#", QMetaType::Int}};
+    QList<int> types;
     for (const QString& line : text.section("\n== " + QLatin1String(function) + "\n", 1).section("\n== ", 0, 0).split('\n')) {
-        QStringList values = line.trimmed().split(QRegularExpression("\\s*\\|\\s*"));
-        const QString name = values.takeFirst();
         if (line.isEmpty() || line.startsWith('#'))
             continue;
-        if (kinds.isEmpty()) {
+        QStringList values = line.trimmed().split(QRegularExpression("\\s*\\|\\s*"));
+        const QString name = values.takeFirst();
+        if (types.isEmpty()) {
             for (const QString& column : values) {
                 const qsizetype end = column.indexOf(QRegularExpression("[][?#]"));
-                kinds << (end < 0 ? QString() : column.mid(end));
-                names << column.left(end).toUtf8();
-                QTest::addColumnInternal(kinds.last() == "[]" ? QMetaType::QStringList : kinds.last() == "?" ? QMetaType::Bool
-                                         : kinds.last() == "#" ? QMetaType::Int : QMetaType::QString, names.last().constData());
+                types << kinds.value(end < 0 ? QString() : column.mid(end), QMetaType::QString);
+                QTest::addColumnInternal(types.last(), names.emplace_back(column.left(end).toUtf8()).constData());
             }
             continue;
         }
         QTestData& row = QTest::addRow("%s", qPrintable(name));
-        for (qsizetype i = 0; i < kinds.size(); ++i) {
-            if (kinds[i] == "[]")
-                row << (values.value(i).isEmpty() ? QStringList() : values.value(i).split(QRegularExpression("\\s*;\\s*")));
-            else if (kinds[i] == "?")
-                row << (values.value(i) == "true");
-            else if (kinds[i] == "#")
-                row << values.value(i).toInt();
-            else
-                row << values.value(i);
+        for (qsizetype i = 0; i < types.size(); ++i) {
+            QVariant value(values.value(i));
+            if (types[i] == QMetaType::QStringList) // an empty list has no items; ";;" has three empty ones
+                value = values.value(i).isEmpty() ? QStringList() : values.value(i).split(QRegularExpression("\\s*;\\s*"));
+            value.convert(QMetaType(types[i]));
+            row.append(types[i], value.constData());
         }
     }
-    QVERIFY2(!kinds.isEmpty(), function);
+    QVERIFY2(!types.isEmpty(), function);
 }
 
 } // namespace EngineTest

@@ -1,35 +1,30 @@
 // A PKCS#11 module for tests. It forwards every call to a real module (SoftHSM unless
 // SCRIVA_TEST_P11_TARGET names another) and adds what the real module cannot be made to do, as the
-// key=value file named in SCRIVA_TEST_P11_CONFIG says (read at every C_Initialize; none: plain
-// forwarding). Numbers may be decimal or 0x-prefixed hexadecimal.
-//   fail_calls=C_Sign:0x50,...    these calls answer that value without forwarding (C_Sign: only into
-//                                 a buffer; C_LoginContext: only the context-specific logins;
-//                                 C_InitializeLocking: only the C_Initialize that ask for OS locking)
-//   hold_calls=C_GenerateKeyPair  these calls (any but C_Initialize) first create <hold_dir>/<call>.entered,
-//   hold_dir=/tmp/gates           so a test knows the host is inside, then wait for <hold_dir>/<call>.release
-//   thread_state=1                C_Initialize leaves state in the calling thread that this module's
-//                                 code frees when the thread ends, as some modules' runtimes do
-//   pin_pad_pin=1234              the token has a protected authentication path: C_Login without a PIN uses this
-//   pin_tries=3                   the PINs take that many wrong tries: after a wrong one the token info
-//                                 reports CKF_USER_PIN_COUNT_LOW, with one try left CKF_USER_PIN_FINAL_TRY,
-//                                 then CKF_USER_PIN_LOCKED and C_Login answers CKR_PIN_LOCKED; a right PIN
-//                                 starts the count again
+// key=value file named in SCRIVA_TEST_P11_CONFIG says (read at every C_Initialize). Numbers: decimal or 0x.
+//   fail_calls=C_Sign:0x50,...    these calls answer that value unforwarded (C_Sign: only into a buffer;
+//                                 C_LoginContext: context logins; C_InitializeLocking: with OS locking)
+//   hold_calls=C_GenerateKeyPair  these calls (but C_Initialize) create <hold_dir>/<call>.entered, so a
+//   hold_dir=/tmp/gates           test knows the host is inside, then wait for <hold_dir>/<call>.release
+//   thread_state=1                C_Initialize leaves state in the calling thread that this module frees
+//                                 when the thread ends, as some modules' runtimes do
+//   pin_pad_pin=1234              a protected authentication path: C_Login without a PIN uses this
+//   pin_tries=3                   after a wrong PIN the token reports CKF_USER_PIN_COUNT_LOW, with one
+//                                 try left ..._FINAL_TRY, then ..._LOCKED and C_Login answers
+//                                 CKR_PIN_LOCKED; a right PIN starts the count again
 //   user_pin_flags=count_low      the token info always adds CKF_USER_PIN_COUNT_LOW (final_try: ..._FINAL_TRY)
 //   token_info_fail_label=Broken  C_GetTokenInfo of the token with this label answers CKR_DEVICE_ERROR
 //   always_authenticate=1         private keys read CKA_ALWAYS_AUTHENTICATE = true, and signing needs a
-//   context_pin=5678              CKU_CONTEXT_SPECIFIC login with this PIN (or a null PIN with a PIN pad)
+//   context_pin=5678              context login with this PIN (or a null PIN with a PIN pad)
 //   token_platform=Platform text  vendor attribute 0x80001070 of object handle 0 (its length query answers more)
 //   kov_data_hex=3003020101       vendor attribute 0x80000007 of public keys
 //   unavailable_type=0x122        this attribute of any object answers CKR_OK with an unavailable length
 //   no_slots=1                    C_GetSlotList reports no slots
-//   slot_list_grows=2             that many times a token arrives between the two C_GetSlotList calls: the
-//                                 count leaves a slot out, the call into the buffer answers CKR_BUFFER_TOO_SMALL
-//   lie=C_Sign:grow               the call answers CKR_OK with a count or length it does not mean: grow: 6
-//                                 more than the buffer it filled; shrink: one fewer; huge: 2^40 when asked
-//                                 without a buffer (C_GetSlotList, C_GetAttributeValue, C_Digest, C_Sign).
-//                                 C_FindObjects:forever finds made-up objects without end, :overflow 5 more
-//                                 than asked for; C_GetSlotInfo:garbage and C_GetTokenInfo:garbage fill the
-//                                 texts (but the serial number) with bytes that are not UTF-8
+//   slot_list_grows=2             that many times a token arrives between the two C_GetSlotList calls
+//   lie=C_Sign:grow               CKR_OK with a count it does not mean: grow: 6 more than it filled;
+//                                 shrink: one fewer; huge: 2^40 without a buffer (C_GetSlotList,
+//                                 C_GetAttributeValue, C_Digest, C_Sign). C_FindObjects:forever finds
+//                                 objects without end, :overflow 5 more than asked for;
+//                                 C_GetSlotInfo/C_GetTokenInfo:garbage fill texts with bytes not UTF-8
 
 #include <p11-kit/pkcs11.h>
 
@@ -119,13 +114,11 @@ bool hasClass(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_OBJECT_CLAS
 // Holds the call at its gate. The mutex is not held meanwhile, so other threads reach the module.
 void pause(const char* call)
 {
-    std::string gate;
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (!has("hold_dir") || !listed("hold_calls", call))
-            return;
-        gate = text("hold_dir") + "/" + call;
-    }
+    std::unique_lock<std::mutex> lock(mutex);
+    if (!has("hold_dir") || !listed("hold_calls", call))
+        return;
+    const std::string gate = text("hold_dir") + "/" + call;
+    lock.unlock();
     std::ofstream(gate + ".entered");
     while (!std::ifstream(gate + ".release").good())
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -217,10 +210,8 @@ CK_RV testGetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info)
         info->flags |= CKF_USER_PIN_LOCKED;
     else if (has("pin_tries") && wrongPins > 0)
         info->flags |= wrongPins + 1 == number("pin_tries") ? CKF_USER_PIN_FINAL_TRY : CKF_USER_PIN_COUNT_LOW;
-    if (listed("user_pin_flags", "count_low"))
-        info->flags |= CKF_USER_PIN_COUNT_LOW;
-    if (listed("user_pin_flags", "final_try"))
-        info->flags |= CKF_USER_PIN_FINAL_TRY;
+    info->flags |= (listed("user_pin_flags", "count_low") ? CKF_USER_PIN_COUNT_LOW : 0)
+                   | (listed("user_pin_flags", "final_try") ? CKF_USER_PIN_FINAL_TRY : 0);
     if (lie("C_GetTokenInfo") == "garbage")
         garble(info->label), garble(info->manufacturerID), garble(info->model);
     return rv;
@@ -254,28 +245,18 @@ CK_RV testLogin(CK_SESSION_HANDLE session, CK_USER_TYPE userType, CK_UTF8CHAR_PT
     return rv;
 }
 
-CK_RV testCloseSession(CK_SESSION_HANDLE session)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    contextLogins.erase(session);
-    return target->C_CloseSession(session);
-}
-
 // The engine reads one attribute at a time; the added ones answer with the two-call length protocol.
 CK_RV answerAttribute(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_PTR attributes, CK_ULONG count)
 {
     CK_ATTRIBUTE& attribute = attributes[0];
     std::string value;
-    if (has("unavailable_type") && attribute.type == number("unavailable_type")) {
+    // Handle 0 names no real object; the vendor attribute lives there.
+    const bool invalid = object == 0 && has("token_platform") && attribute.type != tokenPlatformAttribute;
+    if (invalid || (has("unavailable_type") && attribute.type == number("unavailable_type"))) {
         attribute.ulValueLen = CK_UNAVAILABLE_INFORMATION;
-        return CKR_OK;
+        return invalid ? CKR_ATTRIBUTE_TYPE_INVALID : CKR_OK;
     }
     if (object == 0 && has("token_platform")) {
-        // Handle 0 names no real object; the vendor attribute lives there.
-        if (attribute.type != tokenPlatformAttribute) {
-            attribute.ulValueLen = CK_UNAVAILABLE_INFORMATION;
-            return CKR_ATTRIBUTE_TYPE_INVALID;
-        }
         value = text("token_platform");
     } else if (attribute.type == kovDataAttribute && has("kov_data_hex") && hasClass(session, object, CKO_PUBLIC_KEY)) {
         const std::string hex = text("kov_data_hex");
@@ -365,7 +346,6 @@ bool loadTarget()
     inner.C_GetSlotInfo = testGetSlotInfo;
     inner.C_GetTokenInfo = testGetTokenInfo;
     inner.C_Login = testLogin;
-    inner.C_CloseSession = testCloseSession;
     inner.C_GetAttributeValue = testGetAttributeValue;
     inner.C_FindObjects = testFindObjects;
     inner.C_Digest = testDigest;
