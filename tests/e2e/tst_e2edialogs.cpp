@@ -11,9 +11,8 @@
 
 #include <sys/prctl.h>
 
-// The built host's real windows on a private X server and a headless Wayland desktop, answered
-// with a keyboard as a user would, on a SoftHSM token made for this run. The cases share one host and run in this order; the last
-// one ends the host.
+// The built host's real windows on a private X server and a headless Wayland desktop, answered with a keyboard, on
+// a SoftHSM token made for this run. The cases share one host in this order; the last one ends it.
 class TestE2eDialogs : public QObject
 {
     Q_OBJECT
@@ -24,9 +23,6 @@ class TestE2eDialogs : public QObject
     // The PIN form and the message after a wrong PIN both carry the application's name alone.
     const QString formTitle = "^Corvant Scriva$";
     const QString fileDialogTitle = "^Select the PKCS#11 library of your token$";
-    const QMap<QString, QString> noUsableModule{{HostProcess::sampleModule, "/nonexistent/libpkcs11.so"},
-                                                {"<Path>opensc-pkcs11.so", "<Path>/nonexistent/opensc-pkcs11.so"},
-                                                {"<AllowManualSelection>false", "<AllowManualSelection>true"}};
 
     QString setDisplayTime() { return HostProcess::error(th.call("SetProperty", "{\"MinimalWindowDisplayTime\": 2000}")); }
 
@@ -45,8 +41,7 @@ class TestE2eDialogs : public QObject
     const bool dumped = true;
 #endif
 
-    // What of the PINs the running host keeps in its memory, in UTF-8 or UTF-16, or in its log
-    // (empty when nothing); gdb reads no debug information.
+    // The copies of the PINs in the running host's memory (UTF-8 or UTF-16) or its log; gdb reads no debug information.
     QString pinsLeft(HostProcess& host)
     {
         QFile core(work.filePath("core"));
@@ -66,8 +61,7 @@ class TestE2eDialogs : public QObject
         return found;
     }
 
-    // The method and error of the next answer.
-    QString nextAnswer()
+    QString nextAnswer() // its method and error
     {
         const QJsonObject answer = th.readAnswer(60000);
         return answer.value("method").toString().section('.', -1) + ": " + HostProcess::error(answer);
@@ -80,8 +74,7 @@ private slots:
         QVERIFY2(display.start(), qPrintable(display.lastError()));
         QVERIFY2(wayland.start(), qPrintable(wayland.lastError()));
         display.addTo(th.environment());
-        // The session's accessibility bus, on which a screen reader hears the host: private to this
-        // run, in the host's runtime directory, ended when its input closes.
+        // The accessibility bus a screen reader hears the host on: private to this run, ended when its input closes.
         accessibilityBus.setProcessEnvironment(th.environment());
         accessibilityBus.start("dbus-run-session", {"--", "sh", "-c", "echo $DBUS_SESSION_BUS_ADDRESS; /usr/libexec/at-spi-bus-launcher "
                                                     "--launch-immediately & read -r _; kill $!"});
@@ -89,8 +82,7 @@ private slots:
         th.environment().insert("DBUS_SESSION_BUS_ADDRESS", accessibilityBus.readLine().trimmed());
         th.environment().insert("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1");
         th.enableLog();
-        // Names the test module's file in the host's environment; the cases write it as they go.
-        QVERIFY(th.configureTestModule({}));
+        QVERIFY(th.configureTestModule({})); // names the file in the host's environment; the cases write it
         QVERIFY2(th.startWithToken(), qPrintable(th.lastError()));
     }
 
@@ -110,9 +102,8 @@ private slots:
         QVERIFY(display.windows(hostWindow).isEmpty());
     }
 
-    // A screen reader hears each window as it gets the focus; with the token at its last try the
-    // form carries the warning as the PIN field's description. Tab goes to OK then Cancel, Escape
-    // cancels; after a wrong PIN a message says so, then the form comes again for the right one.
+    // A screen reader hears each window as it gets the focus, the last-try warning with the PIN field. Tab goes to OK
+    // then Cancel, Escape cancels; after a wrong PIN a message says so, then the form comes again.
     void screenReaderHearsTheFormsAndTheWrongPinMessage()
     {
         QProcess reader; // on the host's accessibility bus
@@ -147,25 +138,25 @@ private slots:
 
     void fileDialogChoosesTheModuleOrIsRejected()
     {
+        QMap<QString, QString> noModule{{HostProcess::sampleModule, "/nonexistent/libpkcs11.so"},
+                                        {"<Path>opensc-pkcs11.so", "<Path>/nonexistent/opensc-pkcs11.so"}};
         // Without manual selection no dialog is offered.
-        QMap<QString, QString> noModule = noUsableModule;
-        noModule.remove("<AllowManualSelection>false");
-        QCOMPARE(HostProcess::error(th.call("GetSlots", th.argument("getslots-2026", noModule))), "NoUsablePkcs11LibraryFound");
-        th.send("getslots-2026", th.argument("getslots-2026", noUsableModule));
+        QCOMPARE(HostProcess::error(th.call("getslots-2026", noModule)), "NoUsablePkcs11LibraryFound");
+        noModule.insert("<AllowManualSelection>false", "<AllowManualSelection>true");
+        th.send("getslots-2026", th.argument("getslots-2026", noModule));
         QVERIFY(display.type(display.waitForWindow(fileDialogTitle), SoftHsmToken::softHsmModulePath(), "Return"));
         const QString document = HostProcess::result(th.readAnswer(60000));
         QCOMPARE(HostProcess::texts(document, "Pkcs11LibraryPath"), QStringList{SoftHsmToken::softHsmModulePath()});
         QVERIFY(HostProcess::texts(document, "SerialNumber").contains(th.serialNumber()));
 
-        th.send("getcertificates-2022", th.argument("getcertificates-2022", noUsableModule));
+        th.send("getcertificates-2022", th.argument("getcertificates-2022", noModule));
         QVERIFY(display.type(display.waitForWindow(fileDialogTitle), {}, "Escape"));
         QCOMPARE(nextAnswer(), "GetCertificates: UserRejectedFileDialog");
     }
 
-    // The PIN form, each row with a host of its own, ending as the row says; then neither PIN is
-    // left in the host's memory, in UTF-8 or UTF-16, nor in its log. Last, the host started as the
-    // WebExtensions portal and Flatpak's proxy start it for a sandboxed Firefox: not the browser's
-    // child, with little of the user's environment.
+    // The PIN form, a host for each row, ending as the row says; then neither PIN is left in the host's memory nor log.
+    // Last, the host started as the WebExtensions portal and Flatpak's proxy start it for a sandboxed Firefox: not
+    // the browser's child, with little of the user's environment.
     void pinIsUsedAndForgotten_data()
     {
         QTest::addColumn<bool>("onWayland");

@@ -70,8 +70,7 @@ bool VirtualDisplay::waitUntilGone(const QString& window) const
     return QTest::qWaitFor([&] { return !windows(".").contains(window); }, 20000);
 }
 
-// On X the focus request and the keystrokes travel on one X connection, so the server applies them
-// in this order.
+// On X the focus request and the keystrokes share one connection, so the server applies them in order.
 bool VirtualDisplay::type(const QString& window, const QString& text, const QString& keys) const
 {
     if (kind == Wayland)
