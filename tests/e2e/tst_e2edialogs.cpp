@@ -26,13 +26,6 @@ class TestE2eDialogs : public QObject
 
     QString setDisplayTime() { return HostProcess::error(th.call("SetProperty", "{\"MinimalWindowDisplayTime\": 2000}")); }
 
-    // Starts a CreateObject, which needs a login, and returns the PIN form it opens (empty when none shows).
-    QString startLoginOperation()
-    {
-        th.send("createobject-2026", th.argument("createobject-2026", HostProcess::onTestModule()));
-        return display.waitForWindow(formTitle);
-    }
-
     const char* wrongPin = "Hm3rT9vB";
     QTemporaryDir work;
 #ifdef __SANITIZE_ADDRESS__
@@ -59,12 +52,6 @@ class TestE2eDialogs : public QObject
         }
         core.remove();
         return found;
-    }
-
-    QString nextAnswer() // its method and error
-    {
-        const QJsonObject answer = th.readAnswer(60000);
-        return answer.value("method").toString().section('.', -1) + ": " + HostProcess::error(answer);
     }
 
 private slots:
@@ -117,7 +104,7 @@ private slots:
 
         th.send("getcertificates-2022", th.argument("getcertificates-2022", noModule));
         QVERIFY(display.type(display.waitForWindow(fileDialogTitle), {}, "Escape"));
-        QCOMPARE(nextAnswer(), "GetCertificates: UserRejectedFileDialog");
+        QCOMPARE(HostProcess::error(th.readAnswer(60000)), "UserRejectedFileDialog");
     }
 
     // The PIN form, a host for each row, ending as the row says; then neither PIN is left in the host's memory nor log.
@@ -200,13 +187,17 @@ private slots:
         const auto heardFocus = [&](int times) {
             return QTest::qWaitFor([&] { return (heard += reader.readAll()).count("focus: ") >= times; }, 20000);
         };
-        const QString first = startLoginOperation();
+        // A CreateObject needs a login: the PIN form it opens.
+        const auto startLogin = [&] {
+            return th.send("createobject-2026", th.argument("createobject-2026", HostProcess::onTestModule())), display.waitForWindow(formTitle);
+        };
+        const QString first = startLogin();
         QTRY_VERIFY(th.logContains("The token warns: last PIN try"));
         for (const int times : {1, 2, 3})
             QVERIFY(heardFocus(times) && display.type(first, {}, times < 3 ? "Tab" : "Escape"));
-        QCOMPARE(nextAnswer(), "CreateObject: OperationCanceled");
+        QCOMPARE(HostProcess::error(th.readAnswer(60000)), "OperationCanceled");
 
-        const QString form = startLoginOperation();
+        const QString form = startLogin();
         QVERIFY(heardFocus(4) && display.type(form, "9999", "Return"));
         const QString message = display.waitForWindow(formTitle, {form});
         QVERIFY(!message.isEmpty() && display.waitUntilGone(form));
