@@ -87,11 +87,8 @@ void checkReadable(QWidget* window)
 }
 
 // Types, ticks the save box and presses the button (none: the title bar's close); `fieldText` shares the field's buffer.
-void answerForm(const QString& pin, const char* button, QString* fieldText = nullptr)
+void answerForm(PinForm* form, const QString& pin, const char* button, QString* fieldText = nullptr)
 {
-    PinForm* form = PinForm::openForm();
-    QVERIFY(form);
-    QTRY_VERIFY(form->isVisible());
     auto* field = form->findChild<QLineEdit*>(QStringLiteral("lePin"));
     // Typing never moves the characters to a new buffer that would leave the old one behind.
     const QChar* buffer = field->text().constData();
@@ -171,7 +168,7 @@ private slots:
             QFuture<QString> second = QtConcurrent::run([&] { return TestRequests::refusal([&] { askPin(other); }); });
             QTRY_VERIFY(second.isFinished());
             secondError = second.result();
-            answerForm(typed, button.constData(), &field);
+            answerForm(form, typed, button.constData(), &field);
         });
         bool savePin = false;
         pin = QtConcurrent::run([&] { return askPin(launcher, context ? &savePin : nullptr); });
@@ -210,7 +207,7 @@ private slots:
         QCOMPARE(askPin(launcher), QString());
         QVERIFY(!PinForm::openForm());
         launcher.reopen();
-        answerWhenOpen(this, [](PinForm*) { answerForm(QStringLiteral("4321"), "btnOk"); });
+        answerWhenOpen(this, [](PinForm* form) { answerForm(form, QStringLiteral("4321"), "btnOk"); });
         QCOMPARE(askPin(launcher), "4321");
     }
 
