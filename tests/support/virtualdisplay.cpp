@@ -13,9 +13,7 @@ bool VirtualDisplay::start()
 {
     if (kind == Wayland) {
         server.start("python3", {swayScript, "run", dir.path()});
-        const bool up = tool({"ready"}, &error); // the display's name, or what sway said
-        display = up ? error.trimmed() : QString();
-        return up;
+        return tool({"ready"}, &error) && !(display = error.trimmed()).isEmpty(); // the display's name, or what sway said
     }
     // The server writes its display number to standard output once it accepts clients.
     server.setProcessChannelMode(QProcess::ForwardedErrorChannel);
