@@ -1,7 +1,6 @@
 #!/usr/bin/python3
-# The tests' screen reader, on the accessibility bus as Orca is. The first time a window has the
-# focus it prints each node of it a reader reaches (showing) as "role | name | description", empty
-# ones left off, indented by depth; then each focus move. "listening" says it is ready.
+# The tests' screen reader on the accessibility bus: the first time a window has the focus it prints each showing
+# node as "role | name | description" (empty ones left off), indented by depth; then each focus move.
 import pyatspi
 
 windows = []

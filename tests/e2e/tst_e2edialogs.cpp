@@ -11,9 +11,8 @@
 
 #include <sys/prctl.h>
 
-// The built host's real windows on a private X server and a headless Wayland desktop, answered
-// with a keyboard as a user would, on a SoftHSM token made for this run. The cases share one host and run in this order; the last
-// one ends the host.
+// The built host's real windows on a private X server and a headless Wayland desktop, answered with a keyboard, on
+// a SoftHSM token made for this run. The cases share one host in this order; the last one ends it.
 class TestE2eDialogs : public QObject
 {
     Q_OBJECT
@@ -24,18 +23,8 @@ class TestE2eDialogs : public QObject
     // The PIN form and the message after a wrong PIN both carry the application's name alone.
     const QString formTitle = "^Corvant Scriva$";
     const QString fileDialogTitle = "^Select the PKCS#11 library of your token$";
-    const QMap<QString, QString> noUsableModule{{HostProcess::sampleModule, "/nonexistent/libpkcs11.so"},
-                                                {"<Path>opensc-pkcs11.so", "<Path>/nonexistent/opensc-pkcs11.so"},
-                                                {"<AllowManualSelection>false", "<AllowManualSelection>true"}};
 
     QString setDisplayTime() { return HostProcess::error(th.call("SetProperty", "{\"MinimalWindowDisplayTime\": 2000}")); }
-
-    // Starts a CreateObject, which needs a login, and returns the PIN form it opens (empty when none shows).
-    QString startLoginOperation(const QMap<QString, QString>& replacements = {})
-    {
-        th.send("createobject-2026", th.argument("createobject-2026", replacements));
-        return display.waitForWindow(formTitle);
-    }
 
     const char* wrongPin = "Hm3rT9vB";
     QTemporaryDir work;
@@ -45,8 +34,7 @@ class TestE2eDialogs : public QObject
     const bool dumped = true;
 #endif
 
-    // What of the PINs the running host keeps in its memory, in UTF-8 or UTF-16, or in its log
-    // (empty when nothing); gdb reads no debug information.
+    // The copies of the PINs in the running host's memory (UTF-8 or UTF-16) or its log; gdb reads no debug information.
     QString pinsLeft(HostProcess& host)
     {
         QFile core(work.filePath("core"));
@@ -66,13 +54,6 @@ class TestE2eDialogs : public QObject
         return found;
     }
 
-    // The method and error of the next answer.
-    QString nextAnswer()
-    {
-        const QJsonObject answer = th.readAnswer(60000);
-        return answer.value("method").toString().section('.', -1) + ": " + HostProcess::error(answer);
-    }
-
 private slots:
     void initTestCase()
     {
@@ -80,8 +61,7 @@ private slots:
         QVERIFY2(display.start(), qPrintable(display.lastError()));
         QVERIFY2(wayland.start(), qPrintable(wayland.lastError()));
         display.addTo(th.environment());
-        // The session's accessibility bus, on which a screen reader hears the host: private to this
-        // run, in the host's runtime directory, ended when its input closes.
+        // The accessibility bus a screen reader hears the host on: private to this run, ended when its input closes.
         accessibilityBus.setProcessEnvironment(th.environment());
         accessibilityBus.start("dbus-run-session", {"--", "sh", "-c", "echo $DBUS_SESSION_BUS_ADDRESS; /usr/libexec/at-spi-bus-launcher "
                                                     "--launch-immediately & read -r _; kill $!"});
@@ -89,8 +69,7 @@ private slots:
         th.environment().insert("DBUS_SESSION_BUS_ADDRESS", accessibilityBus.readLine().trimmed());
         th.environment().insert("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1");
         th.enableLog();
-        // Names the test module's file in the host's environment; the cases write it as they go.
-        QVERIFY(th.configureTestModule({}));
+        QVERIFY(th.configureTestModule({})); // names the file in the host's environment; the cases write it
         QVERIFY2(th.startWithToken(), qPrintable(th.lastError()));
     }
 
@@ -110,62 +89,27 @@ private slots:
         QVERIFY(display.windows(hostWindow).isEmpty());
     }
 
-    // A screen reader hears each window as it gets the focus; with the token at its last try the
-    // form carries the warning as the PIN field's description. Tab goes to OK then Cancel, Escape
-    // cancels; after a wrong PIN a message says so, then the form comes again for the right one.
-    void screenReaderHearsTheFormsAndTheWrongPinMessage()
-    {
-        QProcess reader; // on the host's accessibility bus
-        reader.setProcessEnvironment(th.environment());
-        reader.start("/usr/bin/python3", {SCRIVA_SOURCE_DIR "/tests/e2e/screenreader.py"});
-        QVERIFY(reader.waitForReadyRead(20000) && th.configureTestModule("user_pin_flags=final_try\n"));
-        QString heard;
-        // Each window is read before the keys go on.
-        const auto heardFocus = [&](int times) {
-            return QTest::qWaitFor([&] { return (heard += reader.readAll()).count("focus: ") >= times; }, 20000);
-        };
-        const QString first = startLoginOperation(HostProcess::onTestModule());
-        QTRY_VERIFY(th.logContains("The token warns: last PIN try"));
-        for (const int times : {1, 2, 3})
-            QVERIFY(heardFocus(times) && display.type(first, {}, times < 3 ? "Tab" : "Escape"));
-        QCOMPARE(nextAnswer(), "CreateObject: OperationCanceled");
-
-        const QString form = startLoginOperation(HostProcess::onTestModule());
-        QVERIFY(heardFocus(4) && display.type(form, "9999", "Return"));
-        const QString message = display.waitForWindow(formTitle, {form});
-        QVERIFY(!message.isEmpty() && display.waitUntilGone(form));
-        QVERIFY(heardFocus(5) && display.type(message, {}, "Return"));
-        const QString again = display.waitForWindow(formTitle, {form, message});
-        QVERIFY(heardFocus(6) && display.type(again, HostProcess::userPin, "Return"));
-        QCOMPARE(nextAnswer(), "CreateObject: ");
-        reader.close();
-        QFile expected(SCRIVA_TEST_DATA_DIR "/ui/screenreader-final-try.txt");
-        QVERIFY(expected.open(QIODevice::ReadOnly));
-        // All but the slot's number, which SoftHSM draws anew for each token.
-        QCOMPARE(heard.replace(QRegularExpression("slot ID 0x\\w+"), "slot ID").split('\n'), QString(expected.readAll()).split('\n'));
-    }
-
     void fileDialogChoosesTheModuleOrIsRejected()
     {
+        QMap<QString, QString> noModule{{HostProcess::sampleModule, "/nonexistent/libpkcs11.so"},
+                                        {"<Path>opensc-pkcs11.so", "<Path>/nonexistent/opensc-pkcs11.so"}};
         // Without manual selection no dialog is offered.
-        QMap<QString, QString> noModule = noUsableModule;
-        noModule.remove("<AllowManualSelection>false");
-        QCOMPARE(HostProcess::error(th.call("GetSlots", th.argument("getslots-2026", noModule))), "NoUsablePkcs11LibraryFound");
-        th.send("getslots-2026", th.argument("getslots-2026", noUsableModule));
+        QCOMPARE(HostProcess::error(th.call("getslots-2026", noModule)), "NoUsablePkcs11LibraryFound");
+        noModule.insert("<AllowManualSelection>false", "<AllowManualSelection>true");
+        th.send("getslots-2026", th.argument("getslots-2026", noModule));
         QVERIFY(display.type(display.waitForWindow(fileDialogTitle), SoftHsmToken::softHsmModulePath(), "Return"));
         const QString document = HostProcess::result(th.readAnswer(60000));
         QCOMPARE(HostProcess::texts(document, "Pkcs11LibraryPath"), QStringList{SoftHsmToken::softHsmModulePath()});
         QVERIFY(HostProcess::texts(document, "SerialNumber").contains(th.serialNumber()));
 
-        th.send("getcertificates-2022", th.argument("getcertificates-2022", noUsableModule));
+        th.send("getcertificates-2022", th.argument("getcertificates-2022", noModule));
         QVERIFY(display.type(display.waitForWindow(fileDialogTitle), {}, "Escape"));
-        QCOMPARE(nextAnswer(), "GetCertificates: UserRejectedFileDialog");
+        QCOMPARE(HostProcess::error(th.readAnswer(60000)), "UserRejectedFileDialog");
     }
 
-    // The PIN form, each row with a host of its own, ending as the row says; then neither PIN is
-    // left in the host's memory, in UTF-8 or UTF-16, nor in its log. Last, the host started as the
-    // WebExtensions portal and Flatpak's proxy start it for a sandboxed Firefox: not the browser's
-    // child, with little of the user's environment.
+    // The PIN form, a host for each row, ending as the row says; then neither PIN is left in the host's memory nor log.
+    // Last, the host started as the WebExtensions portal and Flatpak's proxy start it for a sandboxed Firefox: not
+    // the browser's child, with little of the user's environment.
     void pinIsUsedAndForgotten_data()
     {
         QTest::addColumn<bool>("onWayland");
@@ -230,13 +174,39 @@ private slots:
         QVERIFY(answer == "terminate" ? host.endedNormally(20000) : host.terminate());
     }
 
-    void terminateWhileTheUserIsAskedDropsTheOperation()
+    // A screen reader hears each window as it gets the focus, the last-try warning with the PIN field. Tab goes to OK
+    // then Cancel, Escape cancels; after a wrong PIN a message says so, and Terminate does not wait for the user.
+    void screenReaderHearsTheFormsAndTheWrongPinMessage()
     {
-        // The wrong-PIN message is open: termination must not wait for the user to dismiss it.
-        const QString form = startLoginOperation();
-        QVERIFY(display.type(form, "9999", "Return"));
-        QVERIFY(!display.waitForWindow(formTitle, {form}).isEmpty());
-        QVERIFY(th.terminate());
+        QProcess reader; // on the host's accessibility bus
+        reader.setProcessEnvironment(th.environment());
+        reader.start("/usr/bin/python3", {SCRIVA_SOURCE_DIR "/tests/e2e/screenreader.py"});
+        QVERIFY(reader.waitForReadyRead(20000) && th.configureTestModule("user_pin_flags=final_try\n"));
+        QString heard;
+        // Each window is read before the keys go on.
+        const auto heardFocus = [&](int times) {
+            return QTest::qWaitFor([&] { return (heard += reader.readAll()).count("focus: ") >= times; }, 20000);
+        };
+        // A CreateObject needs a login: the PIN form it opens.
+        const auto startLogin = [&] {
+            return th.send("createobject-2026", th.argument("createobject-2026", HostProcess::onTestModule())), display.waitForWindow(formTitle);
+        };
+        const QString first = startLogin();
+        QTRY_VERIFY(th.logContains("The token warns: last PIN try"));
+        for (const int times : {1, 2, 3})
+            QVERIFY(heardFocus(times) && display.type(first, {}, times < 3 ? "Tab" : "Escape"));
+        QCOMPARE(HostProcess::error(th.readAnswer(60000)), "OperationCanceled");
+
+        const QString form = startLogin();
+        QVERIFY(heardFocus(4) && display.type(form, "9999", "Return"));
+        const QString message = display.waitForWindow(formTitle, {form});
+        QVERIFY(!message.isEmpty() && display.waitUntilGone(form));
+        QVERIFY(heardFocus(5) && th.terminate());
+        reader.close();
+        QFile expected(SCRIVA_TEST_DATA_DIR "/ui/screenreader-final-try.txt");
+        QVERIFY(expected.open(QIODevice::ReadOnly));
+        // All but the slot's number, which SoftHSM draws anew for each token.
+        QCOMPARE(heard.replace(QRegularExpression("slot ID 0x\\w+"), "slot ID").split('\n'), QString(expected.readAll()).split('\n'));
     }
 
     void cleanupTestCase()

@@ -4,9 +4,8 @@
 #include <QSslCertificate>
 #include <QTest>
 
-// The built host through its pipes on a tpm2-pkcs11 token on a software TPM, logged in through the
-// test module's PIN pad in front of it: the token listed, a key pair made on the TPM with a request
-// openssl accepts, the certificate a CA issues for it stored, and found again.
+// The host on a tpm2-pkcs11 token on a software TPM, logged in by the test module's PIN pad: the token listed, a key
+// pair made on the TPM with a request openssl accepts, the certificate a CA issues for it stored and found again.
 class TestE2eTpm : public QObject
 {
     Q_OBJECT
@@ -20,7 +19,6 @@ private slots:
         HostProcess th;
         QVERIFY(th.configureTestModule("pin_pad_pin=" + QByteArray(HostProcess::userPin) + "\n"));
         QVERIFY2(th.startWithTpmToken(), qPrintable(th.lastError()));
-        // What a tool run in the work folder printed, or "failed: " and its errors.
         const auto run = [&](const QString& program, const QStringList& arguments) {
             QString output;
             return ExternalTool::run(program, arguments, &output, th.environment(), work.path()) ? output : "failed: " + output;

@@ -6,8 +6,7 @@
 class ExternalTool
 {
 public:
-    // True when the program exited with code 0 within `timeoutMs`. `output` receives what it wrote to
-    // stdout; when it failed, also what it wrote to stderr and why it failed.
+    // True when it exited with code 0 within `timeoutMs`; `output` gets its stdout, on failure also stderr and why.
     static bool run(const QString& program, const QStringList& arguments, QString* output = nullptr,
                     const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment(),
                     const QString& workingDirectory = {}, int timeoutMs = 60000);

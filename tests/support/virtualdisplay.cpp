@@ -13,9 +13,7 @@ bool VirtualDisplay::start()
 {
     if (kind == Wayland) {
         server.start("python3", {swayScript, "run", dir.path()});
-        const bool up = tool({"ready"}, &error); // the display's name, or what sway said
-        display = up ? error.trimmed() : QString();
-        return up;
+        return tool({"ready"}, &error) && !(display = error.trimmed()).isEmpty(); // the display's name, or what sway said
     }
     // The server writes its display number to standard output once it accepts clients.
     server.setProcessChannelMode(QProcess::ForwardedErrorChannel);
@@ -70,8 +68,7 @@ bool VirtualDisplay::waitUntilGone(const QString& window) const
     return QTest::qWaitFor([&] { return !windows(".").contains(window); }, 20000);
 }
 
-// On X the focus request and the keystrokes travel on one X connection, so the server applies them
-// in this order.
+// On X the focus request and the keystrokes share one connection, so the server applies them in order.
 bool VirtualDisplay::type(const QString& window, const QString& text, const QString& keys) const
 {
     if (kind == Wayland)

@@ -43,13 +43,12 @@ Pkcs11TokenInfo tokenInfo(CK_FLAGS flags = 0, const QByteArray& label = "My toke
 }
 
 // The host's catalogue for the language, installed while it lives.
-struct Catalogue
+struct Catalogue : QTranslator
 {
-    QTranslator translator;
     explicit Catalogue(const QString& language)
     {
-        QVERIFY(translator.load(QCoreApplication::applicationDirPath() + "/../share/translations/Scriva_" + language));
-        QCoreApplication::installTranslator(&translator);
+        QVERIFY(load(QCoreApplication::applicationDirPath() + "/../share/translations/Scriva_" + language));
+        QCoreApplication::installTranslator(this);
     }
 };
 
@@ -61,8 +60,7 @@ struct ManualClock : QAnimationDriver
     void step(int ms) { now += ms, advance(); }
 };
 
-// What the user sees, pixel for pixel, against tests/data/ui/<name>.png (written instead when
-// SCRIVA_WRITE_IMAGES is set; look at them before committing).
+// What the user sees, pixel for pixel, against tests/data/ui/<name>.png (SCRIVA_WRITE_IMAGES writes them).
 void compareLook(QWidget* widget, const QString& name)
 {
     const QImage seen = widget->grab().toImage().convertToFormat(QImage::Format_ARGB32);
@@ -75,8 +73,7 @@ void compareLook(QWidget* widget, const QString& name)
     }
 }
 
-// What a screen reader hears of the window: each button, text field, dialog and animation named in words, no
-// container announced as a frame (a window of its own) or a filler.
+// A screen reader hears each button, field, dialog and animation named in words, no container as a frame or filler.
 void checkReadable(QWidget* window)
 {
     QList<QWidget*> widgets = window->findChildren<QWidget*>();
@@ -89,14 +86,9 @@ void checkReadable(QWidget* window)
     }
 }
 
-// Answers the form that is open now, as a user would: type, tick the save box, press a button
-// (none named: the title bar's close button).
-// `fieldText` receives a string that shares the field's buffer, so the caller sees what was left in it.
-void answerForm(const QString& pin, const char* button, QString* fieldText = nullptr)
+// Types, ticks the save box and presses the button (none: the title bar's close); `fieldText` shares the field's buffer.
+void answerForm(PinForm* form, const QString& pin, const char* button, QString* fieldText = nullptr)
 {
-    PinForm* form = PinForm::openForm();
-    QVERIFY(form);
-    QTRY_VERIFY(form->isVisible());
     auto* field = form->findChild<QLineEdit*>(QStringLiteral("lePin"));
     // Typing never moves the characters to a new buffer that would leave the old one behind.
     const QChar* buffer = field->text().constData();
@@ -109,8 +101,7 @@ void answerForm(const QString& pin, const char* button, QString* fieldText = nul
                       Qt::LeftButton);
 }
 
-// The form and the wrong-PIN message run their own modal loop, so the answer comes from a timer
-// that fires inside it; `answer` gets the form, or null for the message.
+// The dialogs run their own modal loop: a timer answers from inside it (`answer` gets null for the message).
 void answerWhenOpen(QObject* context, std::function<void(PinForm*)> answer)
 {
     auto* timer = new QTimer(context);
@@ -135,8 +126,7 @@ QString askPin(PinFormLauncher& launcher, bool* savePin = nullptr)
 
 } // namespace
 
-// The host window, the PIN form and its launcher: the real widgets, looked at, dragged and typed
-// into, from the GUI thread and from a worker.
+// The host window, the PIN form and its launcher: real widgets looked at, dragged and typed into, from a worker too.
 class TestPinForm : public QObject
 {
     Q_OBJECT
@@ -144,10 +134,8 @@ class TestPinForm : public QObject
 private slots:
     void initTestCase() { QApplication::setCursorFlashTime(0); }
 
-    // A worker waits for the answer to the form over the host window; the typed characters are
-    // overwritten in the field's own buffer. The context PIN's form shows the save box as the caller
-    // left it and returns the user's choice; a second request meanwhile is refused in its own worker;
-    // the instance hears which form was asked.
+    // A worker waits for the form over the host window; what was typed is overwritten in the field's buffer. The
+    // context PIN's save box shows and returns the choice; a second request meanwhile is refused.
     void workerWaitsForTheAnswer_data()
     {
         QTest::addColumn<QString>("typed");
@@ -171,33 +159,29 @@ private slots:
         PinFormLauncher launcher;
         QSignalSpy shown(&launcher, context ? &PinFormLauncher::launchContextPinFormSignal : &PinFormLauncher::launchPinFormSignal);
         QFuture<QString> pin;
-        bool finishedEarly = true, overWindow = false;
         PinFormLauncher other;
-        QString box, field, secondError;
+        QString seen, field, secondError;
         answerWhenOpen(this, [&](PinForm* form) {
-            finishedEarly = pin.isFinished();
-            overWindow = form->parentWidget() == &window;
-            auto* saveBox = form->findChild<QCheckBox*>();
-            box = !saveBox->isVisible() ? "hidden" : saveBox->isChecked() ? "ticked" : "unticked";
+            auto* box = form->findChild<QCheckBox*>();
+            seen = QStringList{pin.isFinished() ? "answered" : "waiting", form->parentWidget() == &window ? "over the window" : "elsewhere",
+                               !box->isVisible() ? "box hidden" : box->isChecked() ? "box ticked" : "box unticked"}.join(", ");
             QFuture<QString> second = QtConcurrent::run([&] { return TestRequests::refusal([&] { askPin(other); }); });
             QTRY_VERIFY(second.isFinished());
             secondError = second.result();
-            answerForm(typed, button.constData(), &field);
+            answerForm(form, typed, button.constData(), &field);
         });
         bool savePin = false;
         pin = QtConcurrent::run([&] { return askPin(launcher, context ? &savePin : nullptr); });
         QTRY_VERIFY(pin.isFinished());
-        QVERIFY(!finishedEarly && overWindow);
         QCOMPARE(pin.result(), button == "btnOk" ? typed.left(256) : QString());
         QCOMPARE(field, QString(qMin(typed.size(), 256), QChar(0)));
-        QCOMPARE(box, context ? "unticked" : "hidden");
+        QCOMPARE(seen, QString("waiting, over the window, box ") + (context ? "unticked" : "hidden"));
         QCOMPARE(savePin, context);
         QCOMPARE(secondError, "PinForm is already opened!");
         QCOMPARE(shown.count(), 1);
     }
 
-    // Closing releases a worker waiting for the form or for the wrong-PIN message at once, shows
-    // nothing more until the launcher is opened again for the next operation.
+    // Closing releases a worker waiting for the form or the wrong-PIN message; nothing shows until reopened.
     void closingReleasesTheWaitingWorker_data()
     {
         QTest::addColumn<bool>("message");
@@ -210,14 +194,9 @@ private slots:
         QFETCH(bool, message);
         PinFormLauncher launcher;
         QFuture<QString> asked = QtConcurrent::run([&] {
-            if (message) {
-                launcher.showPinIncorrect(QStringLiteral("AppName"), QStringLiteral("Wrong PIN"));
-                return QStringLiteral("acknowledged");
-            }
-            return askPin(launcher);
+            return message ? (launcher.showPinIncorrect("AppName", "Wrong PIN"), QString("acknowledged")) : askPin(launcher);
         });
-        // Closed from inside the dialog's own modal loop, as a Terminate arriving then would; until
-        // then the worker waits, the message too.
+        // Closed from inside the dialog's modal loop, as a Terminate arriving then would.
         bool finishedEarly = true;
         answerWhenOpen(this, [&](PinForm*) { finishedEarly = asked.isFinished(), launcher.closeDialogs(); });
         QTRY_VERIFY(asked.isFinished());
@@ -228,13 +207,12 @@ private slots:
         QCOMPARE(askPin(launcher), QString());
         QVERIFY(!PinForm::openForm());
         launcher.reopen();
-        answerWhenOpen(this, [](PinForm*) { answerForm(QStringLiteral("4321"), "btnOk"); });
+        answerWhenOpen(this, [](PinForm* form) { answerForm(form, QStringLiteral("4321"), "btnOk"); });
         QCOMPARE(askPin(launcher), "4321");
     }
 
-    // The whole form as the user sees it, with the warning of the token's own count of wrong PINs
-    // (the last try outweighs the earlier ones); long names and a language switched while it is open
-    // widen it. A screen reader hears it in the language shown, the warning with the PIN field.
+    // The form with the token's wrong-PIN warning (the last try outweighs the count); long names and a language
+    // switched while open widen it. A screen reader hears the warning with the PIN field.
     void formLooks_data()
     {
         QTest::addColumn<QByteArray>("reader");
@@ -271,8 +249,7 @@ private slots:
         QCOMPARE(QAccessible::queryAccessibleInterface(form.findChild<QLineEdit*>())->text(QAccessible::Description), warning);
     }
 
-    // The host window: its wait animation turns while shown and starts over when shown again; dragged
-    // by its title bar with the left button only, hidden by its close button.
+    // The wait animation turns only while shown; the title bar drags with the left button, its close button hides.
     void hostWindowLooksAndMoves()
     {
         ManualClock clock;
